@@ -1,0 +1,20 @@
+// flow_controller.h - the session's life (init, tear-down, feature switches) and the per-frame
+// flow. All of these run on the caller's thread.
+#ifndef VMKTRRT_FLOW_FLOW_CONTROLLER_H
+#define VMKTRRT_FLOW_FLOW_CONTROLLER_H
+
+#include <cstdint>
+
+#include "vmKtrRT_SC.h"
+
+struct SessionContext;
+
+int32_t flow_controller_init(InitData data);
+int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* data);
+int32_t flow_controller_deinit(void);
+int32_t flow_controller_set_function(uint32_t flag, int32_t enable);
+int32_t flow_controller_trigger(TriggerData data);
+// Applies debugFlag bit 0 (temporal filter off) to the session's run-time filter switch.
+void flow_controller_apply_debug_flag(void);
+
+#endif  // VMKTRRT_FLOW_FLOW_CONTROLLER_H

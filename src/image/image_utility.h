@@ -1,0 +1,43 @@
+// image_utility.h - plane scaling, expansion and turning for the depth road, 16-bit depth turns,
+// and the chroma re-layout copy of the buffer manager. Plain functions on caller-owned memory;
+// none keeps state except the depth scratch, which only the depth worker thread uses.
+#ifndef VMKTRRT_IMAGE_IMAGE_UTILITY_H
+#define VMKTRRT_IMAGE_IMAGE_UTILITY_H
+
+#include <cstdint>
+
+// Rotation codes (the depth road passes the camera layout): 1 half turn, 2 none, 3 quarter turn
+// clockwise, 4 quarter turn counter-clockwise; any other value is a half turn.
+// Scales an NV12 frame to dstWidth x dstHeight by nearest sample on a 16.16 grid, expands it
+// to three full-resolution planes (luma, first chroma, second chroma) and turns them. Only the
+// first dstWidth and dstHeight rounded down to 4 are sampled; the rest of each plane is zero.
+// For codes 3 and 4 each destination plane is dstHeight wide and dstWidth tall.
+void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1,
+                                     uint8_t* dstPlane2, int32_t srcWidth, int32_t srcHeight, int32_t stride,
+                                     int32_t chromaRowStart, int32_t dstWidth, int32_t dstHeight,
+                                     int32_t rotationCode);
+
+// Half turn of a 16-bit map in place.
+void image_utility_rotate180(uint16_t* depth, int32_t width, int32_t height);
+
+// 16-bit turn from src (width x height) into dst: direction 0 clockwise, 1 counter-clockwise
+// (both give a height-wide map), 2 half turn; any other direction does nothing.
+void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int32_t height, int32_t direction);
+
+// Copies width x height luma unchanged and re-lays the chroma: destination row y (of width
+// rounded down to even bytes), pair k takes the source pair at (k rounded down to even) +
+// (y >> 2) x 2 x width. Reads at most width x height / 2 chroma bytes.
+void image_utility_copy_nv12_rechroma(uint8_t* dstLuma, uint8_t* dstChroma, const uint8_t* srcLuma,
+                                      const uint8_t* srcChroma, int32_t width, int32_t height);
+
+// Bytes image_utility_copy_nv12_rechroma writes in all (luma and chroma).
+int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height);
+
+// The shared 16-bit depth scratch: sized once for the largest configured depth map, used only
+// on the depth worker thread. Reserve returns false when memory runs out.
+bool image_utility_depth_scratch_reserve(int64_t samples);
+void image_utility_depth_scratch_release(void);
+uint16_t* image_utility_depth_scratch(void);
+int64_t image_utility_depth_scratch_capacity(void);
+
+#endif  // VMKTRRT_IMAGE_IMAGE_UTILITY_H

@@ -1,0 +1,161 @@
+// buffer_manager.cpp - slot allocation, lookup by state and the per-format frame copy.
+#include "memory/buffer_manager.h"
+
+#include <cstring>
+
+#include "debug/debug_log.h"
+#include "flow/session_context.h"
+#include "image/image_utility.h"
+#include "memory/heap.h"
+
+namespace {
+
+const int32_t kBytesPerPixel[kSlotCount] = {2, 2, 2, 1, 4, 4};
+
+void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
+  h->data = data;
+  h->size = size;
+  h->capacity = data != nullptr ? size : 0;
+  h->state.store(kSlotFree, std::memory_order_release);
+}
+
+// One block of twice the half size; B at A + bOffset. Slots 4 and 5 place B at the half of the
+// 2- and 1-byte slot whose dimensions they share, inside A's range: the working buffers are
+// used one at a time and the layout is kept as designed.
+void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, int32_t bOffset) {
+  const int32_t half = buffer_manager_half_size(width, height, bpp);
+  uint8_t* block = half > 0 && half <= INT32_MAX / 2 ? static_cast<uint8_t*>(heap_allocate(2 * static_cast<size_t>(half))) : nullptr;
+  if (bOffset < 0) bOffset = half;
+  setHalf(&slot->a, block, half);
+  setHalf(&slot->b, block != nullptr ? block + bOffset : nullptr, half);
+  // B's usable bytes end with the block.
+  if (block != nullptr) slot->b.capacity = 2 * half - bOffset;
+}
+
+}  // namespace
+
+int32_t buffer_manager_half_size(int32_t width, int32_t height, int32_t bytesPerPixel) {
+  const int64_t bytes = static_cast<int64_t>(width) * height * bytesPerPixel;
+  if (width <= 0 || height <= 0 || bytesPerPixel <= 0 || bytes > INT32_MAX) return -1;
+  const int64_t half = 16 * ((bytes >> 4) + 1);
+  return half > INT32_MAX ? -1 : static_cast<int32_t>(half);
+}
+
+int32_t buffer_manager_allocate(SessionContext* ctx) {
+  static const int kOrder[] = {0, 1, 3, 2};
+  for (int n : kOrder) {
+    BufferSlot* s = session_slot(ctx, n);
+    allocateSlot(s, s->width, s->height, kBytesPerPixel[n], -1);
+  }
+  // Slots 5 and 4 keep width and height as initialisation zeroed them; sizes follow 3 and 2.
+  const BufferSlot& depth = ctx->slots[kSlotDepth];
+  const BufferSlot& refocus = ctx->slots[kSlotRefocus];
+  allocateSlot(session_slot(ctx, kSlotRefocusWork), refocus.width, refocus.height, 4,
+               buffer_manager_half_size(refocus.width, refocus.height, 1));
+  allocateSlot(session_slot(ctx, kSlotDepthWork), depth.width, depth.height, 4,
+               buffer_manager_half_size(depth.width, depth.height, 2));
+  return 0;
+}
+
+bool buffer_manager_all_allocated(const SessionContext* ctx) {
+  for (int n = 0; n < kSlotCount; ++n)
+    if (session_slot(const_cast<SessionContext*>(ctx), n)->a.data == nullptr) return false;
+  return true;
+}
+
+int32_t buffer_manager_free(SessionContext* ctx) {
+  for (int n = 0; n < kSlotCount; ++n) {
+    BufferSlot* s = session_slot(ctx, n);
+    heap_free(s->a.data);
+    // The pointers are dropped too, so that a second tear-down cannot free them again.
+    s->a.data = nullptr;
+    s->b.data = nullptr;
+    s->a.capacity = s->b.capacity = 0;
+  }
+  return 0;
+}
+
+BufferHalf* buffer_manager_get_buffer(SessionContext* ctx, int32_t slot, uint32_t mask) {
+  if (slot < 0 || slot >= kSlotCount) return nullptr;
+  BufferSlot* s = session_slot(ctx, slot);
+  if ((s->a.state.load(std::memory_order_acquire) & mask) != 0) return &s->a;
+  if ((s->b.state.load(std::memory_order_acquire) & mask) != 0) return &s->b;
+  return nullptr;
+}
+
+void buffer_manager_reset_slot(SessionContext* ctx, int32_t slot) {
+  if (slot < 0 || slot >= kSlotCount) return;
+  BufferSlot* s = session_slot(ctx, slot);
+  s->a.state.store(kSlotFree, std::memory_order_release);
+  s->b.state.store(kSlotFree, std::memory_order_release);
+}
+
+void buffer_manager_publish(BufferHalf* written, BufferHalf* previouslyFilled) {
+  if (previouslyFilled != nullptr && previouslyFilled != written)
+    previouslyFilled->state.store(kSlotFree, std::memory_order_release);
+  if (written != nullptr) written->state.store(kSlotFilled, std::memory_order_release);
+}
+
+void buffer_manager_copy_buffer_from_trigger(BufferHalf* dst, const ImageDesc* src, int32_t imageFormat, int32_t width,
+                                             int32_t height, int32_t stride, int32_t scanline) {
+  if (dst == nullptr || src == nullptr || dst->data == nullptr || src->data == nullptr || dst->size < src->size ||
+      src->size < 0) {
+    VM_LOG("<VEMTA_LOG>!!!BUFFER ERROR!!!\n");
+    return;
+  }
+  const bool unpadded = width == stride && height == scanline;
+  const int64_t pixels = width > 0 && height > 0 ? static_cast<int64_t>(width) * height : -1;
+  // What each format reads from the caller and writes into the slot; a frame whose claimed
+  // size or dimensions do not cover that is refused rather than read or written past its end.
+  int64_t reads = src->size;
+  int64_t writes = src->size;
+  bool supported = unpadded;
+  switch (imageFormat) {
+    case 0: case 1: case 3: case 4: case 5:
+      break;
+    case 2:
+      reads = pixels + 2 * (pixels / 4);
+      writes = reads;
+      supported = supported && pixels >= 0;
+      break;
+    case 6:
+      reads = pixels;
+      writes = image_utility_rechroma_output_bytes(width, height);
+      supported = supported && pixels > 0 && src->plane2 != nullptr;
+      break;
+    default:
+      supported = false;
+      break;
+  }
+  if (!supported) {
+    VM_LOG("<VEMTA_LOG>!!!ERROR!!! NOT SUPPORT.............\n");
+    return;
+  }
+  if (reads > src->size || writes > dst->capacity) {
+    VM_LOG("<VEMTA_LOG>!!!BUFFER ERROR!!!\n");
+    return;
+  }
+  dst->size = src->size;
+  switch (imageFormat) {
+    case 2: {
+      const size_t n = static_cast<size_t>(pixels);
+      memcpy(dst->data, src->data, n);
+      // Planar 4:2:0 to semi-planar, first chroma plane first.
+      const uint8_t* c1 = src->data + n;
+      const uint8_t* c2 = c1 + n / 4;
+      uint8_t* out = dst->data + n;
+      if (pixels >= 4)
+        for (size_t i = 0; i < n / 4; ++i) {
+          out[2 * i] = c1[i];
+          out[2 * i + 1] = c2[i];
+        }
+      break;
+    }
+    case 6:
+      image_utility_copy_nv12_rechroma(dst->data, dst->data + pixels, src->data, src->plane2, width, height);
+      break;
+    default:
+      memcpy(dst->data, src->data, static_cast<size_t>(src->size));
+      break;
+  }
+}
