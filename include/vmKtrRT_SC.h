@@ -23,41 +23,41 @@ extern "C" {
 /* Session set-up: 35 words. Reserved words keep the record at its size and are never read.
  * Flags count as on only when exactly 1. */
 typedef struct InitData {
-  int32_t screenWidth;         /* 0 */
-  int32_t screenHeight;        /* 1 */
-  uint32_t reserved2;          /* 2 */
-  uint32_t reserved3;          /* 3 */
-  int32_t previewMainWidth;    /* 4 */
-  int32_t previewMainHeight;   /* 5 */
-  int32_t previewMainStride;   /* 6: must equal previewMainWidth */
-  int32_t previewMainScanline; /* 7: must equal previewMainHeight */
-  int32_t previewSubWidth;     /* 8 */
-  int32_t previewSubHeight;    /* 9 */
-  int32_t previewSubStride;    /* 10 */
-  int32_t previewSubScanline;  /* 11 */
-  int32_t depthWidth;          /* 12: as the caller sees the depth map */
-  int32_t depthHeight;         /* 13 */
-  uint32_t reserved14;         /* 14 */
-  uint32_t reserved15;         /* 15 */
-  uint32_t cameraLayout;       /* 16: low 4 bits layout 1..4; 0x10 chip depth; 0x20 10-bit; 0x40 8-bit */
-  const uint8_t* otpData;      /* 17: calibration block, first choice */
-  const uint8_t* otpDataAlt;   /* 18: used only when otpData is null */
-  int32_t otpSize;             /* 19 */
-  uint32_t reserved20;         /* 20 */
-  uint32_t reserved21;         /* 21 */
-  uint32_t rendererExtraParam; /* 22: non-zero selects the renderer's extended initialisation */
-  uint32_t reserved23;         /* 23 */
-  uint32_t reserved24;         /* 24 */
-  uint32_t reserved25;         /* 25 */
-  uint32_t reserved26;         /* 26 */
-  int32_t OffRender;           /* 27 */
-  int32_t isPortrait;          /* 28 */
-  int32_t isGB;                /* 29 */
-  int32_t isFrontCam;          /* 30 */
-  int32_t ImageFormat;         /* 31: 0..6 */
-  int32_t ishighDepthQuality;  /* 32 */
+  int32_t screenWidth;           /* 0 */
+  int32_t screenHeight;          /* 1 */
+  uint32_t reserved2;            /* 2 */
+  uint32_t reserved3;            /* 3 */
+  int32_t previewMainWidth;      /* 4 */
+  int32_t previewMainHeight;     /* 5 */
+  int32_t previewMainStride;     /* 6: must equal previewMainWidth */
+  int32_t previewMainScanline;   /* 7: must equal previewMainHeight */
+  int32_t previewSubWidth;       /* 8 */
+  int32_t previewSubHeight;      /* 9 */
+  int32_t previewSubStride;      /* 10 */
+  int32_t previewSubScanline;    /* 11 */
+  int32_t depthWidth;            /* 12: as the caller sees the depth map */
+  int32_t depthHeight;           /* 13 */
+  uint32_t reserved14;           /* 14 */
+  uint32_t reserved15;           /* 15 */
+  uint32_t cameraLayout;         /* 16: low 4 bits layout 1..4; 0x10 chip depth; 0x20 10-bit; 0x40 8-bit */
+  const uint8_t* otpData;        /* 17: calibration block, first choice */
+  const uint8_t* otpDataAlt;     /* 18: used only when otpData is null */
+  int32_t otpSize;               /* 19 */
+  uint32_t reserved20;           /* 20 */
+  uint32_t reserved21;           /* 21 */
+  uint32_t rendererExtraParam;   /* 22: non-zero selects the renderer's extended initialisation */
+  uint32_t reserved23;           /* 23 */
+  uint32_t reserved24;           /* 24 */
+  uint32_t reserved25;           /* 25 */
+  uint32_t reserved26;           /* 26 */
+  int32_t OffRender;             /* 27 */
+  int32_t isPortrait;            /* 28 */
+  int32_t isGB;                  /* 29 */
+  int32_t isFrontCam;            /* 30 */
+  int32_t ImageFormat;           /* 31: 0..6 */
+  int32_t ishighDepthQuality;    /* 32 */
   int32_t isUsingTemporalFilter; /* 33 */
-  int32_t isUsingDistanceMap;  /* 34 */
+  int32_t isUsingDistanceMap;    /* 34 */
 } InitData;
 
 /* One image handed over with a frame: 5 words. */

@@ -16,8 +16,7 @@ extern "C" {
 #define VM_HOST_PROP_VALUE_MAX 92 /* the platform's maximum value size, zero included */
 #define VM_HOST_PROP_NAME_MAX 256
 
-int __android_log_print(int prio, const char* tag, const char* fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int __android_log_print(int prio, const char* tag, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
 int __system_property_get(const char* name, char* value);
 
 /* Sets (or with a null value removes) a property; values longer than 91 bytes are cut there.

@@ -15,11 +15,11 @@
 namespace {
 
 // Reads one of the Init-time flag words and echoes it, whatever the log flags say.
-#define READ_AND_ECHO(word, property, tag)                                                        \
-  do {                                                                                            \
-    word.store(debug_read_property_int(property), std::memory_order_relaxed);                     \
+#define READ_AND_ECHO(word, property, tag)                                                                      \
+  do {                                                                                                          \
+    word.store(debug_read_property_int(property), std::memory_order_relaxed);                                   \
     __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, "<VEMTA_LOG>[vmKtrRT_SC]<" tag "> %s:%d: %x \n", __func__, \
-                        __LINE__, static_cast<unsigned>(word.load(std::memory_order_relaxed)));   \
+                        __LINE__, static_cast<unsigned>(word.load(std::memory_order_relaxed)));                 \
   } while (0)
 
 long elapsedMs(const struct timeval& start) {

@@ -40,15 +40,15 @@ inline bool debug_log_on(int32_t mask) {
 #define VM_LOG(fmt, ...) \
   __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, VM_LOG_PREFIX fmt, __func__, __LINE__, ##__VA_ARGS__)
 // Line gated by log flag bits.
-#define VM_LOG_IF(mask, fmt, ...)               \
-  do {                                          \
+#define VM_LOG_IF(mask, fmt, ...)                       \
+  do {                                                  \
     if (debug_log_on(mask)) VM_LOG(fmt, ##__VA_ARGS__); \
   } while (0)
 // Profiling line (no gate of its own; callers test kLogProfileMask).
 #define VM_PROFILE(fmt, ...) \
   __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, VM_PROFILE_PREFIX fmt, __func__, __LINE__, ##__VA_ARGS__)
-#define VM_PROFILE_IF(fmt, ...)                          \
-  do {                                                   \
+#define VM_PROFILE_IF(fmt, ...)                                        \
+  do {                                                                 \
     if (debug_log_on(kLogProfileMask)) VM_PROFILE(fmt, ##__VA_ARGS__); \
   } while (0)
 

@@ -14,7 +14,7 @@
 
 namespace {
 
-const char* const kDumpNames[] = {"preview-main", "preview-sub", "depth",     "refocus", "refocus-using",
+const char* const kDumpNames[] = {"preview-main", "preview-sub", "depth",       "refocus", "refocus-using",
                                   "depth-main",   "depth-sub",   "preview-out", "eeprom"};
 const int32_t kDumpBits[] = {0x01, 0x02, 0x04, 0x08, 0x08, 0x10, 0x20, 0x80, 0x40};
 
@@ -24,18 +24,16 @@ const int32_t kDumpBits[] = {0x01, 0x02, 0x04, 0x08, 0x08, 0x10, 0x20, 0x80, 0x4
 // words, and the %.2f field reads focusX (low word) and focusY (high word) as one double. The
 // names have always looked so and tools match on them; the same text is computed here from the
 // values themselves, so that every target prints it without mismatched arguments.
-void refocusName(char* dst, size_t cap, int32_t counter, const char* name, float fNumber,
-                 int32_t focusX, int32_t focusY, int32_t width, int32_t height) {
+void refocusName(char* dst, size_t cap, int32_t counter, const char* name, float fNumber, int32_t focusX,
+                 int32_t focusY, int32_t width, int32_t height) {
   double f = fNumber;
   uint64_t fBits;
   memcpy(&fBits, &f, sizeof fBits);
-  uint64_t focusBits = (static_cast<uint64_t>(static_cast<uint32_t>(focusY)) << 32) |
-                       static_cast<uint32_t>(focusX);
+  uint64_t focusBits = (static_cast<uint64_t>(static_cast<uint32_t>(focusY)) << 32) | static_cast<uint32_t>(focusX);
   double focusAsDouble;
   memcpy(&focusAsDouble, &focusBits, sizeof focusAsDouble);
-  snprintf(dst, cap, "%04d-%s-%dx%d-%.2f-%dx%d.%s", counter, name,
-           static_cast<int32_t>(static_cast<uint32_t>(fBits)), static_cast<int32_t>(static_cast<uint32_t>(fBits >> 32)),
-           focusAsDouble, width, height, "raw");
+  snprintf(dst, cap, "%04d-%s-%dx%d-%.2f-%dx%d.%s", counter, name, static_cast<int32_t>(static_cast<uint32_t>(fBits)),
+           static_cast<int32_t>(static_cast<uint32_t>(fBits >> 32)), focusAsDouble, width, height, "raw");
 }
 
 }  // namespace

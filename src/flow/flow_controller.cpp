@@ -15,7 +15,9 @@ SessionContext g_session;
 
 namespace {
 
-int32_t onlyOne(int32_t v) { return v == 1 ? 1 : 0; }
+int32_t onlyOne(int32_t v) {
+  return v == 1 ? 1 : 0;
+}
 
 void releaseOtp(SessionContext* ctx) {
   heap_free(ctx->otpCopy);
@@ -84,7 +86,8 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
   ctx->cameraLayout = static_cast<int32_t>(d->cameraLayout & 0xF);
 
   char* from = ctx->versionText;
-  memset(static_cast<void*>(from), 0, sizeof(SessionContext) - static_cast<size_t>(from - reinterpret_cast<char*>(ctx)));
+  memset(static_cast<void*>(from), 0,
+         sizeof(SessionContext) - static_cast<size_t>(from - reinterpret_cast<char*>(ctx)));
   memcpy(ctx->versionText, VMKTRRT_SC_VERSION, sizeof VMKTRRT_SC_VERSION);
   return 0;
 }

@@ -129,13 +129,29 @@ inline BufferSlot* session_slot(SessionContext* ctx, int n) {
 }
 
 // The sizes the rest of the system knows by name live in the slots' first two words.
-inline int32_t session_preview_main_width(const SessionContext* c) { return c->slots[kSlotMain].width; }
-inline int32_t session_preview_main_height(const SessionContext* c) { return c->slots[kSlotMain].height; }
-inline int32_t session_preview_sub_width(const SessionContext* c) { return c->slots[kSlotSub].width; }
-inline int32_t session_preview_sub_height(const SessionContext* c) { return c->slots[kSlotSub].height; }
-inline int32_t session_depth_width(const SessionContext* c) { return c->slots[kSlotDepth].width; }
-inline int32_t session_depth_height(const SessionContext* c) { return c->slots[kSlotDepth].height; }
-inline int32_t session_refocus_width(const SessionContext* c) { return c->slots[kSlotRefocus].width; }
-inline int32_t session_refocus_height(const SessionContext* c) { return c->slots[kSlotRefocus].height; }
+inline int32_t session_preview_main_width(const SessionContext* c) {
+  return c->slots[kSlotMain].width;
+}
+inline int32_t session_preview_main_height(const SessionContext* c) {
+  return c->slots[kSlotMain].height;
+}
+inline int32_t session_preview_sub_width(const SessionContext* c) {
+  return c->slots[kSlotSub].width;
+}
+inline int32_t session_preview_sub_height(const SessionContext* c) {
+  return c->slots[kSlotSub].height;
+}
+inline int32_t session_depth_width(const SessionContext* c) {
+  return c->slots[kSlotDepth].width;
+}
+inline int32_t session_depth_height(const SessionContext* c) {
+  return c->slots[kSlotDepth].height;
+}
+inline int32_t session_refocus_width(const SessionContext* c) {
+  return c->slots[kSlotRefocus].width;
+}
+inline int32_t session_refocus_height(const SessionContext* c) {
+  return c->slots[kSlotRefocus].height;
+}
 
 #endif  // VMKTRRT_FLOW_SESSION_CONTEXT_H

@@ -13,10 +13,9 @@ uint16_t* g_depthScratch = nullptr;
 int64_t g_depthScratchCapacity = 0;
 }  // namespace
 
-void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1,
-                                     uint8_t* dstPlane2, int32_t srcWidth, int32_t srcHeight, int32_t stride,
-                                     int32_t chromaRowStart, int32_t dstWidth, int32_t dstHeight,
-                                     int32_t rotationCode) {
+void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1, uint8_t* dstPlane2,
+                                     int32_t srcWidth, int32_t srcHeight, int32_t stride, int32_t chromaRowStart,
+                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode) {
   // Sizes come from initialisation, which refuses these; still, never divide by zero or index
   // a plane with a negative size.
   if (src == nullptr || dstPlane0 == nullptr || dstPlane1 == nullptr || dstPlane2 == nullptr || srcWidth <= 0 ||
@@ -82,7 +81,8 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
   // The unsampled border is left to the implementation: zero it so results are reproducible.
   for (uint8_t* t : {t0, t1, t2}) {
     for (int32_t r = 0; r < rows; ++r)
-      memset(t + static_cast<size_t>(r) * static_cast<size_t>(dstWidth) + cols, 0, static_cast<size_t>(dstWidth - cols));
+      memset(t + static_cast<size_t>(r) * static_cast<size_t>(dstWidth) + cols, 0,
+             static_cast<size_t>(dstWidth - cols));
     memset(t + static_cast<size_t>(rows) * static_cast<size_t>(dstWidth), 0,
            static_cast<size_t>(dstHeight - rows) * static_cast<size_t>(dstWidth));
   }
@@ -183,5 +183,9 @@ void image_utility_depth_scratch_release(void) {
   g_depthScratchCapacity = 0;
 }
 
-uint16_t* image_utility_depth_scratch(void) { return g_depthScratch; }
-int64_t image_utility_depth_scratch_capacity(void) { return g_depthScratchCapacity; }
+uint16_t* image_utility_depth_scratch(void) {
+  return g_depthScratch;
+}
+int64_t image_utility_depth_scratch_capacity(void) {
+  return g_depthScratchCapacity;
+}

@@ -5,8 +5,12 @@
 
 #include "memory/heap.h"
 
-void* plane_alloc(size_t size) { return heap_aligned_allocate(size, 16); }
-void plane_free(void* block) { heap_aligned_free(block); }
+void* plane_alloc(size_t size) {
+  return heap_aligned_allocate(size, 16);
+}
+void plane_free(void* block) {
+  heap_aligned_free(block);
+}
 
 namespace {
 
@@ -37,7 +41,8 @@ void plane_rotate_u8_reference(const uint8_t* src, int32_t w, int32_t h, int32_t
   if (!usable(src, w, h, dst, degree)) return;
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x)
-      dst[destIndex(degree, x, y, w, h, dstStride)] = src[static_cast<size_t>(y) * static_cast<size_t>(srcStride) + static_cast<size_t>(x)];
+      dst[destIndex(degree, x, y, w, h, dstStride)] =
+          src[static_cast<size_t>(y) * static_cast<size_t>(srcStride) + static_cast<size_t>(x)];
 }
 
 void plane_rotate_u8(const uint8_t* src, int32_t w, int32_t h, int32_t srcStride, uint8_t* dst, int32_t dstStride,

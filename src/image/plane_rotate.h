@@ -7,7 +7,7 @@
 #include <cstdint>
 
 // Degree codes as the depth road passes them.
-constexpr int32_t kRotate90 = 1;   // clockwise
+constexpr int32_t kRotate90 = 1;  // clockwise
 constexpr int32_t kRotate180 = 2;
 constexpr int32_t kRotate270 = 3;  // clockwise (= 90 counter-clockwise)
 
@@ -21,7 +21,7 @@ void plane_free(void* block);
 void plane_rotate_u8(const uint8_t* src, int32_t srcWidth, int32_t srcHeight, int32_t srcStride, uint8_t* dst,
                      int32_t dstStride, int32_t degree);
 // The same, one pixel at a time: the reference the tiled path is tested against.
-void plane_rotate_u8_reference(const uint8_t* src, int32_t srcWidth, int32_t srcHeight, int32_t srcStride,
-                               uint8_t* dst, int32_t dstStride, int32_t degree);
+void plane_rotate_u8_reference(const uint8_t* src, int32_t srcWidth, int32_t srcHeight, int32_t srcStride, uint8_t* dst,
+                               int32_t dstStride, int32_t degree);
 
 #endif  // VMKTRRT_IMAGE_PLANE_ROTATE_H

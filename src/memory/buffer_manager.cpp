@@ -24,7 +24,8 @@ void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
 // used one at a time and the layout is kept as designed.
 void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, int32_t bOffset) {
   const int32_t half = buffer_manager_half_size(width, height, bpp);
-  uint8_t* block = half > 0 && half <= INT32_MAX / 2 ? static_cast<uint8_t*>(heap_allocate(2 * static_cast<size_t>(half))) : nullptr;
+  uint8_t* block =
+      half > 0 && half <= INT32_MAX / 2 ? static_cast<uint8_t*>(heap_allocate(2 * static_cast<size_t>(half))) : nullptr;
   if (bOffset < 0) bOffset = half;
   setHalf(&slot->a, block, half);
   setHalf(&slot->b, block != nullptr ? block + bOffset : nullptr, half);
@@ -111,7 +112,11 @@ void buffer_manager_copy_buffer_from_trigger(BufferHalf* dst, const ImageDesc* s
   int64_t writes = src->size;
   bool supported = unpadded;
   switch (imageFormat) {
-    case 0: case 1: case 3: case 4: case 5:
+    case 0:
+    case 1:
+    case 3:
+    case 4:
+    case 5:
       break;
     case 2:
       reads = pixels + 2 * (pixels / 4);

@@ -27,7 +27,9 @@ void* heap_allocate(size_t size) {
   return malloc(size == 0 ? 1 : size);
 }
 
-void heap_free(void* block) { free(block); }
+void heap_free(void* block) {
+  free(block);
+}
 
 void* heap_aligned_allocate(size_t size, size_t alignment) {
   if (injectFailure()) return nullptr;
@@ -37,7 +39,9 @@ void* heap_aligned_allocate(size_t size, size_t alignment) {
   return p;
 }
 
-void heap_aligned_free(void* block) { free(block); }
+void heap_aligned_free(void* block) {
+  free(block);
+}
 
 void heap_fault_inject(int32_t countdown, bool persistent) {
   g_persistent.store(persistent, std::memory_order_relaxed);
@@ -45,4 +49,6 @@ void heap_fault_inject(int32_t countdown, bool persistent) {
   g_countdown.store(countdown > 0 ? countdown : 0, std::memory_order_relaxed);
 }
 
-int32_t heap_fault_count(void) { return g_failures.load(std::memory_order_relaxed); }
+int32_t heap_fault_count(void) {
+  return g_failures.load(std::memory_order_relaxed);
+}

@@ -62,10 +62,14 @@ TEST_F(EntryPoints, InitEchoesPropertiesInOrderAndSkipsDisplayWithoutDebug) {
   ASSERT_EQ(vmKtrRT_SC_Init(initData()), 0u);
   const auto lines = log.lines();
   ASSERT_GE(lines.size(), 4u);
-  EXPECT_TRUE(std::regex_match(lines[0], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\] vmKtrRT_SC_Init:\d+: KtrRT_SC Version:\[v0\.47\]\n)")));
-  EXPECT_TRUE(std::regex_match(lines[1], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET LOG> vmKtrRT_SC_Init:\d+: 12 \n)")));
-  EXPECT_TRUE(std::regex_match(lines[2], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET DEBUG> vmKtrRT_SC_Init:\d+: 0 \n)")));
-  EXPECT_TRUE(std::regex_match(lines[3], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET STATUS INFO> vmKtrRT_SC_Init:\d+: 0 \n)")));
+  EXPECT_TRUE(std::regex_match(
+      lines[0], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\] vmKtrRT_SC_Init:\d+: KtrRT_SC Version:\[v0\.47\]\n)")));
+  EXPECT_TRUE(
+      std::regex_match(lines[1], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET LOG> vmKtrRT_SC_Init:\d+: 12 \n)")));
+  EXPECT_TRUE(
+      std::regex_match(lines[2], std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET DEBUG> vmKtrRT_SC_Init:\d+: 0 \n)")));
+  EXPECT_TRUE(std::regex_match(lines[3],
+                               std::regex(R"(<VEMTA_LOG>\[vmKtrRT_SC\]<SET STATUS INFO> vmKtrRT_SC_Init:\d+: 0 \n)")));
   EXPECT_EQ(log.count("SET DEBUG DISPLAY"), 0u);
   // logFlags 0x12: the profiling pair around the flow controller.
   EXPECT_EQ(log.count("<VEMTA_LOG>[vmKtrRT_SC][PROFILE] vmKtrRT_SC_Init:"), 2u);

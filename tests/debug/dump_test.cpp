@@ -1,6 +1,7 @@
 // Dump file names for every kind, the guard on the dump flags, and the dump writer.
-#include <gtest/gtest.h>
+#include "debug/dump.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -9,7 +10,6 @@
 #include <string>
 
 #include "debug/debug_log.h"
-#include "debug/dump.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
 

@@ -53,7 +53,9 @@ int32_t record(const char* name, std::vector<int64_t> args, float f = 0.0f) {
   return result;
 }
 
-int64_t addr(const void* p) { return static_cast<int64_t>(reinterpret_cast<intptr_t>(p)); }
+int64_t addr(const void* p) {
+  return static_cast<int64_t>(reinterpret_cast<intptr_t>(p));
+}
 
 void writeText(char* text, int32_t size, const char* value) {
   if (text != nullptr && size > 0) snprintf(text, static_cast<size_t>(size), "%s", value);
@@ -84,7 +86,9 @@ std::vector<Call> calls(const std::string& name) {
   return out;
 }
 
-size_t count(const std::string& name) { return calls(name).size(); }
+size_t count(const std::string& name) {
+  return calls(name).size();
+}
 
 std::vector<std::string> names() {
   std::vector<std::string> out;
@@ -122,8 +126,12 @@ int32_t vmDpx2_VersionInfo_Get_LV(char* text, int32_t size) {
   fakes::writeText(text, size, "fake-dpx2");
   return record("vmDpx2_VersionInfo_Get_LV", {addr(text), size});
 }
-int32_t vmDpx2_CameraLayout_Set_LV(int32_t layout) { return record("vmDpx2_CameraLayout_Set_LV", {layout}); }
-int32_t vmDpx2RT_FieldofDepth_Set(int32_t mode) { return record("vmDpx2RT_FieldofDepth_Set", {mode}); }
+int32_t vmDpx2_CameraLayout_Set_LV(int32_t layout) {
+  return record("vmDpx2_CameraLayout_Set_LV", {layout});
+}
+int32_t vmDpx2RT_FieldofDepth_Set(int32_t mode) {
+  return record("vmDpx2RT_FieldofDepth_Set", {mode});
+}
 int32_t vmDpx2_Express_Init(const uint8_t* a, int32_t sa, int32_t w, int32_t h, const uint8_t* b, int32_t sb) {
   {
     std::lock_guard<std::mutex> g(fakes::state().mu);
@@ -146,7 +154,9 @@ int32_t vmDpx2_Run_Express(uint16_t* out, DpxImage* mainImage, DpxImage* subImag
       for (int32_t x = 0; x < w; ++x) out[y * w + x] = fakes::fakeDepthValue(x, y, frame);
   return r;
 }
-int32_t vmDpx2_Express_Close(void) { return record("vmDpx2_Express_Close", {}); }
+int32_t vmDpx2_Express_Close(void) {
+  return record("vmDpx2_Express_Close", {});
+}
 
 int32_t vmZu_VersionInfo_Get(char* text, int32_t size) {
   fakes::writeText(text, size, "fake-zu");
@@ -162,17 +172,22 @@ int32_t vmZu_TemporalFilterU16_Run(uint16_t* out, const uint16_t* in, int32_t dw
     memmove(out, in, static_cast<size_t>(dw) * static_cast<size_t>(dh) * sizeof(uint16_t));
   return record("vmZu_TemporalFilterU16_Run", {addr(out), addr(in), dw, dh, addr(guide), mw, mh});
 }
-int32_t vmZu_TemporalFilterU16_Close(void) { return record("vmZu_TemporalFilterU16_Close", {}); }
+int32_t vmZu_TemporalFilterU16_Close(void) {
+  return record("vmZu_TemporalFilterU16_Close", {});
+}
 
 int32_t vmKtr_GLVersionInfo_Get(char* text, int32_t size) {
   fakes::writeText(text, size, "fake-gl");
   return record("vmKtr_GLVersionInfo_Get", {addr(text), size});
 }
-int32_t vmKtrRT_CameraLayout_Set(int32_t layout) { return record("vmKtrRT_CameraLayout_Set", {layout}); }
-int32_t vmKtrRT_GLInitV1(const uint8_t* a, int32_t sa, const uint8_t* b, int32_t sb, int32_t pw, int32_t ph,
-                         int32_t dw, int32_t dh, int32_t rw, int32_t rh, int32_t sw, int32_t sh, int32_t portrait,
+int32_t vmKtrRT_CameraLayout_Set(int32_t layout) {
+  return record("vmKtrRT_CameraLayout_Set", {layout});
+}
+int32_t vmKtrRT_GLInitV1(const uint8_t* a, int32_t sa, const uint8_t* b, int32_t sb, int32_t pw, int32_t ph, int32_t dw,
+                         int32_t dh, int32_t rw, int32_t rh, int32_t sw, int32_t sh, int32_t portrait,
                          int32_t offRender, int32_t format, int32_t gb) {
-  return record("vmKtrRT_GLInitV1", {addr(a), sa, addr(b), sb, pw, ph, dw, dh, rw, rh, sw, sh, portrait, offRender, format, gb});
+  return record("vmKtrRT_GLInitV1",
+                {addr(a), sa, addr(b), sb, pw, ph, dw, dh, rw, rh, sw, sh, portrait, offRender, format, gb});
 }
 int32_t vmKtrRT_GLInitV1_1(const uint8_t* a, int32_t sa, const uint8_t* b, int32_t sb, int32_t pw, int32_t ph,
                            int32_t dw, int32_t dh, int32_t rw, int32_t rh, int32_t sw, int32_t sh, int32_t portrait,
@@ -186,8 +201,12 @@ int32_t vmKtrRT_SetParameter(int32_t id, KtrRTParameter p) {
 int32_t vmKtrRT_GLShowDebugPicture(int32_t enable, int32_t overlay) {
   return record("vmKtrRT_GLShowDebugPicture", {enable, overlay});
 }
-int32_t vmKtrRT_GLSetDebugPicture(DebugPictureEntry* table) { return record("vmKtrRT_GLSetDebugPicture", {addr(table)}); }
-int32_t vmKtrRT_GenRefocusMap_init(void) { return record("vmKtrRT_GenRefocusMap_init", {}); }
+int32_t vmKtrRT_GLSetDebugPicture(DebugPictureEntry* table) {
+  return record("vmKtrRT_GLSetDebugPicture", {addr(table)});
+}
+int32_t vmKtrRT_GenRefocusMap_init(void) {
+  return record("vmKtrRT_GenRefocusMap_init", {});
+}
 int32_t vmKtrRT_GenRefocusMap(uint8_t* map, const uint16_t* depth, int32_t x, int32_t y, uint16_t* mn, uint16_t* mx,
                               uint16_t* target) {
   return record("vmKtrRT_GenRefocusMap", {addr(map), addr(depth), x, y, addr(mn), addr(mx), addr(target)});
@@ -197,11 +216,15 @@ int32_t vmKtrRT_GenRefocusMap_VX4810_DispartyBase(uint8_t* map, const uint16_t* 
   return record("vmKtrRT_GenRefocusMap_VX4810_DispartyBase",
                 {addr(map), addr(depth), x, y, addr(mn), addr(mx), addr(target)});
 }
-int32_t vmKtrRT_GenRefocusMap_Deinit(void) { return record("vmKtrRT_GenRefocusMap_Deinit", {}); }
+int32_t vmKtrRT_GenRefocusMap_Deinit(void) {
+  return record("vmKtrRT_GenRefocusMap_Deinit", {});
+}
 int32_t vmKtrRT_GLStartV1(uint8_t* luma, uint8_t* chroma, const uint8_t* map, int32_t fx, int32_t fy, float fNumber,
                           int32_t noMapFlag, int32_t l, int32_t t, int32_t r, int32_t b) {
   return record("vmKtrRT_GLStartV1", {addr(luma), addr(chroma), addr(map), fx, fy, noMapFlag, l, t, r, b}, fNumber);
 }
-int32_t vmKtrRT_GLClose(void) { return record("vmKtrRT_GLClose", {}); }
+int32_t vmKtrRT_GLClose(void) {
+  return record("vmKtrRT_GLClose", {});
+}
 
 }  // extern "C"

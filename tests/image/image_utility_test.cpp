@@ -1,10 +1,11 @@
 // NV12 scale-expand-turn on its exact grid, the 16-bit turns and the chroma re-layout copy.
+#include "image/image_utility.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
-#include "image/image_utility.h"
 #include "memory/heap.h"
 
 namespace {
@@ -49,8 +50,8 @@ struct Planes {
 };
 
 void run(const Nv12& s, int32_t dw, int32_t dh, int32_t code, Planes& out) {
-  image_utility_nv12_scale_rotate(s.bytes.data(), out.p[0].data(), out.p[1].data(), out.p[2].data(), s.w, s.h, s.w,
-                                  s.h, dw, dh, code);
+  image_utility_nv12_scale_rotate(s.bytes.data(), out.p[0].data(), out.p[1].data(), out.p[2].data(), s.w, s.h, s.w, s.h,
+                                  dw, dh, code);
 }
 
 TEST(ScaleRotate, NoTurnMatchesTheGridIncludingBorders) {
@@ -95,9 +96,12 @@ TEST(ScaleRotate, TurnsForEveryCode) {
       for (int32_t y = 0; y < dh; ++y)
         for (int32_t x = 0; x < dw; ++x) {
           uint8_t v;
-          if (code == 3) v = got.p[p][x * dh + (dh - 1 - y)];        // clockwise, dh wide
-          else if (code == 4) v = got.p[p][(dw - 1 - x) * dh + y];   // counter-clockwise
-          else v = got.p[p][(dh - 1 - y) * dw + (dw - 1 - x)];       // half turn
+          if (code == 3)
+            v = got.p[p][x * dh + (dh - 1 - y)];  // clockwise, dh wide
+          else if (code == 4)
+            v = got.p[p][(dw - 1 - x) * dh + y];  // counter-clockwise
+          else
+            v = got.p[p][(dh - 1 - y) * dw + (dw - 1 - x)];  // half turn
           ASSERT_EQ(v, want[p][y * dw + x]) << "code " << code << " plane " << p << " at " << x << "," << y;
         }
   }

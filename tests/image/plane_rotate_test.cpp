@@ -1,9 +1,9 @@
 // The tiled 8-bit plane turns against the pixel-by-pixel reference, with strides and odd sizes.
+#include "image/plane_rotate.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
-
-#include "image/plane_rotate.h"
 
 namespace {
 

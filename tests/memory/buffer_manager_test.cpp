@@ -1,4 +1,6 @@
 // Buffer slots: sizes, the slot 4/5 placement, lookup by state, and the per-format copy.
+#include "memory/buffer_manager.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,7 +9,6 @@
 #include "debug/debug_log.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
-#include "memory/buffer_manager.h"
 #include "memory/heap.h"
 
 namespace {
@@ -159,8 +160,11 @@ TEST_F(BufferCopy, RefusalsLogAndLeaveDestination) {
   struct Case {
     int32_t fmt, stride, scanline;
     const char* line;
-  } cases[] = {{2, W + 2, H, "NOT SUPPORT"}, {0, W, H + 1, "NOT SUPPORT"}, {6, W + 1, H, "NOT SUPPORT"},
-               {7, W, H, "NOT SUPPORT"},     {-1, W, H, "NOT SUPPORT"}};
+  } cases[] = {{2, W + 2, H, "NOT SUPPORT"},
+               {0, W, H + 1, "NOT SUPPORT"},
+               {6, W + 1, H, "NOT SUPPORT"},
+               {7, W, H, "NOT SUPPORT"},
+               {-1, W, H, "NOT SUPPORT"}};
   for (const Case& c : cases) {
     log.clear();
     buffer_manager_copy_buffer_from_trigger(&dst, &src, c.fmt, W, H, c.stride, c.scanline);

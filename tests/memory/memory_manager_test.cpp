@@ -1,10 +1,11 @@
 // Tracked allocator: accounting, list order, unknown addresses, leak report, exhaustion.
+#include "memory/memory_manager.h"
+
 #include <gtest/gtest.h>
 
 #include "debug/debug_log.h"
 #include "log_capture.h"
 #include "memory/heap.h"
-#include "memory/memory_manager.h"
 
 namespace {
 
@@ -98,10 +99,13 @@ TEST_F(MemoryManagerTest, ConcurrentAllocateAndFree) {
   constexpr int kThreads = 4, kEach = 500;
   std::vector<pthread_t> threads(kThreads);
   for (auto& t : threads)
-    pthread_create(&t, nullptr, [](void*) -> void* {
-      for (int i = 0; i < kEach; ++i) vemta_memory_manager_free(vemta_memory_manager_allocate(16, "t", i));
-      return nullptr;
-    }, nullptr);
+    pthread_create(
+        &t, nullptr,
+        [](void*) -> void* {
+          for (int i = 0; i < kEach; ++i) vemta_memory_manager_free(vemta_memory_manager_allocate(16, "t", i));
+          return nullptr;
+        },
+        nullptr);
   for (auto& t : threads) pthread_join(t, nullptr);
   EXPECT_EQ(g_memoryManager.head, nullptr);
   EXPECT_EQ(g_memoryManager.count, kThreads * kEach);
