@@ -9,6 +9,8 @@
 #include "memory/heap.h"
 
 namespace {
+// Depth maps are at most 4096 x 4096.
+constexpr int64_t kMaxDepthScratchSamples = 4096LL * 4096LL;
 uint16_t* g_depthScratch = nullptr;
 int64_t g_depthScratchCapacity = 0;
 }  // namespace
@@ -161,6 +163,12 @@ void image_utility_copy_nv12_rechroma(uint8_t* dstLuma, uint8_t* dstChroma, cons
   }
 }
 
+int64_t image_utility_rechroma_chroma_read_bytes(int32_t width, int32_t height) {
+  if (width < 2 || height <= 0) return 0;
+  const int64_t lastPair = ((width / 2 - 1) & ~1);
+  return static_cast<int64_t>((height - 1) >> 2) * 2 * width + lastPair + 2;
+}
+
 int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height) {
   if (width <= 0 || height <= 0) return 0;
   return static_cast<int64_t>(width) * height + static_cast<int64_t>(height) * (width & ~1);
@@ -168,7 +176,7 @@ int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height) {
 
 bool image_utility_depth_scratch_reserve(int64_t samples) {
   if (samples <= g_depthScratchCapacity) return true;
-  if (samples <= 0 || static_cast<uint64_t>(samples) > SIZE_MAX / sizeof(uint16_t)) return false;
+  if (samples <= 0 || samples > kMaxDepthScratchSamples) return false;
   uint16_t* block = static_cast<uint16_t*>(plane_alloc(static_cast<size_t>(samples) * sizeof(uint16_t)));
   if (block == nullptr) return false;
   plane_free(g_depthScratch);

@@ -25,9 +25,13 @@ void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int
 
 // Copies width x height luma unchanged and re-lays the chroma: destination row y (of width
 // rounded down to even bytes), pair k takes the source pair at (k rounded down to even) +
-// (y >> 2) x 2 x width. Reads at most width x height / 2 chroma bytes.
+// (y >> 2) x 2 x width.
 void image_utility_copy_nv12_rechroma(uint8_t* dstLuma, uint8_t* dstChroma, const uint8_t* srcLuma,
                                       const uint8_t* srcChroma, int32_t width, int32_t height);
+
+// Chroma bytes image_utility_copy_nv12_rechroma reads: within width x height / 2 (one NV12
+// chroma plane) for even sizes.
+int64_t image_utility_rechroma_chroma_read_bytes(int32_t width, int32_t height);
 
 // Bytes image_utility_copy_nv12_rechroma writes in all (luma and chroma).
 int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height);

@@ -124,7 +124,8 @@ void buffer_manager_copy_buffer_from_trigger(BufferHalf* dst, const ImageDesc* s
       supported = supported && pixels >= 0;
       break;
     case 6:
-      reads = pixels;
+      // The chroma plane is separate; the frame's size covers both planes.
+      reads = pixels + image_utility_rechroma_chroma_read_bytes(width, height);
       writes = image_utility_rechroma_output_bytes(width, height);
       supported = supported && pixels > 0 && src->plane2 != nullptr;
       break;

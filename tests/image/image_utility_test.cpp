@@ -167,8 +167,8 @@ TEST(DepthTurns, HalfTurnInPlace) {
   EXPECT_EQ(one[0], 42);
 }
 
-TEST(Rechroma, EachSourceRowServesFourOutputRowsAndReadsStayInsideHalfAPlane) {
-  const int32_t w = 10, h = 9;
+TEST(Rechroma, EachSourceRowServesFourOutputRowsAndReadsStayInsideOnePlane) {
+  const int32_t w = 10, h = 10;
   std::vector<uint8_t> luma(w * h), chroma(w * h / 2);  // exactly one NV12 chroma plane
   for (size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<uint8_t>(i);
   for (size_t i = 0; i < chroma.size(); ++i) chroma[i] = static_cast<uint8_t>(200 - i);
@@ -182,6 +182,10 @@ TEST(Rechroma, EachSourceRowServesFourOutputRowsAndReadsStayInsideHalfAPlane) {
       ASSERT_EQ(outChroma[y * w + 2 * k + 1], chroma[s + 1]);
     }
   EXPECT_EQ(image_utility_rechroma_output_bytes(w, h), w * h + h * w);
+  for (int32_t ew = 2; ew <= 64; ew += 2)
+    for (int32_t eh = 2; eh <= 64; eh += 2)
+      ASSERT_LE(image_utility_rechroma_chroma_read_bytes(ew, eh), ew * eh / 2) << ew << "x" << eh;
+  EXPECT_EQ(image_utility_rechroma_chroma_read_bytes(1920, 1080), 269 * 3840 + 960);
   EXPECT_EQ(image_utility_rechroma_output_bytes(5, 3), 15 + 12);
 }
 
