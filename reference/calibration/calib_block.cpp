@@ -31,7 +31,9 @@ static_assert(OFF_END <= CALIB_BLOCK_SIZE, "calibration block fields overflow th
 uint32_t get_u32(const uint8_t* p) {
   return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
-uint16_t get_u16(const uint8_t* p) { return uint16_t(p[0] | p[1] << 8); }
+uint16_t get_u16(const uint8_t* p) {
+  return uint16_t(p[0] | p[1] << 8);
+}
 float get_f32(const uint8_t* p) {
   uint32_t u = get_u32(p);
   float f;
@@ -88,8 +90,8 @@ uint32_t calib_block_crc32(const uint8_t* data, size_t size) {
   return ~crc;
 }
 
-void calib_block_defaults(CalibBlock* block, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
-                          int32_t subHeight, float minDisparity, float maxDisparity) {
+void calib_block_defaults(CalibBlock* block, int32_t mainWidth, int32_t mainHeight, int32_t subWidth, int32_t subHeight,
+                          float minDisparity, float maxDisparity) {
   memset(block, 0, sizeof(*block));
   block->mainWidth = mainWidth;
   block->mainHeight = mainHeight;

@@ -17,13 +17,13 @@
 // Result codes of calib_block_read. Engines pass them on from their init call.
 enum CalibResult {
   CALIB_OK = 0,
-  CALIB_ERR_MISSING = 0x601,   // null pointer or no bytes
-  CALIB_ERR_TRUNCATED = 0x602, // fewer bytes than the header or than the block claims
+  CALIB_ERR_MISSING = 0x601,    // null pointer or no bytes
+  CALIB_ERR_TRUNCATED = 0x602,  // fewer bytes than the header or than the block claims
   CALIB_ERR_MAGIC = 0x603,
   CALIB_ERR_VERSION = 0x604,
-  CALIB_ERR_SIZE = 0x605,      // size field is not the version's block size
+  CALIB_ERR_SIZE = 0x605,  // size field is not the version's block size
   CALIB_ERR_CHECKSUM = 0x606,
-  CALIB_ERR_VALUE = 0x607,     // a field out of its range (sizes, scale, homography, range)
+  CALIB_ERR_VALUE = 0x607,  // a field out of its range (sizes, scale, homography, range)
 };
 
 // Flag bits.
@@ -44,8 +44,8 @@ struct CalibBlock {
 };
 
 // A block with identity homographies, S = 16 and the given sizes and search range.
-void calib_block_defaults(CalibBlock* block, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
-                          int32_t subHeight, float minDisparity, float maxDisparity);
+void calib_block_defaults(CalibBlock* block, int32_t mainWidth, int32_t mainHeight, int32_t subWidth, int32_t subHeight,
+                          float minDisparity, float maxDisparity);
 
 // Checks and decodes `size` bytes at `data`. Never reads past `size` bytes; bytes beyond the
 // block's own size are ignored. Returns CALIB_OK or a CalibResult code; `out` is written only on

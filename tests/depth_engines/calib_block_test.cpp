@@ -1,11 +1,11 @@
 // calib_block_test.cpp - calibration block round trip and refusals.
+#include "calib_block.h"
+
 #include <gtest/gtest.h>
 #include <math.h>
 #include <string.h>
 
 #include <vector>
-
-#include "calib_block.h"
 
 namespace {
 
