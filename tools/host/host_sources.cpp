@@ -1,0 +1,405 @@
+// host_sources.cpp - synthetic, stereo-pair and dump-directory frame sources.
+#include "host_sources.h"
+
+#include <dirent.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+
+#include "calib_block.h"
+#include "image_io.h"
+#include "synth_scene.h"
+
+namespace {
+
+uint8_t clamp8(float v) { return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5f); }
+
+bool readFile(const std::string& path, std::vector<uint8_t>* out) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  out->clear();
+  uint8_t buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
+  const bool ok = ferror(f) == 0;
+  fclose(f);
+  return ok;
+}
+
+// ---- synthetic scene ----
+
+class SyntheticSource : public HostSource {
+ public:
+  bool open(HostConfig* c, std::string* error) override {
+    config_ = *c;
+    scene_default(&spec_, c->seed);
+    const std::string& m = c->motion;
+    spec_.motion = m == "pan" ? SCENE_PAN : m == "dolly" ? SCENE_DOLLY : m == "object" ? SCENE_OBJECT
+                   : m == "focus" ? SCENE_FOCUS : SCENE_STILL;
+    spec_.motionAmount = spec_.motion == SCENE_PAN ? 0.05f : spec_.motion == SCENE_DOLLY ? 4.0f : 6.0f;
+    spec_.noiseSigma = 1.0f;
+    calibration_.assign(CALIB_BLOCK_SIZE, 0);
+    if (scene_calibration(&spec_, c->mainWidth, c->mainHeight, c->subWidth, c->subHeight, calibration_.data(),
+                          CALIB_BLOCK_SIZE) != 0) {
+      *error = "the synthetic scene cannot make a calibration block for these sizes";
+      return false;
+    }
+    return true;
+  }
+  int32_t frameCount() const override { return config_.frames; }
+  bool frame(int32_t index, HostFrame* out, std::string* error) override {
+    // A still scene is rendered once: every frame of it is the same picture (with the same noise).
+    const int32_t sceneFrame = spec_.motion == SCENE_STILL ? 0 : index;
+    if (cachedFrame_ != sceneFrame) {
+      main_.assign(static_cast<size_t>(config_.mainWidth) * config_.mainHeight * 3 / 2, 0);
+      sub_.assign(static_cast<size_t>(config_.subWidth) * config_.subHeight * 3 / 2, 0);
+      if (scene_render_nv21(&spec_, sceneFrame, 0, config_.mainWidth, config_.mainHeight, 2, main_.data()) != 0 ||
+          scene_render_nv21(&spec_, sceneFrame, 1, config_.subWidth, config_.subHeight, 2, sub_.data()) != 0) {
+        *error = "synthetic frame " + std::to_string(index) + " could not be rendered";
+        return false;
+      }
+      if ((config_.cameraLayout & 0x10) != 0) makeChip(sceneFrame);
+      cachedFrame_ = sceneFrame;
+    }
+    out->main = main_;
+    out->sub = sub_;
+    out->chip = chip_;
+    out->name = "synthetic frame " + std::to_string(index);
+    return true;
+  }
+
+ private:
+  // Chip depth from the scene's true disparity, in the depth samples' meaning (1/16 pixel of
+  // the depth grid, 10 or 8 bits).
+  void makeChip(int32_t frame) {
+    const int32_t w = config_.depthWidth, h = config_.depthHeight;
+    std::vector<float> disparity(static_cast<size_t>(w) * h);
+    scene_truth_disparity(&spec_, frame, w, h, disparity.data());
+    const bool eightBit = (config_.cameraLayout & 0x20) == 0;
+    chip_.resize(disparity.size());
+    for (size_t i = 0; i < disparity.size(); ++i) {
+      const float d = disparity[i];
+      if (!std::isfinite(d) || d < 0) {
+        chip_[i] = eightBit ? 255 : 1023;
+      } else {
+        const float s = eightBit ? d * 4.0f : d * 16.0f;
+        chip_[i] = static_cast<uint16_t>(std::min(s, eightBit ? 254.0f : 1022.0f));
+      }
+    }
+  }
+  HostConfig config_;
+  SceneSpec spec_{};
+  int32_t cachedFrame_ = -1;
+  std::vector<uint8_t> main_, sub_;
+  std::vector<uint16_t> chip_;
+};
+
+// ---- stereo pair ----
+
+class PairSource : public HostSource {
+ public:
+  bool open(HostConfig* c, std::string* error) override {
+    config_ = *c;
+    if ((c->cameraLayout & 0x10) != 0) {
+      *error = "a stereo pair has no chip depth: use a layout without 0x10";
+      return false;
+    }
+    std::string left = c->sourcePath, right = c->subImagePath;
+    struct stat st;
+    if (stat(left.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+      const std::string dir = left;
+      left = right = "";
+      for (const char* ext : {".png", ".ppm", ".pgm"}) {
+        if (left.empty() && file_exists(dir + "/im0" + ext)) left = dir + "/im0" + ext;
+        if (right.empty() && file_exists(dir + "/im1" + ext)) right = dir + "/im1" + ext;
+      }
+      if (left.empty() || right.empty()) {
+        *error = "no im0/im1 image pair (png, ppm or pgm) in " + dir;
+        return false;
+      }
+      readNdisp(dir + "/calib.txt");
+    } else if (right.empty()) {
+      *error = "--pair names an image: give the sub image with --pair-sub";
+      return false;
+    }
+    if (!image_read8(left, &left_, error) || !image_read8(right, &right_, error)) return false;
+    if (left_.width != right_.width || left_.height != right_.height) {
+      *error = "the two views differ in size: " + left + " is " + std::to_string(left_.width) + "x" +
+               std::to_string(left_.height) + ", " + right + " is " + std::to_string(right_.width) + "x" +
+               std::to_string(right_.height);
+      return false;
+    }
+    if (left_.width < 16 || left_.height < 16) {
+      *error = "the images are too small (at least 16x16)";
+      return false;
+    }
+    toRgb(&left_);
+    toRgb(&right_);
+    // The played window covers 90% of the image width at the main preview's aspect ratio.
+    const float aspect = static_cast<float>(c->mainWidth) / c->mainHeight;
+    cropW_ = std::min(left_.width * 9 / 10, static_cast<int32_t>(left_.height * aspect));
+    cropH_ = std::min(left_.height, static_cast<int32_t>(cropW_ / aspect));
+    CalibBlock block;
+    // Disparity range at the main preview's size: the pair's range scaled by the window.
+    const float scale = static_cast<float>(c->mainWidth) / cropW_;
+    const float maxDisparity = std::max(8.0f, (ndisp_ > 0 ? ndisp_ : left_.width / 4.0f) * scale);
+    calib_block_defaults(&block, c->mainWidth, c->mainHeight, c->subWidth, c->subHeight, 0.0f, maxDisparity);
+    calibration_.assign(CALIB_BLOCK_SIZE, 0);
+    if (calib_block_write(&block, calibration_.data(), calibration_.size()) != CALIB_OK) {
+      *error = "no calibration block can describe this pair at these sizes";
+      return false;
+    }
+    return true;
+  }
+  int32_t frameCount() const override { return config_.frames; }
+  bool frame(int32_t index, HostFrame* out, std::string* /*error*/) override {
+    // Still: the window centred; pan: it slides across the spare width and back.
+    const int32_t spareX = left_.width - cropW_, spareY = left_.height - cropH_;
+    int32_t x0 = spareX / 2;
+    if (config_.motion == "pan" && config_.frames > 1) {
+      const float t = static_cast<float>(index) / (config_.frames - 1);
+      x0 = static_cast<int32_t>(spareX * (t < 0.5f ? 2 * t : 2 - 2 * t));
+    }
+    const int32_t y0 = spareY / 2;
+    out->main.resize(static_cast<size_t>(config_.mainWidth) * config_.mainHeight * 3 / 2);
+    out->sub.resize(static_cast<size_t>(config_.subWidth) * config_.subHeight * 3 / 2);
+    render(left_, x0, y0, config_.mainWidth, config_.mainHeight, out->main.data());
+    render(right_, x0, y0, config_.subWidth, config_.subHeight, out->sub.data());
+    out->name = "pair frame " + std::to_string(index);
+    return true;
+  }
+
+ private:
+  void readNdisp(const std::string& path) {
+    FILE* f = fopen(path.c_str(), "r");
+    if (f == nullptr) return;
+    char line[512];
+    while (fgets(line, sizeof line, f) != nullptr)
+      if (strncmp(line, "ndisp=", 6) == 0) ndisp_ = static_cast<float>(atof(line + 6));
+    fclose(f);
+  }
+  static void toRgb(Image8* im) {
+    if (im->channels == 3) return;
+    std::vector<uint8_t> rgb(static_cast<size_t>(im->width) * im->height * 3);
+    for (size_t i = 0; i < static_cast<size_t>(im->width) * im->height; ++i)
+      rgb[3 * i] = rgb[3 * i + 1] = rgb[3 * i + 2] = im->data[i];
+    im->data.swap(rgb);
+    im->channels = 3;
+  }
+  void render(const Image8& im, int32_t x0, int32_t y0, int32_t w, int32_t h, uint8_t* nv21) {
+    std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+    host_scale_rgb(im.data.data() + (static_cast<size_t>(y0) * im.width + x0) * 3, cropW_, cropH_, im.width,
+                   rgb.data(), w, h);
+    host_rgb_to_nv21(rgb.data(), w, h, nv21);
+  }
+  HostConfig config_;
+  Image8 left_, right_;
+  int32_t cropW_ = 0, cropH_ = 0;
+  float ndisp_ = 0;
+};
+
+// ---- dump directory ----
+
+class DumpSource : public HostSource {
+ public:
+  bool open(HostConfig* c, std::string* error) override {
+    config_ = c;
+    if ((c->cameraLayout & 0x10) != 0) {
+      *error = "recorded dumps carry no chip depth: use a layout without 0x10";
+      return false;
+    }
+    DIR* dir = opendir(c->sourcePath.c_str());
+    if (dir == nullptr) {
+      *error = "cannot open the dump directory " + c->sourcePath;
+      return false;
+    }
+    int32_t mainW = 0, mainH = 0, subW = 0, subH = 0;
+    while (dirent* e = readdir(dir)) {
+      const std::string name = e->d_name;
+      if (name == "." || name == "..") continue;
+      if (name == "eeprom.raw") {
+        readFile(c->sourcePath + "/" + name, &calibration_);
+        continue;
+      }
+      DumpName d;
+      if (!host_parse_dump_name(name, &d)) {
+        if (name.find("preview-") != std::string::npos)
+          fprintf(stderr, "vmktr_host: skipping %s: not a preview dump name\n", name.c_str());
+        continue;
+      }
+      Entry& entry = entries_[d.counter];
+      (d.isMain ? entry.main : entry.sub) = name;
+      (d.isMain ? entry.mainName : entry.subName) = d;
+      if (d.isMain && mainW == 0) mainW = d.width, mainH = d.height;
+      if (!d.isMain && subW == 0) subW = d.width, subH = d.height;
+    }
+    closedir(dir);
+    for (auto it = entries_.begin(); it != entries_.end();) {
+      if (it->second.main.empty()) {
+        fprintf(stderr, "vmktr_host: frame %04d has a sub dump but no preview-main dump: skipped\n", it->first);
+        it = entries_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    if (entries_.empty()) {
+      *error = "no preview-main dumps (NNNN-preview-main-WxH-VCM-F-XxY.nv21) in " + c->sourcePath;
+      return false;
+    }
+    c->mainWidth = mainW;
+    c->mainHeight = mainH;
+    if (subW > 0) c->subWidth = subW, c->subHeight = subH;
+    for (const auto& e : entries_) order_.push_back(e.first);
+    if (c->framesGiven && c->frames < static_cast<int32_t>(order_.size())) order_.resize(static_cast<size_t>(c->frames));
+    c->frames = static_cast<int32_t>(order_.size());
+    if (calibration_.empty()) {
+      fprintf(stderr, "vmktr_host: no eeprom.raw in %s: using a default calibration block\n", c->sourcePath.c_str());
+      CalibBlock block;
+      calib_block_defaults(&block, c->mainWidth, c->mainHeight, c->subWidth, c->subHeight, 0.0f, c->mainWidth / 8.0f);
+      calibration_.assign(CALIB_BLOCK_SIZE, 0);
+      calib_block_write(&block, calibration_.data(), calibration_.size());
+    }
+    lastSub_.assign(static_cast<size_t>(c->subWidth) * c->subHeight * 3 / 2, 128);
+    return true;
+  }
+  int32_t frameCount() const override { return static_cast<int32_t>(order_.size()); }
+  bool frame(int32_t index, HostFrame* out, std::string* error) override {
+    const Entry& e = entries_.at(order_.at(static_cast<size_t>(index)));
+    const size_t mainBytes = static_cast<size_t>(config_->mainWidth) * config_->mainHeight * 3 / 2;
+    if (e.mainName.width != config_->mainWidth || e.mainName.height != config_->mainHeight) {
+      *error = e.main + ": size differs from the first frame's";
+      return false;
+    }
+    if (!readFile(config_->sourcePath + "/" + e.main, &out->main) || out->main.size() < mainBytes) {
+      *error = e.main + ": unreadable or shorter than an NV21 frame of its size";
+      return false;
+    }
+    out->main.resize(mainBytes);
+    // Frames without a sub dump did not ask for depth when recorded: the library does not read
+    // the sub image then, so the last one is handed over again.
+    if (!e.sub.empty()) {
+      std::vector<uint8_t> sub;
+      const size_t subBytes = lastSub_.size();
+      if (readFile(config_->sourcePath + "/" + e.sub, &sub) && sub.size() >= subBytes) {
+        sub.resize(subBytes);
+        lastSub_.swap(sub);
+      } else {
+        fprintf(stderr, "vmktr_host: %s: unreadable or short, the previous sub frame is used\n", e.sub.c_str());
+      }
+    }
+    out->sub = lastSub_;
+    out->vcmMain = e.mainName.vcm;
+    out->vcmSub = e.sub.empty() ? e.mainName.vcm : e.subName.vcm;
+    out->hasFNumber = true;
+    out->fNumber = e.mainName.fNumber;
+    out->hasFocus = true;
+    out->focusX = e.mainName.focusX;
+    out->focusY = e.mainName.focusY;
+    out->name = e.main;
+    return true;
+  }
+
+ private:
+  struct Entry {
+    std::string main, sub;
+    DumpName mainName, subName;
+  };
+  HostConfig* config_ = nullptr;
+  std::map<int32_t, Entry> entries_;
+  std::vector<int32_t> order_;
+  std::vector<uint8_t> lastSub_;
+};
+
+}  // namespace
+
+bool host_parse_dump_name(const std::string& name, DumpName* out) {
+  DumpName d;
+  int consumed = 0;
+  const char* s = name.c_str();
+  if (sscanf(s, "%d-preview-main-%dx%d-%d-%f-%dx%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm, &d.fNumber,
+             &d.focusX, &d.focusY, &consumed) == 7 &&
+      s[consumed] == '\0') {
+    d.isMain = true;
+  } else if (consumed = 0, sscanf(s, "%d-preview-sub-%dx%d-%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm,
+                                  &consumed) == 4 &&
+                                  s[consumed] == '\0') {
+    d.isMain = false;
+  } else {
+    return false;
+  }
+  if (d.counter < 0 || d.width <= 0 || d.height <= 0 || d.width > 16384 || d.height > 16384 || ((d.width | d.height) & 1))
+    return false;
+  *out = d;
+  return true;
+}
+
+void host_rgb_to_nv21(const uint8_t* rgb, int32_t w, int32_t h, uint8_t* nv21) {
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const uint8_t* p = rgb + (static_cast<size_t>(y) * w + x) * 3;
+      nv21[static_cast<size_t>(y) * w + x] = clamp8(0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2]);
+    }
+  uint8_t* vu = nv21 + static_cast<size_t>(w) * h;
+  for (int32_t y = 0; y + 1 < h; y += 2)
+    for (int32_t x = 0; x + 1 < w; x += 2) {
+      float r = 0, g = 0, b = 0;
+      for (int32_t dy = 0; dy < 2; ++dy)
+        for (int32_t dx = 0; dx < 2; ++dx) {
+          const uint8_t* p = rgb + (static_cast<size_t>(y + dy) * w + x + dx) * 3;
+          r += p[0], g += p[1], b += p[2];
+        }
+      r /= 4, g /= 4, b /= 4;
+      uint8_t* o = vu + static_cast<size_t>(y / 2) * w + x;
+      o[0] = clamp8(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);      // V
+      o[1] = clamp8(128.0f - 0.168736f * r - 0.331264f * g + 0.5f * b);      // U
+    }
+}
+
+void host_nv21_to_rgb(const uint8_t* nv21, int32_t w, int32_t h, uint8_t* rgb) {
+  const uint8_t* vu = nv21 + static_cast<size_t>(w) * h;
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const float Y = nv21[static_cast<size_t>(y) * w + x];
+      const uint8_t* c = vu + static_cast<size_t>(y / 2) * w + (x & ~1);
+      const float V = c[0] - 128.0f, U = c[1] - 128.0f;
+      uint8_t* o = rgb + (static_cast<size_t>(y) * w + x) * 3;
+      o[0] = clamp8(Y + 1.402f * V);
+      o[1] = clamp8(Y - 0.344136f * U - 0.714136f * V);
+      o[2] = clamp8(Y + 1.772f * U);
+    }
+}
+
+void host_scale_rgb(const uint8_t* src, int32_t sw, int32_t sh, int32_t srcStride, uint8_t* dst, int32_t dw,
+                    int32_t dh) {
+  for (int32_t y = 0; y < dh; ++y) {
+    const float fy = std::max(0.0f, (y + 0.5f) * sh / dh - 0.5f);
+    const int32_t y0 = std::min(static_cast<int32_t>(fy), sh - 1), y1 = std::min(y0 + 1, sh - 1);
+    const float wy = fy - y0;
+    for (int32_t x = 0; x < dw; ++x) {
+      const float fx = std::max(0.0f, (x + 0.5f) * sw / dw - 0.5f);
+      const int32_t x0 = std::min(static_cast<int32_t>(fx), sw - 1), x1 = std::min(x0 + 1, sw - 1);
+      const float wx = fx - x0;
+      for (int32_t k = 0; k < 3; ++k) {
+        auto at = [&](int32_t yy, int32_t xx) { return static_cast<float>(src[(static_cast<size_t>(yy) * srcStride + xx) * 3 + k]); };
+        const float top = at(y0, x0) * (1 - wx) + at(y0, x1) * wx;
+        const float bottom = at(y1, x0) * (1 - wx) + at(y1, x1) * wx;
+        dst[(static_cast<size_t>(y) * dw + x) * 3 + k] = clamp8(top * (1 - wy) + bottom * wy);
+      }
+    }
+  }
+}
+
+std::unique_ptr<HostSource> host_make_source(const HostConfig& config) {
+  switch (config.source) {
+    case SourceKind::kPair:
+      return std::make_unique<PairSource>();
+    case SourceKind::kDumps:
+      return std::make_unique<DumpSource>();
+    default:
+      return std::make_unique<SyntheticSource>();
+  }
+}

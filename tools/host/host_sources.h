@@ -1,0 +1,58 @@
+// host_sources.h - where the frames of a host run come from: the built-in synthetic scene, a
+// stereo pair played as a short sequence, or a directory of the library's own raw dumps.
+#ifndef VM_HOST_SOURCES_H
+#define VM_HOST_SOURCES_H
+
+#include <stdint.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host_config.h"
+
+struct HostFrame {
+  std::vector<uint8_t> main;    // NV21, main preview size
+  std::vector<uint8_t> sub;     // NV21, sub preview size
+  std::vector<uint16_t> chip;   // chip depth at the depth size, when the layout asks for it
+  int32_t vcmMain = 300, vcmSub = 300;
+  bool hasFNumber = false;      // recorded f-number (dumps)
+  float fNumber = 0;
+  bool hasFocus = false;        // recorded focus point (dumps)
+  int32_t focusX = 0, focusY = 0;
+  std::string name;             // what the frame was made from, for messages
+};
+
+class HostSource {
+ public:
+  virtual ~HostSource() = default;
+  // Sizes and calibration are known after open.
+  virtual bool open(HostConfig* config, std::string* error) = 0;
+  virtual int32_t frameCount() const = 0;
+  // false with a message when the frame cannot be had: the run reports it and skips the frame.
+  virtual bool frame(int32_t index, HostFrame* out, std::string* error) = 0;
+  const std::vector<uint8_t>& calibration() const { return calibration_; }
+
+ protected:
+  std::vector<uint8_t> calibration_;
+};
+
+std::unique_ptr<HostSource> host_make_source(const HostConfig& config);
+
+// Frame-name parsing of the dump directory, exposed for tests.
+struct DumpName {
+  int32_t counter = 0;
+  bool isMain = false;
+  int32_t width = 0, height = 0, vcm = 0;
+  float fNumber = 0;
+  int32_t focusX = 0, focusY = 0;
+};
+bool host_parse_dump_name(const std::string& name, DumpName* out);
+
+// NV21 <-> RGB (BT.601 full range) and bilinear RGB scaling, shared with the outputs.
+void host_rgb_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, uint8_t* nv21);
+void host_nv21_to_rgb(const uint8_t* nv21, int32_t width, int32_t height, uint8_t* rgb);
+void host_scale_rgb(const uint8_t* src, int32_t sw, int32_t sh, int32_t srcStride, uint8_t* dst, int32_t dw,
+                    int32_t dh);
+
+#endif  // VM_HOST_SOURCES_H
