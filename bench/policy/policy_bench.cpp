@@ -57,6 +57,18 @@ void BM_CensusReference1080p(benchmark::State& state) {
 }
 BENCHMARK(BM_CensusReference1080p);
 
+// One 320 x 240 refocus map.
+void BM_Memcpy320x240(benchmark::State& state) {
+  std::vector<uint8_t> a(320 * 240, 1), b(a.size());
+  for (auto _ : state) {
+    memcpy(b.data(), a.data(), a.size());
+    benchmark::DoNotOptimize(b.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(a.size()));
+}
+BENCHMARK(BM_Memcpy320x240);
+
 // Refocus-map check: the fixed 320 x 240 census.
 void BM_Census320x240(benchmark::State& state) {
   std::vector<uint8_t> a(320 * 240), b(320 * 240);
