@@ -1,5 +1,7 @@
 // synth_scene_test.cpp - the synthetic scenes are deterministic and their ground truth agrees with
 // what the two cameras see.
+#include "synth_scene.h"
+
 #include <gtest/gtest.h>
 #include <math.h>
 
@@ -8,7 +10,6 @@
 #include <vector>
 
 #include "calib_block.h"
-#include "synth_scene.h"
 
 namespace {
 
