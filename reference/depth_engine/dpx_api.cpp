@@ -16,8 +16,8 @@ enum {
   DPX_OK = 0,
   DPX_ERR_ARGUMENT = 1,  // null pointer, bad size, bad mode, wrong image format
   DPX_ERR_MEMORY = 2,
-  DPX_ERR_STATE = 3,   // run before init
-  DPX_ERR_LAYOUT = 4,  // camera layout outside 1..4
+  DPX_ERR_STATE = 3,      // run before init
+  DPX_ERR_LAYOUT = 4,     // camera layout outside 1..4
   DPX_ERR_RANGE = 0x701,  // search range empty or too wide at the depth size
 };
 
@@ -61,8 +61,7 @@ void scale_homography(const float h[9], int32_t calibW, int32_t calibH, int32_t 
 }
 
 // Bilinear resampling of a plane through a homography (edge pixels repeat), optionally mirrored.
-void warp_plane(const uint8_t* src, int32_t w, int32_t h, const float hm[9], bool identity, bool mirror,
-                uint8_t* dst) {
+void warp_plane(const uint8_t* src, int32_t w, int32_t h, const float hm[9], bool identity, bool mirror, uint8_t* dst) {
   for (int32_t y = 0; y < h; ++y) {
     for (int32_t x = 0; x < w; ++x) {
       int32_t rx = mirror ? w - 1 - x : x;

@@ -21,9 +21,13 @@ inline uint32_t pop32(uint32_t v) {
   return (((v + (v >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
 }
 
-inline uint32_t pop64(uint64_t v) { return pop32(uint32_t(v)) + pop32(uint32_t(v >> 32)); }
+inline uint32_t pop64(uint64_t v) {
+  return pop32(uint32_t(v)) + pop32(uint32_t(v >> 32));
+}
 
-inline int32_t clampi(int32_t v, int32_t lo, int32_t hi) { return v < lo ? lo : v > hi ? hi : v; }
+inline int32_t clampi(int32_t v, int32_t lo, int32_t hi) {
+  return v < lo ? lo : v > hi ? hi : v;
+}
 
 // Costs of one row: census Hamming distance per disparity; disparities that fall outside the
 // right view get the mean of the pixel's real costs, so that aggregation decides there.
@@ -119,7 +123,8 @@ void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool f
           int32_t a = p.p2 * 24 / (24 + g);
           p2 = uint16_t(a > p.p1 + 1 ? a : p.p1 + 1);
         }
-        const uint16_t* src = (dy == 0 ? b->pathCur : b->pathPrev) + size_t(r) * pathRows + size_t(x + 1 + dx) * rowStride;
+        const uint16_t* src =
+            (dy == 0 ? b->pathCur : b->pathPrev) + size_t(r) * pathRows + size_t(x + 1 + dx) * rowStride;
         uint16_t minQ = (dy == 0 ? b->minCur : b->minPrev)[size_t(r) * size_t(w + 2) + size_t(x + 1 + dx)];
         if (!inside) {
           // Path start: the padding entries hold zeros, so L = C.
@@ -294,7 +299,9 @@ void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
 
 }  // namespace
 
-int32_t stereo_census_bits(int32_t quality) { return quality >= 2 ? 62 : 24; }
+int32_t stereo_census_bits(int32_t quality) {
+  return quality >= 2 ? 62 : 24;
+}
 
 bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32_t minDisparity, int32_t disparities,
                            int32_t quality) {
@@ -307,8 +314,8 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   p->minDisparity = minDisparity;
   p->disparities = disparities;
   p->quality = quality >= 2 ? 2 : 1;
-  p->p1 = p->quality == 2 ? 10 : 4;
-  p->p2 = p->quality == 2 ? 120 : 48;
+  p->p1 = p->quality == 2 ? 18 : 4;
+  p->p2 = p->quality == 2 ? 200 : 48;
   p->uniqueness = 5;
   p->speckleSize = clampi(width * height / 800, 8, 400);
   p->fill = true;
@@ -379,8 +386,7 @@ void stereo_free(StereoBuffers* b) {
   memset(b, 0, sizeof(*b));
 }
 
-void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality,
-                   uint64_t* out) {
+void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out) {
   const int32_t rx = quality >= 2 ? 4 : 2, ry = quality >= 2 ? 3 : 2;
   for (int32_t y = 0; y < height; ++y) {
     for (int32_t x = 0; x < width; ++x) {

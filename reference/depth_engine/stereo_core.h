@@ -28,24 +28,24 @@ struct StereoBuffers {
   size_t bytes;  // total of everything below
   uint64_t* censusL;
   uint64_t* censusR;
-  uint16_t* cost;  // width x height x disparities
-  uint16_t* sum;   // width x height x disparities
+  uint16_t* cost;      // width x height x disparities
+  uint16_t* sum;       // width x height x disparities
   uint16_t* pathPrev;  // per path: (width + 2) x (disparities + 2), previous row / pixel
   uint16_t* pathCur;
   uint16_t* minPrev;  // per path: (width + 2) minima of the rows above
   uint16_t* minCur;
-  uint16_t* rowMin;   // width: best aggregated cost per right-view pixel
+  uint16_t* rowMin;     // width: best aggregated cost per right-view pixel
   int16_t* candidates;  // width x height x 8: value and distance of the nearest valid pixel per side
-  int16_t* dispL;  // fixed point, STEREO_INVALID where unknown
-  int16_t* dispR;  // integer pixels of the right view (for the left-right check)
+  int16_t* dispL;       // fixed point, STEREO_INVALID where unknown
+  int16_t* dispR;       // integer pixels of the right view (for the left-right check)
   int32_t* labels;
   int32_t* stack;
   uint8_t* holeKind;  // 0 valid, 1 mismatch / occlusion, 2 other
 };
 
 // Defaults for a size and range; returns false when the sizes are unusable.
-bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32_t minDisparity,
-                           int32_t disparities, int32_t quality);
+bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32_t minDisparity, int32_t disparities,
+                           int32_t quality);
 
 // Bytes stereo_alloc would take, or 0 when the sizes overflow or are out of range.
 size_t stereo_bytes_needed(const StereoParams* p);
@@ -55,12 +55,11 @@ void stereo_free(StereoBuffers* b);
 // Left (main) and right (sub) luma, rectified, width x height with the given strides. Writes
 // the left view's disparity in 1/STEREO_SUBPIXEL pixels (STEREO_INVALID where unknown; with
 // `fill` set every pixel gets a value when any pixel was matched).
-void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right,
-                int32_t rightStride, int16_t* disparity);
+void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
+                int16_t* disparity);
 
 // Stages, exposed for tests.
-void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality,
-                   uint64_t* out);
+void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out);
 // Census bits for the quality mode (24 or 62).
 int32_t stereo_census_bits(int32_t quality);
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,

@@ -227,17 +227,28 @@ int main(int argc, char** argv) {
   float dmin = 0, dmax = 0, truthScale = 1;
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string a = argv[i], v = argv[i + 1];
-    if (a == "--folder") folder = v;
-    else if (a == "--out") out = v;
-    else if (a == "--only") only = v;
-    else if (a == "--quality") quality = atoi(v.c_str());
-    else if (a == "--left") left = v;
-    else if (a == "--right") right = v;
-    else if (a == "--truth") truth = v;
-    else if (a == "--truth-scale") truthScale = float(atof(v.c_str()));
-    else if (a == "--mask") mask = v;
-    else if (a == "--min") dmin = float(atof(v.c_str()));
-    else if (a == "--max") dmax = float(atof(v.c_str()));
+    if (a == "--folder")
+      folder = v;
+    else if (a == "--out")
+      out = v;
+    else if (a == "--only")
+      only = v;
+    else if (a == "--quality")
+      quality = atoi(v.c_str());
+    else if (a == "--left")
+      left = v;
+    else if (a == "--right")
+      right = v;
+    else if (a == "--truth")
+      truth = v;
+    else if (a == "--truth-scale")
+      truthScale = float(atof(v.c_str()));
+    else if (a == "--mask")
+      mask = v;
+    else if (a == "--min")
+      dmin = float(atof(v.c_str()));
+    else if (a == "--max")
+      dmax = float(atof(v.c_str()));
     else {
       usage();
       return 2;

@@ -97,7 +97,7 @@ V3 albedo(const SceneObject& o, V3 local) {
   float pattern = 0.0f;
   switch (seed % 3) {
     case 1:  // stripes
-      pattern = 0.25f * sinf((local.x + local.y * 0.5f) * 0.08f);
+      pattern = 0.25f * sinf((local.x + local.y * 0.5f) * 0.02f);
       break;
     case 2:  // blotches
       pattern = value_noise(local * (1.0f / 40.0f), seed ^ 0x55u) > 0.6f ? -0.25f : 0.0f;
