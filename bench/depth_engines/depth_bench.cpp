@@ -71,8 +71,12 @@ void BM_Dpx2_Run_Express(benchmark::State& state) {
     return;
   }
   const size_t n = size_t(W) * H;
-  DpxImage m{DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {in.mainPlanes.data(), in.mainPlanes.data() + n, in.mainPlanes.data() + 2 * n}};
-  DpxImage s{DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {in.subPlanes.data(), in.subPlanes.data() + n, in.subPlanes.data() + 2 * n}};
+  DpxImage m{DPX_IMAGE_FORMAT_YUV444_PLANAR,
+             {0, 0, 0},
+             {in.mainPlanes.data(), in.mainPlanes.data() + n, in.mainPlanes.data() + 2 * n}};
+  DpxImage s{DPX_IMAGE_FORMAT_YUV444_PLANAR,
+             {0, 0, 0},
+             {in.subPlanes.data(), in.subPlanes.data() + n, in.subPlanes.data() + 2 * n}};
   std::vector<uint16_t> out(n);
   for (auto _ : state) {
     vmDpx2_Run_Express(out.data(), &m, &s, 0, 0);

@@ -32,7 +32,7 @@ inline int32_t clampi(int32_t v, int32_t lo, int32_t hi) {
 // Costs of one row: census Hamming distance per disparity; disparities that fall outside the
 // right view get the mean of the pixel's real costs, so that aggregation decides there.
 template <bool kWide>
-void cost_row(const StereoParams& p, const uint64_t* cl, const uint64_t* cr, uint16_t* cost) {
+__attribute__((noinline)) void cost_row(const StereoParams& p, const uint64_t* cl, const uint64_t* cr, uint16_t* cost) {
   const int32_t w = p.width, nd = p.disparities, dmin = p.minDisparity;
   for (int32_t x = 0; x < w; ++x) {
     uint16_t* c = cost + size_t(x) * size_t(nd);
@@ -48,10 +48,11 @@ void cost_row(const StereoParams& p, const uint64_t* cl, const uint64_t* cr, uin
         total += v;
       }
     } else {
-      const uint32_t l = uint32_t(cl[x]);
-      const uint64_t* r = cr + (x - dmin);
+      // Narrow census: stereo_run packed the words into 32 bits in place.
+      const uint32_t l = reinterpret_cast<const uint32_t*>(cl)[x];
+      const uint32_t* r = reinterpret_cast<const uint32_t*>(cr) + (x - dmin);
       for (int32_t k = k0; k < k1; ++k) {
-        uint16_t v = uint16_t(pop32(l ^ uint32_t(r[-k])));
+        uint16_t v = uint16_t(pop32(l ^ r[-k]));
         c[k] = v;
         total += v;
       }
@@ -64,8 +65,9 @@ void cost_row(const StereoParams& p, const uint64_t* cl, const uint64_t* cr, uin
 
 // One step of one path: L(p, k) = C(p, k) + min(L(q, k), L(q, k +- 1) + P1, min L(q) + P2) - min L(q).
 // `prev` and `out` hold nd + 2 values with sentinels at both ends. Adds L into `acc`.
+template <bool kFirst>
 inline uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, uint16_t* out, uint16_t* acc,
-                          int32_t nd, uint16_t p1, uint16_t p2, bool first) {
+                          int32_t nd, uint16_t p1, uint16_t p2) {
   const uint16_t* lp = prev + 1;
   uint16_t* lo = out + 1;
   uint16_t bound = uint16_t(minPrev + p2);
@@ -78,7 +80,7 @@ inline uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t
     uint16_t l = uint16_t(c[k] + v - minPrev);
     lo[k] = l;
     newMin = l < newMin ? l : newMin;
-    acc[k] = first ? l : sat_add16(acc[k], l);
+    acc[k] = kFirst ? l : sat_add16(acc[k], l);
   }
   return newMin;
 }
@@ -95,8 +97,8 @@ void reset_rows(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_
 
 // One pass over the image: forward (top to bottom, left to right) or backward, aggregating the
 // paths whose previous pixel is at (x + dx, y + dy).
-void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool forward, const int32_t (*dirs)[2],
-                    int32_t paths, bool firstPass) {
+__attribute__((noinline)) void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool forward,
+                                              const int32_t (*dirs)[2], int32_t paths, bool firstPass) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height, nd = p.disparities;
   const size_t rowStride = size_t(nd) + 2, pathRows = size_t(w + 2) * rowStride;
@@ -133,7 +135,8 @@ void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool f
         }
         uint16_t* dst = b->pathCur + size_t(r) * pathRows + size_t(x + 1) * rowStride;
         b->minCur[size_t(r) * size_t(w + 2) + size_t(x + 1)] =
-            path_step(src, minQ, c, dst, acc, nd, p1, p2, firstPass && r == 0);
+            firstPass && r == 0 ? path_step<true>(src, minQ, c, dst, acc, nd, p1, p2)
+                                : path_step<false>(src, minQ, c, dst, acc, nd, p1, p2);
       }
     }
     uint16_t* t = b->pathPrev;
@@ -147,7 +150,7 @@ void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool f
 
 // Winner-take-all with uniqueness and parabola sub-pixel; the right view's integer disparity from
 // the same aggregated costs; then the left-right check.
-void select_disparities(StereoBuffers* b) {
+__attribute__((noinline)) void select_disparities(StereoBuffers* b) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height, nd = p.disparities;
   for (int32_t y = 0; y < h; ++y) {
@@ -160,31 +163,25 @@ void select_disparities(StereoBuffers* b) {
     }
     for (int32_t x = 0; x < w; ++x) {
       const uint16_t* s = b->sum + (size_t(y) * size_t(w) + size_t(x)) * size_t(nd);
+      // Minimum first (a plain reduction), then its first index.
+      uint16_t bestCost = 0xFFFF;
+      for (int32_t k = 0; k < nd; ++k) bestCost = s[k] < bestCost ? s[k] : bestCost;
       int32_t best = 0;
-      uint16_t bestCost = s[0];
-      for (int32_t k = 1; k < nd; ++k) {
-        if (s[k] < bestCost) {
-          bestCost = s[k];
-          best = k;
-        }
-      }
-      // Right view: pixel x - dmin - k sees this cost at disparity k.
+      while (s[best] != bestCost) ++best;
+      // Right view: pixel x - dmin - k sees this cost at disparity k (branch-free update).
       int32_t k0 = clampi(x - p.minDisparity - w + 1, 0, nd), k1 = clampi(x - p.minDisparity + 1, 0, nd);
+      uint16_t* rm = b->rowMin + (x - p.minDisparity);
+      int16_t* rd = dr + (x - p.minDisparity);
       for (int32_t k = k0; k < k1; ++k) {
-        int32_t xr = x - p.minDisparity - k;
-        if (s[k] < b->rowMin[xr]) {
-          b->rowMin[xr] = s[k];
-          dr[xr] = int16_t(k);
-        }
+        bool better = s[k] < rm[-k];
+        rm[-k] = better ? s[k] : rm[-k];
+        rd[-k] = better ? int16_t(k) : rd[-k];
       }
-      bool unique = true;
-      uint32_t limit = uint32_t(bestCost) * 100u;
-      for (int32_t k = 0; k < nd; ++k) {
-        if ((k < best - 1 || k > best + 1) && uint32_t(s[k]) * uint32_t(100 - p.uniqueness) < limit) {
-          unique = false;
-          break;
-        }
-      }
+      // Uniqueness: the best cost away from the winner's neighbours.
+      uint16_t other = 0xFFFF;
+      for (int32_t k = 0; k < best - 1; ++k) other = s[k] < other ? s[k] : other;
+      for (int32_t k = best + 2; k < nd; ++k) other = s[k] < other ? s[k] : other;
+      bool unique = uint32_t(other) * uint32_t(100 - p.uniqueness) >= uint32_t(bestCost) * 100u;
       if (!unique) {
         dl[x] = STEREO_INVALID;
         kind[x] = 2;
@@ -219,7 +216,7 @@ void select_disparities(StereoBuffers* b) {
 
 // Nearest valid pixel on each of four sides, then a choice per hole: similar luma, short
 // distance, and for occlusions (left-right failures) the farther surface.
-void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
+__attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height;
   int16_t* d = b->dispL;
@@ -388,16 +385,21 @@ void stereo_free(StereoBuffers* b) {
 
 void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out) {
   const int32_t rx = quality >= 2 ? 4 : 2, ry = quality >= 2 ? 3 : 2;
+  const uint8_t* rows[7];
   for (int32_t y = 0; y < height; ++y) {
+    // Borders repeat the edge pixels: rows are clamped here, columns below near the sides.
+    for (int32_t dy = -ry; dy <= ry; ++dy) rows[dy + ry] = img + size_t(clampi(y + dy, 0, height - 1)) * size_t(stride);
+    const uint8_t* centreRow = img + size_t(y) * size_t(stride);
     for (int32_t x = 0; x < width; ++x) {
-      const int32_t centre = img[size_t(y) * size_t(stride) + size_t(x)];
+      const int32_t centre = centreRow[x];
+      const bool inner = x >= rx && x + rx < width;
       uint64_t bits = 0;
       for (int32_t dy = -ry; dy <= ry; ++dy) {
-        // Borders repeat the edge pixels.
-        const uint8_t* row = img + size_t(clampi(y + dy, 0, height - 1)) * size_t(stride);
+        const uint8_t* row = rows[dy + ry];
         for (int32_t dx = -rx; dx <= rx; ++dx) {
           if (dx == 0 && dy == 0) continue;
-          bits = (bits << 1) | (row[clampi(x + dx, 0, width - 1)] < centre ? 1u : 0u);
+          const int32_t v = inner ? row[x + dx] : row[clampi(x + dx, 0, width - 1)];
+          bits = (bits << 1) | (v < centre ? 1u : 0u);
         }
       }
       out[size_t(y) * size_t(width) + size_t(x)] = bits;
@@ -447,10 +449,19 @@ void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const
     const uint64_t* cl = b->censusL + size_t(y) * size_t(w);
     const uint64_t* cr = b->censusR + size_t(y) * size_t(w);
     uint16_t* cost = b->cost + size_t(y) * size_t(w) * size_t(nd);
-    if (p.quality >= 2)
+    if (p.quality >= 2) {
       cost_row<true>(p, cl, cr, cost);
-    else
+    } else {
+      // Pack this row's 24-bit words into 32 bits in place (each write lands at or before its read).
+      uint32_t* l32 = reinterpret_cast<uint32_t*>(b->censusL + size_t(y) * size_t(w));
+      uint32_t* r32 = reinterpret_cast<uint32_t*>(b->censusR + size_t(y) * size_t(w));
+      for (int32_t x = 0; x < w; ++x) {
+        uint32_t a = uint32_t(cl[x]), c = uint32_t(cr[x]);
+        l32[x] = a;
+        r32[x] = c;
+      }
       cost_row<false>(p, cl, cr, cost);
+    }
   }
   static const int32_t kForward8[4][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}};
   static const int32_t kBackward8[4][2] = {{1, 0}, {0, 1}, {1, 1}, {-1, 1}};
