@@ -17,6 +17,11 @@
 #include "engines.h"
 #include "image_io.h"
 
+#ifdef VM_EVAL_OPENCV
+#include <opencv2/calib3d.hpp>
+#include <opencv2/core.hpp>
+#endif
+
 namespace {
 
 struct Scene {
@@ -116,6 +121,47 @@ bool run_engine(const Image8& left, const Image8& right, float dmin, float dmax,
   return true;
 }
 
+#ifdef VM_EVAL_OPENCV
+// StereoSGBM with its recommended settings on the same pair and range, its map made dense by the
+// usual row background fill (the smaller of the nearest valid disparities left and right).
+bool run_sgbm(const Image8& left, const Image8& right, float dmin, float dmax, ImageF* disp) {
+  const int32_t w = left.width, h = left.height;
+  int type = left.channels == 3 ? CV_8UC3 : CV_8UC1;
+  cv::Mat l(h, w, type, const_cast<uint8_t*>(left.data.data())), r(h, w, type, const_cast<uint8_t*>(right.data.data()));
+  int32_t mind = int32_t(floorf(dmin)), num = (int32_t(ceilf(dmax)) - mind + 1 + 15) / 16 * 16;
+  int cn = left.channels;
+  auto sgbm = cv::StereoSGBM::create(mind, num, 5, 8 * cn * 25, 32 * cn * 25, 1, 0, 10, 100, 32);
+  cv::Mat out;
+  sgbm->compute(l, r, out);
+  disp->width = w, disp->height = h;
+  disp->data.assign(size_t(w) * size_t(h), INFINITY);
+  for (int32_t y = 0; y < h; ++y) {
+    const int16_t* row = out.ptr<int16_t>(y);
+    std::vector<float> v(static_cast<size_t>(w));
+    for (int32_t x = 0; x < w; ++x) v[size_t(x)] = row[x] < mind * 16 ? INFINITY : row[x] / 16.0f;
+    for (int32_t x = 0; x < w; ++x) {
+      if (isfinite(v[size_t(x)])) {
+        disp->data[size_t(y) * w + x] = v[size_t(x)];
+        continue;
+      }
+      float a = INFINITY, b = INFINITY;
+      for (int32_t k = x - 1; k >= 0; --k)
+        if (isfinite(v[size_t(k)])) {
+          a = v[size_t(k)];
+          break;
+        }
+      for (int32_t k = x + 1; k < w; ++k)
+        if (isfinite(v[size_t(k)])) {
+          b = v[size_t(k)];
+          break;
+        }
+      disp->data[size_t(y) * w + x] = std::min(a, b);
+    }
+  }
+  return true;
+}
+#endif
+
 Score evaluate(const Scene& s, int32_t quality, const std::string& outDir) {
   Score score;
   std::string error;
@@ -137,7 +183,11 @@ Score evaluate(const Scene& s, int32_t quality, const std::string& outDir) {
     fprintf(stderr, "%s: no valid ground truth\n", s.name.c_str());
     return score;
   }
-  if (!run_engine(left, right, std::max(0.0f, lo), hi, quality, &disp, &score.ms, &error)) {
+  bool ok = quality == 0 ? false : run_engine(left, right, std::max(0.0f, lo), hi, quality, &disp, &score.ms, &error);
+#ifdef VM_EVAL_OPENCV
+  if (quality == 0) ok = run_sgbm(left, right, std::max(0.0f, lo), hi, &disp), error = "SGBM failed";
+#endif
+  if (!ok) {
     fprintf(stderr, "%s: %s\n", s.name.c_str(), error.c_str());
     return score;
   }
@@ -214,7 +264,8 @@ void find_scenes(const std::string& dir, const std::string& name, std::vector<Sc
 
 void usage() {
   fprintf(stderr,
-          "usage: vm_depth_eval --folder DIR [--quality 1|2] [--out DIR] [--only NAME]\n"
+          "usage: vm_depth_eval --folder DIR [--quality 1|2, or 0 for StereoSGBM when built with OpenCV] [--out DIR]\n"
+          "                     [--only NAME]\n"
           "       vm_depth_eval --left L --right R --max D [--min D] [--quality 1|2] [--out FILE.pfm]\n"
           "                     [--truth GT (PFM, or 8-bit with --truth-scale K)] [--mask M]\n");
 }

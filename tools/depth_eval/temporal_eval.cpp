@@ -45,8 +45,11 @@ Sequence run(int32_t motion, float amount, int32_t frames, uint32_t seed) {
     memcpy(subPlanes.data(), nv21.data(), n);
     scene_render_nv21(&s, f, 0, MW, MH, 1, guide.data());
     scene_truth_disparity(&s, f, W, H, truth.data());
-    DpxImage m{DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {mainPlanes.data(), mainPlanes.data() + n, mainPlanes.data() + 2 * n}};
-    DpxImage sub{DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {subPlanes.data(), subPlanes.data() + n, subPlanes.data() + 2 * n}};
+    DpxImage m{DPX_IMAGE_FORMAT_YUV444_PLANAR,
+               {0, 0, 0},
+               {mainPlanes.data(), mainPlanes.data() + n, mainPlanes.data() + 2 * n}};
+    DpxImage sub{
+        DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {subPlanes.data(), subPlanes.data() + n, subPlanes.data() + 2 * n}};
     vmDpx2_Run_Express(raw.data(), &m, &sub, 0, 0);
     vmZu_TemporalFilterU16_Run(filtered.data(), raw.data(), W, H, guide.data(), MW, MH);
     for (size_t i = 0; i < n; ++i) {
