@@ -14,7 +14,9 @@
 
 namespace {
 
-bool parse_size(const char* s, int32_t* w, int32_t* h) { return sscanf(s, "%dx%d", w, h) == 2 && *w > 0 && *h > 0; }
+bool parse_size(const char* s, int32_t* w, int32_t* h) {
+  return sscanf(s, "%dx%d", w, h) == 2 && *w > 0 && *h > 0;
+}
 
 bool write_file(const std::string& path, const uint8_t* data, size_t size) {
   FILE* f = fopen(path.c_str(), "wb");
@@ -42,24 +44,41 @@ int main(int argc, char** argv) {
     std::string a = argv[i];
     const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
     bool ok = v != nullptr;
-    if (a == "--out" && ok) out = v;
-    else if (a == "--seed" && ok) seed = uint32_t(strtoul(v, nullptr, 10));
-    else if (a == "--main" && ok) ok = parse_size(v, &mw, &mh);
-    else if (a == "--sub" && ok) ok = parse_size(v, &sw, &sh);
-    else if (a == "--depth" && ok) ok = parse_size(v, &dw, &dh);
-    else if (a == "--frames" && ok) frames = atoi(v);
-    else if (a == "--amount" && ok) amount = float(atof(v));
-    else if (a == "--noise" && ok) noise = float(atof(v));
-    else if (a == "--gain" && ok) gain = float(atof(v));
-    else if (a == "--aa" && ok) aa = atoi(v);
-    else if (a == "--dof" && ok) dof = float(atof(v));
-    else if (a == "--lens" && ok) lens = atoi(v);
+    if (a == "--out" && ok)
+      out = v;
+    else if (a == "--seed" && ok)
+      seed = uint32_t(strtoul(v, nullptr, 10));
+    else if (a == "--main" && ok)
+      ok = parse_size(v, &mw, &mh);
+    else if (a == "--sub" && ok)
+      ok = parse_size(v, &sw, &sh);
+    else if (a == "--depth" && ok)
+      ok = parse_size(v, &dw, &dh);
+    else if (a == "--frames" && ok)
+      frames = atoi(v);
+    else if (a == "--amount" && ok)
+      amount = float(atof(v));
+    else if (a == "--noise" && ok)
+      noise = float(atof(v));
+    else if (a == "--gain" && ok)
+      gain = float(atof(v));
+    else if (a == "--aa" && ok)
+      aa = atoi(v);
+    else if (a == "--dof" && ok)
+      dof = float(atof(v));
+    else if (a == "--lens" && ok)
+      lens = atoi(v);
     else if (a == "--motion" && ok) {
       std::string m = v;
-      motion = m == "still" ? SCENE_STILL : m == "pan" ? SCENE_PAN : m == "dolly" ? SCENE_DOLLY
-               : m == "object" ? SCENE_OBJECT : m == "focus" ? SCENE_FOCUS : -1;
+      motion = m == "still"    ? SCENE_STILL
+               : m == "pan"    ? SCENE_PAN
+               : m == "dolly"  ? SCENE_DOLLY
+               : m == "object" ? SCENE_OBJECT
+               : m == "focus"  ? SCENE_FOCUS
+                               : -1;
       ok = motion >= 0;
-    } else ok = false;
+    } else
+      ok = false;
     if (!ok) {
       usage();
       return 2;

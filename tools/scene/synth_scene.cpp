@@ -14,16 +14,28 @@ namespace {
 struct V3 {
   float x, y, z;
 };
-V3 v3(float x, float y, float z) { return V3{x, y, z}; }
-V3 operator+(V3 a, V3 b) { return v3(a.x + b.x, a.y + b.y, a.z + b.z); }
-V3 operator-(V3 a, V3 b) { return v3(a.x - b.x, a.y - b.y, a.z - b.z); }
-V3 operator*(V3 a, float s) { return v3(a.x * s, a.y * s, a.z * s); }
-float dot(V3 a, V3 b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+V3 v3(float x, float y, float z) {
+  return V3{x, y, z};
+}
+V3 operator+(V3 a, V3 b) {
+  return v3(a.x + b.x, a.y + b.y, a.z + b.z);
+}
+V3 operator-(V3 a, V3 b) {
+  return v3(a.x - b.x, a.y - b.y, a.z - b.z);
+}
+V3 operator*(V3 a, float s) {
+  return v3(a.x * s, a.y * s, a.z * s);
+}
+float dot(V3 a, V3 b) {
+  return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 V3 normalize(V3 a) {
   float n = sqrtf(dot(a, a));
   return n > 0 ? a * (1.0f / n) : a;
 }
-V3 from(const float* p) { return v3(p[0], p[1], p[2]); }
+V3 from(const float* p) {
+  return v3(p[0], p[1], p[2]);
+}
 
 uint32_t hash32(uint32_t x) {
   x ^= x >> 16;
@@ -34,9 +46,12 @@ uint32_t hash32(uint32_t x) {
   return x;
 }
 uint32_t hash3(int32_t x, int32_t y, int32_t z, uint32_t seed) {
-  return hash32(uint32_t(x) * 0x8da6b343U ^ hash32(uint32_t(y) * 0xd8163841U ^ hash32(uint32_t(z) * 0xcb1ab31fU ^ seed)));
+  return hash32(uint32_t(x) * 0x8da6b343U ^
+                hash32(uint32_t(y) * 0xd8163841U ^ hash32(uint32_t(z) * 0xcb1ab31fU ^ seed)));
 }
-float unit(uint32_t h) { return float(h >> 8) * (1.0f / 16777216.0f); }
+float unit(uint32_t h) {
+  return float(h >> 8) * (1.0f / 16777216.0f);
+}
 
 // splitmix-style generator for scene placement.
 struct Rng {
@@ -51,7 +66,9 @@ struct Rng {
   float range(float lo, float hi) { return lo + (hi - lo) * next(); }
 };
 
-float smooth(float t) { return t * t * (3.0f - 2.0f * t); }
+float smooth(float t) {
+  return t * t * (3.0f - 2.0f * t);
+}
 
 float value_noise(V3 p, uint32_t seed) {
   float fx = floorf(p.x), fy = floorf(p.y), fz = floorf(p.z);
@@ -80,7 +97,7 @@ V3 albedo(const SceneObject& o, V3 local) {
   float pattern = 0.0f;
   switch (seed % 3) {
     case 1:  // stripes
-      pattern = 0.25f * sinf((local.x + local.y * 0.5f) * 0.08f);
+      pattern = 0.25f * sinf((local.x + local.y * 0.5f) * 0.02f);
       break;
     case 2:  // blotches
       pattern = value_noise(local * (1.0f / 40.0f), seed ^ 0x55u) > 0.6f ? -0.25f : 0.0f;
@@ -156,7 +173,7 @@ bool box_hit(V3 o, V3 d, V3 c, V3 h, float* t, V3* n) {
 
 // The figure's parts relative to its centre, in units of its height: head, torso, arms, legs.
 const float kFigure[6][6] = {
-    {0.0f, -0.40f, 0.0f, 0.075f, 0.085f, 0.075f},  {0.0f, -0.13f, 0.0f, 0.15f, 0.21f, 0.09f},
+    {0.0f, -0.40f, 0.0f, 0.075f, 0.085f, 0.075f}, {0.0f, -0.13f, 0.0f, 0.15f, 0.21f, 0.09f},
     {-0.20f, -0.12f, 0.0f, 0.045f, 0.2f, 0.045f}, {0.20f, -0.12f, 0.0f, 0.045f, 0.2f, 0.045f},
     {-0.07f, 0.27f, 0.0f, 0.06f, 0.23f, 0.06f},   {0.07f, 0.27f, 0.0f, 0.06f, 0.23f, 0.06f},
 };
@@ -198,8 +215,7 @@ bool trace(const SceneSpec& s, int32_t frame, V3 o, V3 d, Hit* hit) {
         for (const float* part : kFigure) {
           float tp;
           V3 np;
-          if (ellipsoid_hit(o, d, c + v3(part[0], part[1], part[2]) * h, v3(part[3], part[4], part[5]) * h, &tp,
-                            &np) &&
+          if (ellipsoid_hit(o, d, c + v3(part[0], part[1], part[2]) * h, v3(part[3], part[4], part[5]) * h, &tp, &np) &&
               (!ok || tp < t)) {
             ok = true;
             t = tp;
@@ -271,7 +287,9 @@ float gaussian(uint32_t key) {
   return sqrtf(-2.0f * logf(u1)) * cosf(6.2831853f * u2);
 }
 
-bool sizes_ok(int32_t w, int32_t h) { return w > 0 && h > 0 && w <= 16384 && h <= 16384; }
+bool sizes_ok(int32_t w, int32_t h) {
+  return w > 0 && h > 0 && w <= 16384 && h <= 16384;
+}
 
 // Renders RGB in floating point (0..1 per channel before gain and noise).
 void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, int32_t aa, float* out) {
@@ -298,8 +316,7 @@ void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int
   }
 }
 
-void finish_rgb(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, const float* in,
-                uint8_t* rgb) {
+void finish_rgb(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, const float* in, uint8_t* rgb) {
   float gain = cam == 1 ? s.subGain : 1.0f;
   uint32_t key = hash32(s.seed * 0x9E3779B9U ^ hash32(uint32_t(frame) * 2u + uint32_t(cam)));
   size_t n = size_t(w) * size_t(h) * 3;
@@ -363,8 +380,7 @@ float scene_focal_px(const SceneSpec* spec, int32_t width) {
 
 int32_t scene_render_rgb(const SceneSpec* spec, int32_t frame, int32_t camera, int32_t width, int32_t height,
                          int32_t aa, uint8_t* rgb) {
-  if (spec == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 ||
-      camera > 1)
+  if (spec == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 || camera > 1)
     return 1;
   SceneSpec s = *spec;
   if (s.motion == SCENE_OBJECT) {  // the velocity record is a direction; the amount scales it
@@ -425,8 +441,7 @@ int32_t scene_truth_depth(const SceneSpec* spec, int32_t frame, int32_t width, i
   return 0;
 }
 
-int32_t scene_truth_disparity(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height,
-                              float* disparity) {
+int32_t scene_truth_disparity(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float* disparity) {
   int32_t r = scene_truth_depth(spec, frame, width, height, disparity);
   if (r != 0) return r;
   float fb = scene_focal_px(spec, width) * spec->baselineMm;
