@@ -1,8 +1,7 @@
 // The host tool end to end: outputs of a synthetic run, a record-and-replay round trip through
 // the library's own dumps, and the bad-input cases.
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -101,8 +100,10 @@ struct Json {
   bool string() {
     if (i >= s.size() || s[i] != '"') return false;
     for (++i; i < s.size(); ++i) {
-      if (s[i] == '\\') ++i;
-      else if (s[i] == '"') return ++i, true;
+      if (s[i] == '\\')
+        ++i;
+      else if (s[i] == '"')
+        return ++i, true;
     }
     return false;
   }

@@ -1,9 +1,9 @@
 // host_config.cpp - command-line parsing and the checks the library would make at Init.
+#include "host_config.h"
+
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include "host_config.h"
 
 namespace {
 

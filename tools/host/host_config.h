@@ -13,7 +13,7 @@ enum class FocusMode { kCentre, kFixed, kTrack };
 
 struct HostConfig {
   SourceKind source = SourceKind::kSynthetic;
-  std::string sourcePath;  // pair folder or image, or dump directory
+  std::string sourcePath;    // pair folder or image, or dump directory
   std::string subImagePath;  // second image of a pair given as two files
   std::string outDir = "out";
   int32_t frames = 60;

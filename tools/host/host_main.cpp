@@ -38,7 +38,9 @@ int64_t nowUs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-int32_t threadId() { return static_cast<int32_t>(syscall(SYS_gettid)); }
+int32_t threadId() {
+  return static_cast<int32_t>(syscall(SYS_gettid));
+}
 
 bool makeDirs(const std::string& path) {
   std::string partial;
@@ -96,8 +98,7 @@ void onLogLine(void* /*user*/, int prio, const char* tag, const char* message) {
   while (!line.empty() && line.back() == '\n') line.pop_back();
   if (g_log.file != nullptr) {
     static const char kLetters[] = "??VDIWEF";
-    fprintf(g_log.file, "%c/%s(%d): %s\n", prio >= 2 && prio <= 7 ? kLetters[prio] : '?', tag, g_log.pid,
-            line.c_str());
+    fprintf(g_log.file, "%c/%s(%d): %s\n", prio >= 2 && prio <= 7 ? kLetters[prio] : '?', tag, g_log.pid, line.c_str());
   }
   if (line.find("ERROR") != std::string::npos && g_log.errors.size() < 50) g_log.errors.push_back(line);
   // The library's cost lines give the workers' times: the event ends now and lasted that long.
@@ -275,8 +276,9 @@ int main(int argc, char** argv) {
     memset(&t, 0, sizeof t);
     t.vcmMain = f.vcmMain;
     t.vcmSub = f.vcmSub;
-    t.fnumber = f.hasFNumber ? f.fNumber
-                             : config.fStart + (config.fEnd - config.fStart) * (frames > 1 ? float(i) / (frames - 1) : 0);
+    t.fnumber = f.hasFNumber
+                    ? f.fNumber
+                    : config.fStart + (config.fEnd - config.fStart) * (frames > 1 ? float(i) / (frames - 1) : 0);
     int32_t fx = config.mainWidth / 2, fy = config.mainHeight / 2;
     if (f.hasFocus) {
       fx = f.focusX, fy = f.focusY;
@@ -300,8 +302,10 @@ int main(int argc, char** argv) {
       const bool tenBit = (config.cameraLayout & 0x20) != 0;
       chipBytes.resize(f.chip.size() * (tenBit ? 2 : 1));
       for (size_t k = 0; k < f.chip.size(); ++k) {
-        if (tenBit) memcpy(&chipBytes[2 * k], &f.chip[k], 2);
-        else chipBytes[k] = static_cast<uint8_t>(f.chip[k]);
+        if (tenBit)
+          memcpy(&chipBytes[2 * k], &f.chip[k], 2);
+        else
+          chipBytes[k] = static_cast<uint8_t>(f.chip[k]);
       }
       t.subImage.data = chipBytes.data();
       t.subImage.size = static_cast<int32_t>(chipBytes.size());
@@ -382,8 +386,8 @@ int main(int argc, char** argv) {
   printf("frames written: %d (%d skipped) in %s/frames\n", written, skipped, config.outDir.c_str());
   if (!sheetPath.empty()) printf("contact sheet: %s\n", sheetPath.c_str());
   if (!videoPath.empty()) printf("video: %s\n", videoPath.c_str());
-  printf("log: %s/log.txt  timing: %s/timing.txt  trace: %s/trace.json\n", config.outDir.c_str(),
-         config.outDir.c_str(), config.outDir.c_str());
+  printf("log: %s/log.txt  timing: %s/timing.txt  trace: %s/trace.json\n", config.outDir.c_str(), config.outDir.c_str(),
+         config.outDir.c_str());
   if (moved > 0) printf("library dumps: %d file(s) in %s/dumps\n", moved, config.outDir.c_str());
   return skipped > 0 && skipped == frames ? 4 : 0;
 }

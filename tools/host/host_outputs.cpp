@@ -110,7 +110,9 @@ std::string VideoWriter::close() {
   return rc == 0 && !failed_ ? path_ : "";
 }
 
-VideoWriter::~VideoWriter() { close(); }
+VideoWriter::~VideoWriter() {
+  close();
+}
 
 std::string host_write_contact_sheet(const std::string& path, const std::vector<SheetRow>& rows) {
   if (rows.empty()) return "";
@@ -218,8 +220,8 @@ void ProgressBar::update(int32_t done, int32_t total, double elapsed) {
   char bar[kWidth + 1];
   for (int i = 0; i < kWidth; ++i) bar[i] = i < filled ? '#' : '.';
   bar[kWidth] = '\0';
-  fprintf(stderr, "\r[%s] %d/%d frames  %5.1f fps  %d:%02d left ", bar, done, total, fps,
-          static_cast<int>(left) / 60, static_cast<int>(left) % 60);
+  fprintf(stderr, "\r[%s] %d/%d frames  %5.1f fps  %d:%02d left ", bar, done, total, fps, static_cast<int>(left) / 60,
+          static_cast<int>(left) % 60);
   drawn_ = true;
 }
 

@@ -51,9 +51,9 @@ struct TraceEvent {
   int32_t tid = 0;
 };
 struct TimingReport {
-  std::vector<double> runMs;     // per frame, the caller's thread
-  std::vector<double> depthMs;   // per depth map, as the library's cost lines report it
-  std::vector<double> refocusMs; // per refocus map
+  std::vector<double> runMs;      // per frame, the caller's thread
+  std::vector<double> depthMs;    // per depth map, as the library's cost lines report it
+  std::vector<double> refocusMs;  // per refocus map
   double wallSeconds = 0;
   std::vector<TraceEvent> events;
   std::vector<std::pair<int32_t, std::string>> threadNames;

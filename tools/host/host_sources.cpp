@@ -16,7 +16,9 @@
 
 namespace {
 
-uint8_t clamp8(float v) { return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5f); }
+uint8_t clamp8(float v) {
+  return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5f);
+}
 
 bool readFile(const std::string& path, std::vector<uint8_t>* out) {
   FILE* f = fopen(path.c_str(), "rb");
@@ -38,8 +40,11 @@ class SyntheticSource : public HostSource {
     config_ = *c;
     scene_default(&spec_, c->seed);
     const std::string& m = c->motion;
-    spec_.motion = m == "pan" ? SCENE_PAN : m == "dolly" ? SCENE_DOLLY : m == "object" ? SCENE_OBJECT
-                   : m == "focus" ? SCENE_FOCUS : SCENE_STILL;
+    spec_.motion = m == "pan"      ? SCENE_PAN
+                   : m == "dolly"  ? SCENE_DOLLY
+                   : m == "object" ? SCENE_OBJECT
+                   : m == "focus"  ? SCENE_FOCUS
+                                   : SCENE_STILL;
     spec_.motionAmount = spec_.motion == SCENE_PAN ? 0.05f : spec_.motion == SCENE_DOLLY ? 4.0f : 6.0f;
     spec_.noiseSigma = 1.0f;
     calibration_.assign(CALIB_BLOCK_SIZE, 0);
@@ -192,8 +197,8 @@ class PairSource : public HostSource {
   }
   void render(const Image8& im, int32_t x0, int32_t y0, int32_t w, int32_t h, uint8_t* nv21) {
     std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
-    host_scale_rgb(im.data.data() + (static_cast<size_t>(y0) * im.width + x0) * 3, cropW_, cropH_, im.width,
-                   rgb.data(), w, h);
+    host_scale_rgb(im.data.data() + (static_cast<size_t>(y0) * im.width + x0) * 3, cropW_, cropH_, im.width, rgb.data(),
+                   w, h);
     host_rgb_to_nv21(rgb.data(), w, h, nv21);
   }
   HostConfig config_;
@@ -254,7 +259,8 @@ class DumpSource : public HostSource {
     c->mainHeight = mainH;
     if (subW > 0) c->subWidth = subW, c->subHeight = subH;
     for (const auto& e : entries_) order_.push_back(e.first);
-    if (c->framesGiven && c->frames < static_cast<int32_t>(order_.size())) order_.resize(static_cast<size_t>(c->frames));
+    if (c->framesGiven && c->frames < static_cast<int32_t>(order_.size()))
+      order_.resize(static_cast<size_t>(c->frames));
     c->frames = static_cast<int32_t>(order_.size());
     if (calibration_.empty()) {
       fprintf(stderr, "vmktr_host: no eeprom.raw in %s: using a default calibration block\n", c->sourcePath.c_str());
@@ -324,14 +330,15 @@ bool host_parse_dump_name(const std::string& name, DumpName* out) {
              &d.focusX, &d.focusY, &consumed) == 7 &&
       s[consumed] == '\0') {
     d.isMain = true;
-  } else if (consumed = 0, sscanf(s, "%d-preview-sub-%dx%d-%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm,
-                                  &consumed) == 4 &&
-                                  s[consumed] == '\0') {
+  } else if (consumed = 0,
+             sscanf(s, "%d-preview-sub-%dx%d-%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm, &consumed) == 4 &&
+                 s[consumed] == '\0') {
     d.isMain = false;
   } else {
     return false;
   }
-  if (d.counter < 0 || d.width <= 0 || d.height <= 0 || d.width > 16384 || d.height > 16384 || ((d.width | d.height) & 1))
+  if (d.counter < 0 || d.width <= 0 || d.height <= 0 || d.width > 16384 || d.height > 16384 ||
+      ((d.width | d.height) & 1))
     return false;
   *out = d;
   return true;
@@ -354,8 +361,8 @@ void host_rgb_to_nv21(const uint8_t* rgb, int32_t w, int32_t h, uint8_t* nv21) {
         }
       r /= 4, g /= 4, b /= 4;
       uint8_t* o = vu + static_cast<size_t>(y / 2) * w + x;
-      o[0] = clamp8(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);      // V
-      o[1] = clamp8(128.0f - 0.168736f * r - 0.331264f * g + 0.5f * b);      // U
+      o[0] = clamp8(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);  // V
+      o[1] = clamp8(128.0f - 0.168736f * r - 0.331264f * g + 0.5f * b);  // U
     }
 }
 
@@ -384,7 +391,9 @@ void host_scale_rgb(const uint8_t* src, int32_t sw, int32_t sh, int32_t srcStrid
       const int32_t x0 = std::min(static_cast<int32_t>(fx), sw - 1), x1 = std::min(x0 + 1, sw - 1);
       const float wx = fx - x0;
       for (int32_t k = 0; k < 3; ++k) {
-        auto at = [&](int32_t yy, int32_t xx) { return static_cast<float>(src[(static_cast<size_t>(yy) * srcStride + xx) * 3 + k]); };
+        auto at = [&](int32_t yy, int32_t xx) {
+          return static_cast<float>(src[(static_cast<size_t>(yy) * srcStride + xx) * 3 + k]);
+        };
         const float top = at(y0, x0) * (1 - wx) + at(y0, x1) * wx;
         const float bottom = at(y1, x0) * (1 - wx) + at(y1, x1) * wx;
         dst[(static_cast<size_t>(y) * dw + x) * 3 + k] = clamp8(top * (1 - wy) + bottom * wy);

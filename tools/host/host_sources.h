@@ -12,15 +12,15 @@
 #include "host_config.h"
 
 struct HostFrame {
-  std::vector<uint8_t> main;    // NV21, main preview size
-  std::vector<uint8_t> sub;     // NV21, sub preview size
-  std::vector<uint16_t> chip;   // chip depth at the depth size, when the layout asks for it
+  std::vector<uint8_t> main;   // NV21, main preview size
+  std::vector<uint8_t> sub;    // NV21, sub preview size
+  std::vector<uint16_t> chip;  // chip depth at the depth size, when the layout asks for it
   int32_t vcmMain = 300, vcmSub = 300;
-  bool hasFNumber = false;      // recorded f-number (dumps)
+  bool hasFNumber = false;  // recorded f-number (dumps)
   float fNumber = 0;
-  bool hasFocus = false;        // recorded focus point (dumps)
+  bool hasFocus = false;  // recorded focus point (dumps)
   int32_t focusX = 0, focusY = 0;
-  std::string name;             // what the frame was made from, for messages
+  std::string name;  // what the frame was made from, for messages
 };
 
 class HostSource {
