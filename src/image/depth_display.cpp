@@ -16,9 +16,9 @@ struct ToneSegment {
 // The table's values as they are: the run of 18 over a 28-long segment and the run of 1 of the
 // last one make the curve overshoot, and the tone wraps modulo 256 (1022 comes out as 0).
 constexpr ToneSegment kTone[] = {
-    {4, 8, 1, 2},          {12, 12, 3, 3},        {24, 32, 6, 8},        {56, 72, 14, 18},
-    {128, 153, 32, 38},    {281, 237, 70, 59},    {518, 237, 129, 59},   {755, 153, 188, 38},
-    {908, 72, 226, 18},    {980, 18, 244, 7},     {1008, 12, 251, 3},    {1020, 1, 254, 1},
+    {4, 8, 1, 2},       {12, 12, 3, 3},     {24, 32, 6, 8},      {56, 72, 14, 18},
+    {128, 153, 32, 38}, {281, 237, 70, 59}, {518, 237, 129, 59}, {755, 153, 188, 38},
+    {908, 72, 226, 18}, {980, 18, 244, 7},  {1008, 12, 251, 3},  {1020, 1, 254, 1},
 };
 
 // Palette points every sixteenth tone (0, 16, ..., 240) and tone 255; entries between are a
@@ -206,9 +206,11 @@ void image_utility_draw_marker(uint8_t* image, int32_t width, int32_t height, in
                                int32_t centreY, int32_t halfSize, int32_t colour) {
   if (!usable(image, width, height)) return;
   const int64_t y0 = centreY - static_cast<int64_t>(halfSize) < 0 ? 0 : centreY - static_cast<int64_t>(halfSize);
-  const int64_t y1 = centreY + static_cast<int64_t>(halfSize) > height ? height : centreY + static_cast<int64_t>(halfSize);
+  const int64_t y1 =
+      centreY + static_cast<int64_t>(halfSize) > height ? height : centreY + static_cast<int64_t>(halfSize);
   const int64_t x0 = centreX - static_cast<int64_t>(halfSize) < 0 ? 0 : centreX - static_cast<int64_t>(halfSize);
-  const int64_t x1 = centreX + static_cast<int64_t>(halfSize) > width ? width : centreX + static_cast<int64_t>(halfSize);
+  const int64_t x1 =
+      centreX + static_cast<int64_t>(halfSize) > width ? width : centreX + static_cast<int64_t>(halfSize);
   const uint32_t word = image_utility_marker_colour(colour);
   const uint8_t bytes[4] = {static_cast<uint8_t>(word), static_cast<uint8_t>(word >> 8),
                             static_cast<uint8_t>(word >> 16), static_cast<uint8_t>(word >> 24)};

@@ -12,7 +12,7 @@ constexpr uint8_t kDisplayAlphaShown = 210;
 constexpr int32_t kGlyphWidth = 8;
 constexpr int32_t kGlyphHeight = 12;
 constexpr int32_t kGlyphBytes = kGlyphWidth * kGlyphHeight * 4;  // 384
-constexpr int32_t kMarkerKindDisplay = 1;                         // 32-bit display pixels; other kinds are 8-bit
+constexpr int32_t kMarkerKindDisplay = 1;                        // 32-bit display pixels; other kinds are 8-bit
 
 // Tone of a 10-bit depth sample: the segment table's value modulo 256 (1022 gives 0, 1021 255).
 uint8_t image_utility_depth_tone(uint32_t value);

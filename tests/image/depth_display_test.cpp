@@ -144,8 +144,7 @@ TEST(Text, MeasuresAndPaddingWithTheSpaceGlyph) {
   std::vector<uint8_t> space(384, 0), padded(384, 0);
   image_utility_draw_text(space.data(), 384, " ");
   // First line, third column, every row equals the space glyph.
-  for (int r = 0; r < 12; ++r)
-    EXPECT_EQ(0, memcmp(&pic[4 * (r * 24 + 16)], &space[4 * (r * 8)], 32)) << r;
+  for (int r = 0; r < 12; ++r) EXPECT_EQ(0, memcmp(&pic[4 * (r * 24 + 16)], &space[4 * (r * 8)], 32)) << r;
   // 'a' is not blank.
   EXPECT_NE(0, memcmp(&pic[4 * (6 * 24)], &space[4 * (6 * 8)], 32));
   // Distinct characters draw differently.
