@@ -46,7 +46,6 @@ int32_t depth_manager_init_temporal_filter(SessionContext* ctx);
 int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* worker);
 int32_t depth_manager_deinit_temporal_filter(void);
 
-
 // Debug outputs of a freshly published depth map (only with debugEnable): the depth dump and,
 // with display flag 0x40, its colouring into the depth debug-display pair, with the focus
 // marker when asked and display flag 0x2 is set.

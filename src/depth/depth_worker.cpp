@@ -64,8 +64,7 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
   pthread_mutex_unlock(&w->mutex);
 
   w->context = ctx;
-  const size_t samples =
-      static_cast<size_t>(session_depth_width(ctx)) * static_cast<size_t>(session_depth_height(ctx));
+  const size_t samples = static_cast<size_t>(session_depth_width(ctx)) * static_cast<size_t>(session_depth_height(ctx));
   // Block A also takes the filter's guide luma, which may be larger than the depth planes.
   const size_t guide =
       static_cast<size_t>(session_preview_main_width(ctx)) * static_cast<size_t>(session_preview_main_height(ctx));

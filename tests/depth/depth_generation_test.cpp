@@ -37,7 +37,7 @@ TEST_F(DepthGeneration, EngineSetUpPerCalibrationKind) {
   ASSERT_EQ(depth_manager_init_Dpx2_LV(c), 0);
   EXPECT_STREQ(c->depthEngineVersion, "fake-dpx2");
   EXPECT_EQ(fakes::names(), (std::vector<std::string>{"vmDpx2_VersionInfo_Get_LV", "vmDpx2_CameraLayout_Set_LV",
-                                                       "vmDpx2RT_FieldofDepth_Set", "vmDpx2_Express_Init"}));
+                                                      "vmDpx2RT_FieldofDepth_Set", "vmDpx2_Express_Init"}));
   EXPECT_EQ(fakes::calls("vmDpx2RT_FieldofDepth_Set")[0].args[0], 2);
   const int64_t otp = reinterpret_cast<intptr_t>(c->otpCopy);
   EXPECT_EQ(fakes::calls("vmDpx2_Express_Init")[0].args, (std::vector<int64_t>{0, 0, 32, 24, otp, 32}));
@@ -84,8 +84,8 @@ TEST_F(DepthGeneration, LayoutsRoundTripThroughTheEngine) {
 
     const int32_t cw = 32, ch = 24, n = cw * ch;
     std::vector<uint8_t> scaled(3 * n);
-    image_utility_nv12_scale_rotate(buffer_manager_get_buffer(d.ctx.get(), kSlotMain, kSlotFilled)->data,
-                                    scaled.data(), scaled.data() + n, scaled.data() + 2 * n, 64, 48, 64, 48, cw, ch, 2);
+    image_utility_nv12_scale_rotate(buffer_manager_get_buffer(d.ctx.get(), kSlotMain, kSlotFilled)->data, scaled.data(),
+                                    scaled.data() + n, scaled.data() + 2 * n, 64, 48, 64, 48, cw, ch, 2);
     const uint16_t* out = d.publishedDepth();
     ASSERT_NE(out, nullptr);
     for (int32_t i = 0; i < n; ++i) ASSERT_EQ(out[i], scaled[i]) << i;
@@ -146,10 +146,10 @@ TEST_F(DepthGeneration, DiscardRaisedDuringTheRunThrowsTheMapAway) {
   s.putFrame(kSlotSub, 4);
   fakes::setHook("vmDpx2_Run_Express", [c] { c->depthDiscardRequest.fetch_or(3); });
   EXPECT_EQ(depth_manager_generate_depth(c, worker()), 5);
-  EXPECT_EQ(s.publishedDepth(), nullptr);                     // both depth buffers free
-  EXPECT_EQ(c->depthDiscardRequest.load(), 2u);               // bit 0 taken, bit 1 left for the refocus side
+  EXPECT_EQ(s.publishedDepth(), nullptr);        // both depth buffers free
+  EXPECT_EQ(c->depthDiscardRequest.load(), 2u);  // bit 0 taken, bit 1 left for the refocus side
   fakes::setHook("vmDpx2_Run_Express", nullptr);
-  EXPECT_EQ(depth_manager_generate_depth(c, worker()), 0);    // the same frames may be used again
+  EXPECT_EQ(depth_manager_generate_depth(c, worker()), 0);  // the same frames may be used again
   EXPECT_NE(s.publishedDepth(), nullptr);
 }
 
@@ -229,7 +229,7 @@ TEST_F(DepthGeneration, ChipDepthThroughTheTemporalFilter) {
 
   const uint16_t words[8] = {0xF001, 2, 3, 4, 5, 6, 7, 8};
   depth_manager_get_depth_from_chip(c, reinterpret_cast<const uint8_t*>(words), sizeof words);
-  EXPECT_EQ(s.publishedDepth(), nullptr);  // into the filter's input, not the depth pair
+  EXPECT_EQ(s.publishedDepth(), nullptr);                       // into the filter's input, not the depth pair
   EXPECT_EQ(depth_manager_do_temporal_filter(c, worker()), 3);  // no guide frame yet
   s.putFrame(kSlotMain, 4);
   ASSERT_EQ(depth_manager_do_temporal_filter(c, worker()), 0);
