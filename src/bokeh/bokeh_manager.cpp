@@ -149,9 +149,10 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
                            session_refocus_height(ctx), ctx->screenWidth, ctx->screenHeight, ctx->isPortrait,
                            ctx->isOffRender, format, ctx->isGB, ctx->rendererExtraParam);
   } else {
-    r = vmKtrRT_GLInitV1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx), session_preview_main_height(ctx),
-                         W, H, session_refocus_width(ctx), session_refocus_height(ctx), ctx->screenWidth,
-                         ctx->screenHeight, ctx->isPortrait, ctx->isOffRender, format, ctx->isGB);
+    r = vmKtrRT_GLInitV1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx),
+                         session_preview_main_height(ctx), W, H, session_refocus_width(ctx),
+                         session_refocus_height(ctx), ctx->screenWidth, ctx->screenHeight, ctx->isPortrait,
+                         ctx->isOffRender, format, ctx->isGB);
   }
   if (r != 0) {
     VM_LOG_IF(kLogTrace, "vmKtrRT_GLInit:ERROR[%x]\n", static_cast<unsigned>(r));
@@ -244,10 +245,10 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
 
   uint16_t depthMin = 0, depthMax = 0, depthTarget = 0;
   const uint16_t* depthMap = reinterpret_cast<const uint16_t*>(depth->data);
-  const int32_t r = ctx->depthFromChip == 1
-                        ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax,
-                                                                    &depthTarget)
-                        : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
+  const int32_t r =
+      ctx->depthFromChip == 1
+          ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget)
+          : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
   if (debugEnable.load(std::memory_order_relaxed) != 0 && (debugDisplay.load(std::memory_order_relaxed) & 0x100) != 0)
     bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
   buffer_manager_release(depth);
@@ -279,8 +280,8 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
   } else {
     const int32_t limit = ctx->policy.refocusCountLimit;
     // The check reads a whole 320 x 240 plane: smaller maps never count as similar.
-    const bool similar = limit > 0 && rw * rh >= kCheckedMapBytes &&
-                         policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
+    const bool similar =
+        limit > 0 && rw * rh >= kCheckedMapBytes && policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
     const bool stable = ctx->policyState.load(std::memory_order_relaxed) == kPolicyStableState;
     if (!stable) {
       publish = true;
