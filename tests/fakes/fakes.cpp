@@ -29,6 +29,7 @@ struct State {
   int32_t glDepthWidth = 0, glDepthHeight = 0, refocusWidth = 0, refocusHeight = 0;
   uint64_t lastMapSum = 0;
   uint32_t lastDepthSum = 0;
+  std::function<void(uint8_t*)> mapWriter;
 };
 
 State& state() {
@@ -73,8 +74,10 @@ void keepRendererSizes(int32_t dw, int32_t dh, int32_t rw, int32_t rh) {
 // A refocus map made from the depth it is given: reads every depth sample, writes every map byte.
 void writeRefocusMap(uint8_t* map, const uint16_t* depth, int32_t fx, int32_t fy) {
   int32_t dw, dh, rw, rh;
+  std::function<void(uint8_t*)> writer;
   {
     std::lock_guard<std::mutex> g(state().mu);
+    writer = state().mapWriter;
     dw = state().glDepthWidth;
     dh = state().glDepthHeight;
     rw = state().refocusWidth;
@@ -86,6 +89,10 @@ void writeRefocusMap(uint8_t* map, const uint16_t* depth, int32_t fx, int32_t fy
   {
     std::lock_guard<std::mutex> g(state().mu);
     state().lastDepthSum = depthSum;
+  }
+  if (map != nullptr && writer) {
+    writer(map);
+    return;
   }
   if (map != nullptr)
     for (int32_t i = 0; i < rw * rh; ++i) map[i] = refocusMapValue(i, fx, fy);
@@ -127,6 +134,12 @@ void reset() {
   s.echoLuma = false;
   s.hooks.clear();
   s.lastMapSum = 0;
+  s.mapWriter = nullptr;
+}
+
+void setRefocusMapWriter(std::function<void(uint8_t* map)> writer) {
+  std::lock_guard<std::mutex> g(state().mu);
+  state().mapWriter = std::move(writer);
 }
 
 void setDepthEchoesMainLuma(bool on) {

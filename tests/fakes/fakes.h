@@ -54,6 +54,8 @@ void setHook(const std::string& name, std::function<void()> hook);
 // (sizes from the renderer's set-up), reading the depth map it is given; the renderer fake
 // reads the whole map it is given. Both make a data race visible to the thread sanitizer.
 uint8_t refocusMapValue(int32_t index, int32_t x, int32_t y);
+// Replaces what the generator fakes write into the map (null: the pattern above).
+void setRefocusMapWriter(std::function<void(uint8_t* map)> writer);
 // Sum of the map bytes the last vmKtrRT_GLStartV1 read (0 without a map).
 uint64_t lastRenderedMapSum();
 

@@ -174,8 +174,7 @@ TEST_F(Session, StillFullHdSceneReachesRenderingWithAPublishedMap) {
   EXPECT_EQ(call.args[3], 960);
   EXPECT_EQ(call.args[4], 540);
   EXPECT_FLOAT_EQ(call.fArg, 2.8f);
-  EXPECT_EQ(std::vector<int64_t>(call.args.begin() + 6, call.args.end()),
-            (std::vector<int64_t>{910, 490, 1010, 590}));
+  EXPECT_EQ(std::vector<int64_t>(call.args.begin() + 6, call.args.end()), (std::vector<int64_t>{910, 490, 1010, 590}));
   // The map rendered with is the generator's, made at the focus in depth pixels (160, 120).
   const auto gen = fakes::calls("vmKtrRT_GenRefocusMap")[0];
   EXPECT_EQ(gen.args[2], 160);
@@ -288,7 +287,8 @@ TEST_F(Session, ShutDownWhileBothWorkersWait) {
   setProp("persist.vm.log.ktrrt.sc", "2");
   Frames f(64, 48, 64, 48, 32, 24);
   ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
-  ASSERT_TRUE(waitUntil([&] { return log.count("ID DMD_STATUS_READY[1]") == 1 && log.count("ID STATUS_READY[1]") == 1; }));
+  ASSERT_TRUE(
+      waitUntil([&] { return log.count("ID DMD_STATUS_READY[1]") == 1 && log.count("ID STATUS_READY[1]") == 1; }));
   vmKtrRT_SC_Deinit();  // answers the last cost line's log result under these flags
   EXPECT_EQ(log.count("End gen depth handler..."), 1u);
   EXPECT_EQ(log.count("End gen refocus map handler..."), 1u);
@@ -307,7 +307,8 @@ TEST_F(Session, ChipDepthWithoutFilterNeedsNoDepthWorker) {
   EXPECT_EQ(fakes::count("vmDpx2_VersionInfo_Get_LV"), 0u);
   EXPECT_EQ(fakes::count("vmKtrRT_GenRefocusMap"), 0u);
   // Chip depth with the refocus map at the depth size, held back never (limit 0).
-  const auto gl = fakes::count("vmKtrRT_GLInitV1") ? fakes::calls("vmKtrRT_GLInitV1") : fakes::calls("vmKtrRT_GLInitV1_1");
+  const auto gl =
+      fakes::count("vmKtrRT_GLInitV1") ? fakes::calls("vmKtrRT_GLInitV1") : fakes::calls("vmKtrRT_GLInitV1_1");
   EXPECT_EQ(gl[0].args[8], 32);
   TriggerData t = f.centred(true);
   t.subImage.data = nullptr;
