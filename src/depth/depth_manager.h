@@ -23,6 +23,8 @@ constexpr int32_t kDepthUnknownCalibration = 6;
 // code; on a non-zero result it has released everything it took.
 int32_t depth_manager_create_thread(SessionContext* ctx);
 int32_t depth_manager_trigger(SessionContext* ctx);
+// True when the worker waits for work (a trigger now would wake it).
+bool depth_manager_worker_waiting(SessionContext* ctx);
 int32_t depth_manager_deinit(SessionContext* ctx);
 void* depth_manager_handler(void* worker);
 

@@ -156,6 +156,15 @@ int32_t depth_manager_trigger(SessionContext* ctx) {
   return 0;
 }
 
+bool depth_manager_worker_waiting(SessionContext* ctx) {
+  DepthWorker* w = workerOf(ctx);
+  if (!w->syncReady) return false;
+  pthread_mutex_lock(&w->mutex);
+  const bool waiting = (w->status.load(std::memory_order_relaxed) & kDmdStatusWaiting) != 0;
+  pthread_mutex_unlock(&w->mutex);
+  return waiting;
+}
+
 int32_t depth_manager_deinit(SessionContext* ctx) {
   stopAndRelease(ctx, workerOf(ctx), true);
   return 0;

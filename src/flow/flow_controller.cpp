@@ -333,7 +333,10 @@ int32_t flow_controller_trigger(TriggerData data) {
       if (ctx->isUsingTemporalFilter == 1) depth_manager_trigger(ctx);
     }
   } else if (wantDepth) {
-    flow_controller_fill_trigger_data_depth_requirement(ctx, &data);
+    // A busy worker drops the request, and the sub frame would go unused: it is copied only
+    // for a worker that waits. (One that starts waiting just now finds the frames used and
+    // waits for the next trigger.)
+    if (depth_manager_worker_waiting(ctx)) flow_controller_fill_trigger_data_depth_requirement(ctx, &data);
     depth_manager_trigger(ctx);
   }
   const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
