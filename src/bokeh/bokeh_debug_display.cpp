@@ -70,7 +70,9 @@ void pasteSubPreview(SessionContext* ctx) {
   const size_t y0 = static_cast<size_t>(mh - sh);
   for (int32_t r = 0; r < sh; ++r)
     memcpy(ctx->mainImageData + (y0 + r) * mw + x0, sub->data + static_cast<size_t>(r) * sw, static_cast<size_t>(sw));
-  if (ctx->mainImagePlane2 == nullptr) return;  // no separate chroma plane was handed over
+  // The chroma plane is taken to be covered by the frame's size, as the frame copy takes it.
+  const int64_t frameBytes = static_cast<int64_t>(mw) * mh * 3 / 2;
+  if (ctx->mainImagePlane2 == nullptr || static_cast<int64_t>(ctx->mainImageSize) < frameBytes) return;
   const uint8_t* subChroma = sub->data + static_cast<size_t>(sw) * sh;
   const size_t cy0 = y0 / 2;
   for (int32_t r = 0; r < sh / 2; ++r)
