@@ -45,6 +45,12 @@ int32_t blockSize(int32_t claimed) {
   return claimed < 0 ? 0 : (claimed > kMaxBlock ? kMaxBlock : claimed);
 }
 
+// Where the second plane starts within an image block: after the luma the session expects.
+int32_t lumaBytes(int32_t width, int32_t height) {
+  const int64_t n = static_cast<int64_t>(width) * height;
+  return n < 0 ? 0 : (n > kMaxBlock ? kMaxBlock : static_cast<int32_t>(n));
+}
+
 InitData initFrom(Bytes* in, Owned* own) {
   InitData d;
   memset(&d, 0, sizeof d);
@@ -123,8 +129,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     switch (in.u8() % 6) {
       case 0: {
         const InitData d = initFrom(&in, &own);
-        mainLuma = d.previewMainWidth * (d.previewMainHeight > 0 ? d.previewMainHeight : 0);
-        subLuma = d.previewSubWidth * (d.previewSubHeight > 0 ? d.previewSubHeight : 0);
+        mainLuma = lumaBytes(d.previewMainWidth, d.previewMainHeight);
+        subLuma = lumaBytes(d.previewSubWidth, d.previewSubHeight);
         vmKtrRT_SC_Init(d);
         break;
       }

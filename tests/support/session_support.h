@@ -25,11 +25,16 @@ struct Frames {
     chip.assign(static_cast<size_t>(dw) * dh * 2, 0);
     paint(0);
   }
-  // A textured scene; seed shifts it (a different seed is a different scene).
+  // Unrelated grey levels per 16 x 16 block: a different seed is a different scene.
+  static uint8_t blockValue(int32_t bx, int32_t by, int32_t seed) {
+    const uint32_t h = static_cast<uint32_t>(bx) * 73856093u ^ static_cast<uint32_t>(by) * 19349663u ^
+                       static_cast<uint32_t>(seed + 1) * 83492791u;
+    return static_cast<uint8_t>((h * 2654435761u) >> 24);
+  }
+  // A textured scene; seed picks it.
   void paint(int32_t seed) {
     for (int32_t y = 0; y < mainH; ++y)
-      for (int32_t x = 0; x < mainW; ++x)
-        main[static_cast<size_t>(y) * mainW + x] = static_cast<uint8_t>(((x + seed * 37) / 16 * 53) ^ (y / 16 * 91));
+      for (int32_t x = 0; x < mainW; ++x) main[static_cast<size_t>(y) * mainW + x] = blockValue(x / 16, y / 16, seed);
     memset(main.data() + static_cast<size_t>(mainW) * mainH, 128, static_cast<size_t>(mainW) * mainH / 2);
     for (size_t i = 0; i < sub.size(); ++i) sub[i] = static_cast<uint8_t>(i * 7 + seed);
     for (size_t i = 0; i + 1 < chip.size(); i += 2) {
