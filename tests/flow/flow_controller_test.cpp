@@ -1,5 +1,7 @@
 // The flow controller on the session record itself: the dimension rules, the flags taken as on
 // only when exactly 1, the calibration copy, and the discard bits raised when the scene comes loose.
+#include "flow/flow_controller.h"
+
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,7 +10,6 @@
 
 #include "debug/debug_log.h"
 #include "fakes.h"
-#include "flow/flow_controller.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
 #include "memory/heap.h"
@@ -144,6 +145,36 @@ TEST_F(Flow, SceneComingLooseRaisesBothDiscardBits) {
   // Bit 0 waits for the depth worker's next map (no depth is asked while unsettled).
   EXPECT_EQ(g_session.depthDiscardRequest.load() & 1u, 1u);
   EXPECT_EQ(fakes::calls("vmKtrRT_GLStartV1").back().args[5], 1);  // rendered without a map
+}
+
+TEST_F(Flow, RegionRulesInTheirOrder) {
+  Frames f(64, 48, 32, 24, 32, 24);
+  ASSERT_EQ(flow_controller_init(f.init()), 0);
+  struct Case {
+    int32_t l, r, t, b;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {10, 30, 5, 25, true},  {0, 64, 0, 48, true},    {10, 30, -1, 25, false}, {-1, 30, 5, 25, false},
+      {10, 30, 5, 49, false}, {10, 30, 26, 25, false}, {10, 65, 5, 25, false},  {31, 30, 5, 25, false},
+      {10, 30, 0, 0, false},  {0, 0, 5, 25, false},    {20, 20, 7, 7, true},    {0, 2, 0, 2, true},
+  };
+  int32_t want[4] = {0, 0, 0, 0};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.l << " " << c.r << " " << c.t << " " << c.b);
+    const TriggerData t = f.trigger(c.l, c.r, c.t, c.b);
+    flow_controller_fill_trigger_data(&g_session, &t);
+    if (c.accepted) {
+      want[0] = c.l, want[1] = c.r, want[2] = c.t, want[3] = c.b;
+    }
+    EXPECT_EQ(g_session.regionLeft, want[0]);
+    EXPECT_EQ(g_session.regionRight, want[1]);
+    EXPECT_EQ(g_session.regionTop, want[2]);
+    EXPECT_EQ(g_session.regionBottom, want[3]);
+    EXPECT_EQ(g_session.focusX.load(), want[0] + ((want[1] - want[0]) >> 1));
+    EXPECT_EQ(g_session.focusY.load(), want[2] + ((want[3] - want[2]) >> 1));
+  }
+  EXPECT_EQ(log.count("SKIP..."), 8u);
 }
 
 TEST_F(Flow, SetFunctionSwitches) {
