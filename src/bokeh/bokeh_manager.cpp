@@ -56,9 +56,8 @@ int32_t failInit(SessionContext* ctx, RefocusWorker* w, int32_t code) {
   return code;
 }
 
-void profile(long start) {
-  VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_time_ms() - start);
-}
+// A macro, so that the line carries the generating function's name.
+#define PROFILE_REFOCUS_MAP(start) VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_time_ms() - (start))
 
 }  // namespace
 
@@ -233,7 +232,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     // No map to start from, or both map buffers are in use: nothing is made this time.
     if (depth == nullptr) VM_LOG_IF(kLogTrace, "ERROR: No Depth\n");
     buffer_manager_release(depth);
-    profile(start);
+    PROFILE_REFOCUS_MAP(start);
     return 0;
   }
   int32_t x, y;
@@ -253,7 +252,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
   buffer_manager_release(depth);
   if (r != 0) {
-    profile(start);
+    PROFILE_REFOCUS_MAP(start);
     return r;  // the new buffer stays free, the published map stays
   }
 
@@ -318,7 +317,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
       buffer_manager_release(map);
     }
   }
-  profile(start);
+  PROFILE_REFOCUS_MAP(start);
   return 0;
 }
 

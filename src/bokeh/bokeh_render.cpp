@@ -11,18 +11,19 @@
 
 namespace {
 
-void wakeWorker(RefocusWorker* w) {
-  if (!w->syncReady) return;
+// 1 when the worker waits for a request.
+int32_t workerWaiting(RefocusWorker* w) {
+  if (!w->syncReady) return 0;
   pthread_mutex_lock(&w->mutex);
   const int32_t waiting = (w->status.load(std::memory_order_relaxed) & kBmdStatusWaiting) != 0 ? 1 : 0;
   pthread_mutex_unlock(&w->mutex);
-  VM_LOG_IF(kLogTrace, "gen refocus map is BMD_STATUS_WAITING[%d]...\n", waiting);
-  // A busy worker keeps the reasons pending; the next frame tries again.
-  if (waiting) {
-    pthread_mutex_lock(&w->mutex);
-    pthread_cond_signal(&w->cond);
-    pthread_mutex_unlock(&w->mutex);
-  }
+  return waiting;
+}
+
+void signalWorker(RefocusWorker* w) {
+  pthread_mutex_lock(&w->mutex);
+  pthread_cond_signal(&w->cond);
+  pthread_mutex_unlock(&w->mutex);
 }
 
 }  // namespace
@@ -50,12 +51,17 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
   if (newDepth) w->pendingReasons.fetch_or(kReasonNewDepth, std::memory_order_acq_rel);
   const int32_t focusX = ctx->focusX.load(std::memory_order_relaxed);
   const int32_t focusY = ctx->focusY.load(std::memory_order_relaxed);
+  bool wake = w->pendingReasons.load(std::memory_order_acquire) != 0;
   if (w->lastFocusX.load(std::memory_order_acquire) != focusX ||
       w->lastFocusY.load(std::memory_order_acquire) != focusY) {
     w->pendingReasons.fetch_or(kReasonFocusMoved, std::memory_order_acq_rel);
-    wakeWorker(w);
-  } else if (w->pendingReasons.load(std::memory_order_acquire) != 0) {
-    wakeWorker(w);
+    wake = true;
+  }
+  if (wake) {
+    const int32_t waiting = workerWaiting(w);
+    VM_LOG_IF(kLogTrace, "gen refocus map is BMD_STATUS_WAITING[%d]...\n", waiting);
+    // A busy worker keeps the reasons pending; the next frame tries again.
+    if (waiting) signalWorker(w);
   }
 
   const uint32_t discard = ctx->depthDiscardRequest.load(std::memory_order_acquire);

@@ -35,13 +35,14 @@ bool slotFits(int32_t w, int32_t h, int32_t bpp) {
   return static_cast<int64_t>(w) * h * bpp * 2 + 64 <= INT32_MAX;
 }
 
-bool refuse(const char* field, int32_t value) {
-  VM_LOG("ERROR: InitData %s [%d] refused\n", field, value);
-  return false;
-}
-
-// What the session cannot work with is refused before anything is taken.
-bool initDataUsable(const InitData* d) {
+// What the session cannot work with is refused before anything is taken; the field that is
+// refused and its value are written to field and value.
+bool initDataUsable(const InitData* d, const char** field, int32_t* value) {
+  auto refuse = [&](const char* name, int32_t v) {
+    *field = name;
+    *value = v;
+    return false;
+  };
   const struct {
     const char* name;
     int32_t value;
@@ -169,7 +170,10 @@ int32_t flow_controller_init(InitData data) {
   ctx->state.store(kStateInitialising);
   vemta_memory_manager_init();
   dump_thread_info();
-  if (!initDataUsable(&data)) {
+  const char* field = "";
+  int32_t value = 0;
+  if (!initDataUsable(&data, &field, &value)) {
+    VM_LOG("ERROR: InitData %s [%d] refused\n", field, value);
     ctx->state.store(kStateRejected);
     return kInitRefused;
   }

@@ -146,7 +146,9 @@ TEST_F(Bokeh, NoDepthAndGeneratorFailure) {
   LogCapture log;
   logFlags.store(kLogTrace);
   ctx->focusX.store(100);
+  logFlags.store(kLogTrace | kLogStepCost);
   EXPECT_EQ(generate(), 0);
+  EXPECT_EQ(log.count("bokeh_manager_generate_refocus_map:"), 2u);  // the error and the profile line
   EXPECT_EQ(log.count("ERROR: No Depth"), 1u);
   EXPECT_EQ(fakes::count("vmKtrRT_GenRefocusMap"), 0u);
   EXPECT_EQ(ctx->bokeh.worker.lastFocusX.load(), 100);  // taken before anything can fail
@@ -219,6 +221,8 @@ TEST_F(BokehFrame, NewDepthNoticedOnceAndRequestsStayPending) {
   frameStep();
   EXPECT_EQ(ctx->bokeh.worker.pendingReasons.load(), kReasonNewDepth | kReasonFocusMoved);
   EXPECT_EQ(log.count("gen refocus map is BMD_STATUS_WAITING[0]"), 3u);  // retried every frame
+  // The function names in log lines are part of the interface.
+  EXPECT_EQ(log.count("bokeh_manager_trigger:"), log.lines().size());
   ctx->mainImageData = nullptr;
   EXPECT_EQ(frameStep(), 0);
   EXPECT_EQ(fakes::count("vmKtrRT_GLStartV1"), 3u);
