@@ -56,7 +56,6 @@ struct BokehFields {
   // Debug statistics: made by the worker after each map, shown by the frame thread. The lock
   // guards them; the frame thread copies the picture out under it.
   pthread_mutex_t statsMutex;
-  int32_t statsReady;
   int32_t depthMin, depthMax, depthTarget;
   uint32_t depthHistogram[kHistogramBins];
   uint8_t histogramPicture[kHistogramSide * kHistogramSide * 4];
