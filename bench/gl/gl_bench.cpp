@@ -49,7 +49,7 @@ void BM_MemcpyRgbaFrame(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(a.size()));
 }
-BENCHMARK(BM_MemcpyRgbaFrame)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MemcpyRgbaFrame)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // Inputs and targets are prepared once; each iteration draws one pass and waits for it.
 enum PassKind { kNV21 = 0, kBypass = 1, kGaussX = 2, kGaussY = 3, kMask = 4 };
@@ -85,7 +85,11 @@ void BM_GpuPass(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_GpuPass)->DenseRange(0, 4)->ArgName("nv21_bypass_gx_gy_mask")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GpuPass)
+    ->DenseRange(0, 4)
+    ->ArgName("nv21_bypass_gx_gy_mask")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void BM_CpuReference(benchmark::State& state) {
   const auto kind = static_cast<PassKind>(state.range(0));
@@ -112,7 +116,11 @@ void BM_CpuReference(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_CpuReference)->DenseRange(0, 4)->ArgName("nv21_bypass_gx_gy_mask")->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CpuReference)
+    ->DenseRange(0, 4)
+    ->ArgName("nv21_bypass_gx_gy_mask")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 // One-call forms: upload, pass(es), read-back (and CPU conversion for the NV21 blur).
 void BM_GpuCallNV21ToRgba(benchmark::State& state) {
@@ -122,7 +130,7 @@ void BM_GpuCallNV21ToRgba(benchmark::State& state) {
     if (gl_pipeline_nv21_to_rgba(nv21.data(), kW, kH, out.data()) != 0) state.SkipWithError("call failed");
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_GpuCallNV21ToRgba)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GpuCallNV21ToRgba)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_GpuCallBlurRgbaXY(benchmark::State& state) {
   if (skipWithoutGl(state)) return;
@@ -131,7 +139,7 @@ void BM_GpuCallBlurRgbaXY(benchmark::State& state) {
     if (gl_pipeline_blur_rgba(rgba.data(), kW, kH, kGlBlurXY, out.data()) != 0) state.SkipWithError("call failed");
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_GpuCallBlurRgbaXY)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GpuCallBlurRgbaXY)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_GpuCallBlurNV21XY(benchmark::State& state) {
   if (skipWithoutGl(state)) return;
@@ -140,7 +148,7 @@ void BM_GpuCallBlurNV21XY(benchmark::State& state) {
     if (gl_pipeline_blur_nv21(nv21.data(), kW, kH, kGlBlurXY, out.data()) != 0) state.SkipWithError("call failed");
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(nv21.size()));
 }
-BENCHMARK(BM_GpuCallBlurNV21XY)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GpuCallBlurNV21XY)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The GPU scaling path against the CPU bilinear reference: 1920x1080 plane to 640x360.
 void BM_GpuCallScalePlane(benchmark::State& state) {
@@ -151,7 +159,7 @@ void BM_GpuCallScalePlane(benchmark::State& state) {
       state.SkipWithError("call failed");
   state.SetBytesProcessed(state.iterations() * kW * kH);
 }
-BENCHMARK(BM_GpuCallScalePlane)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_GpuCallScalePlane)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_CpuScalePlane(benchmark::State& state) {
   std::vector<uint8_t> src = pattern(kW * kH), dst(640 * 360);
@@ -161,7 +169,7 @@ void BM_CpuScalePlane(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * kW * kH);
 }
-BENCHMARK(BM_CpuScalePlane)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CpuScalePlane)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_CpuRgbaToNV21(benchmark::State& state) {
   std::vector<uint8_t> rgba = pattern(kW * kH * 4), out(kW * kH * 3 / 2);
@@ -171,7 +179,7 @@ void BM_CpuRgbaToNV21(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_CpuRgbaToNV21)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CpuRgbaToNV21)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
 

@@ -2,6 +2,8 @@
 // configuration of input textures and render targets, and the orderly tear-down.
 #include "gl/gl_context.h"
 
+#include <GLES2/gl2ext.h>
+
 #include <cstring>
 
 #include "debug/debug_log.h"
@@ -70,9 +72,7 @@ void configureTexture(GLuint texture, int32_t width, int32_t height, GLenum form
 // an index whose name was never generated) is refused as well rather than reaching past a pool
 // or re-specifying GL's default texture.
 bool indexUsable(uint8_t index, const GLuint* pool) {
-  if (index >= 11) return false;
-  if (index >= kGlPoolSize) return false;
-  return pool[index] != 0;
+  return index < kGlPoolSize && pool[index] != 0;
 }
 
 bool shapeUsable(int32_t width, int32_t height) {
@@ -99,23 +99,18 @@ uint32_t OpenGLCreateContextSurface(GlContextRecord* record) {
   }
   VM_LOG_IF(kLogGl, "eglInitialize successfully\n");
 
-  const EGLint configAttributes[] = {EGL_SURFACE_TYPE,
-                                     EGL_WINDOW_BIT | EGL_PBUFFER_BIT,
-                                     EGL_RENDERABLE_TYPE,
-                                     EGL_OPENGL_ES2_BIT,
-                                     EGL_RED_SIZE,
-                                     8,
-                                     EGL_GREEN_SIZE,
-                                     8,
-                                     EGL_BLUE_SIZE,
-                                     8,
-                                     EGL_ALPHA_SIZE,
-                                     EGL_DONT_CARE,
-                                     EGL_DEPTH_SIZE,
-                                     24,
-                                     EGL_STENCIL_SIZE,
-                                     4,
-                                     EGL_NONE};
+  // clang-format off
+  const EGLint configAttributes[] = {
+      EGL_SURFACE_TYPE, EGL_WINDOW_BIT | EGL_PBUFFER_BIT,
+      EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT,
+      EGL_RED_SIZE, 8,
+      EGL_GREEN_SIZE, 8,
+      EGL_BLUE_SIZE, 8,
+      EGL_ALPHA_SIZE, EGL_DONT_CARE,
+      EGL_DEPTH_SIZE, 24,
+      EGL_STENCIL_SIZE, 4,
+      EGL_NONE};
+  // clang-format on
   EGLConfig configs[kMaxConfigs] = {};
   record->configCount = 0;
   // A display without a matching configuration (Mesa's surfaceless platform has no window
@@ -301,8 +296,7 @@ uint32_t OpenGLInitNativeTexturesBuffersConfig(uint8_t a_ucIndex, int32_t width,
   glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[a_ucIndex]);
   glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
   glBindRenderbuffer(GL_RENDERBUFFER, glPools.renderbuffers[a_ucIndex]);
-  // GL_DEPTH_COMPONENT24_OES: the 24-bit depth of the render targets.
-  glRenderbufferStorage(GL_RENDERBUFFER, 0x81A6, width, height);
+  glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT24_OES, width, height);
   glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, glPools.renderbuffers[a_ucIndex]);
   glPools.targetShapes[a_ucIndex] = GlTextureShape{width, height, format};
   return kGlOk;
@@ -362,8 +356,8 @@ uint32_t init_GL(void) {
     GLuint* program;
     const char* fragment;
   } const builds[] = {
-      {&glPrograms.programNV21toRGB, kGlFragmentNV21toRGB},   {&glPrograms.programScalerBypass, kGlFragmentScalerBypass},
-      {&glPrograms.programGaussX, kGlFragmentGaussX},         {&glPrograms.programGaussY, kGlFragmentGaussY},
+      {&glPrograms.programNV21toRGB, kGlFragmentNV21toRGB}, {&glPrograms.programScalerBypass, kGlFragmentScalerBypass},
+      {&glPrograms.programGaussX, kGlFragmentGaussX},       {&glPrograms.programGaussY, kGlFragmentGaussY},
       {&glPrograms.programGaussMask, kGlFragmentGaussMask},
   };
   for (const auto& b : builds) {

@@ -33,11 +33,11 @@ constexpr uint32_t kGlErrGenBuffers = 0x7600007;
 constexpr uint32_t kGlErrIndex = 0x7600009;
 constexpr uint32_t kGlErrDeleteLength = 0x760000A;
 // Codes of the passes and dumps beyond the resource functions.
-constexpr uint32_t kGlErrArgument = 0x760000B;     // bad size, pointer, index or pairing
-constexpr uint32_t kGlErrMemory = 0x760000C;       // host buffer allocation failed
-constexpr uint32_t kGlErrDraw = 0x760000D;         // framebuffer incomplete or GL error after a pass
-constexpr uint32_t kGlErrNotCreated = 0x760000E;   // no context has been made current
-constexpr uint32_t kGlErrNoProgram = 0x760000F;    // the pass's program failed to build
+constexpr uint32_t kGlErrArgument = 0x760000B;    // bad size, pointer, index or pairing
+constexpr uint32_t kGlErrMemory = 0x760000C;      // host buffer allocation failed
+constexpr uint32_t kGlErrDraw = 0x760000D;        // framebuffer incomplete or GL error after a pass
+constexpr uint32_t kGlErrNotCreated = 0x760000E;  // no context has been made current
+constexpr uint32_t kGlErrNoProgram = 0x760000F;   // the pass's program failed to build
 
 // Names per object pool. The index test of the configuration functions accepts 0..10 as
 // callers have always passed; index 10 has no object and is refused (see the .cpp).

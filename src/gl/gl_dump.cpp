@@ -69,6 +69,8 @@ uint32_t OpenGLDumpGPUOutputResult(int32_t width, int32_t height, const char* su
     heap_free(rgb);
     return kGlErrMemory;
   }
+  // Pixels outside the framebuffer are left alone by GL: they dump as zeros.
+  memset(rgba, 0, static_cast<size_t>(pixels * 4));
   glPixelStorei(GL_PACK_ALIGNMENT, 4);
   glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
   dropAlpha(rgba, rgb, pixels);

@@ -225,7 +225,7 @@ void convertRows(const uint8_t* rgb, int32_t width, int32_t rows, int32_t pixelB
       float g = 0.25f * (a[1] + a[pixelBytes + 1] + b[1] + b[pixelBytes + 1]);
       float bl = 0.25f * (a[2] + a[pixelBytes + 2] + b[2] + b[pixelBytes + 2]);
       float yy = 0.299f * r + 0.587f * g + 0.114f * bl;
-      out[x] = clampRound((r - yy) / 1.402f + 128.0f);      // V
+      out[x] = clampRound((r - yy) / 1.402f + 128.0f);       // V
       out[x + 1] = clampRound((bl - yy) / 1.772f + 128.0f);  // U
     }
   }
@@ -468,8 +468,7 @@ uint32_t gl_pipeline_scale_plane(const uint8_t* src, int32_t srcWidth, int32_t s
 uint32_t gl_pipeline_rgba_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, int32_t pixelBytes,
                                   uint8_t* nv21) {
   if (rgb == nullptr || nv21 == nullptr || (pixelBytes != 3 && pixelBytes != 4) || width < 2 || height < 2 ||
-      (width & 1) != 0 || (height & 1) != 0 ||
-      width > kMaxCpuSide || height > kMaxCpuSide) {
+      (width & 1) != 0 || (height & 1) != 0 || width > kMaxCpuSide || height > kMaxCpuSide) {
     VM_LOG_IF(kLogGl, "RGB %dx%d with %d bytes a pixel invalid\n", width, height, pixelBytes);
     return kGlErrArgument;
   }

@@ -91,7 +91,6 @@ uint32_t gl_pipeline_scale_plane(const uint8_t* src, int32_t srcWidth, int32_t s
 // CPU conversion back from RGB(A) to NV21 (BT.601 full range, the inverse of the NV21 pass's
 // matrix): Y per pixel, V and U from the mean of each 2 x 2 block; pixelBytes 3 or 4, rows of
 // width x pixelBytes; even sizes up to 16384. Writes width x height x 3 / 2 bytes.
-uint32_t gl_pipeline_rgba_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, int32_t pixelBytes,
-                                  uint8_t* nv21);
+uint32_t gl_pipeline_rgba_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, int32_t pixelBytes, uint8_t* nv21);
 
 #endif  // VMKTRRT_GL_GL_PASSES_H

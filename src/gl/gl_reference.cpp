@@ -121,8 +121,8 @@ uint32_t gl_reference_gauss_mask(const uint8_t* rgba, int32_t width, int32_t hei
       for (int32_t ch = 0; ch < 4; ++ch) {
         float corner = rows[0][cols[0] + ch] + rows[0][cols[2] + ch] + rows[2][cols[0] + ch] + rows[2][cols[2] + ch];
         float edge = rows[0][cols[1] + ch] + rows[2][cols[1] + ch] + rows[1][cols[0] + ch] + rows[1][cols[2] + ch];
-        float sum = kMaskCentre * rows[1][cols[1] + ch] / 255.0f + kMaskEdge * edge / 255.0f +
-                    kMaskCorner * corner / 255.0f;
+        float sum =
+            kMaskCentre * rows[1][cols[1] + ch] / 255.0f + kMaskEdge * edge / 255.0f + kMaskCorner * corner / 255.0f;
         out[pitch * static_cast<size_t>(y) + static_cast<size_t>(x) * 4 + ch] = toUnorm8(sum);
       }
     }

@@ -63,9 +63,9 @@ TEST_F(GlContext, CreationLogsEachStepOnlyUnderTheGlFlag) {
   logFlags = kLogGl;
   init_GL();
   ASSERT_EQ(glContextRecord.isCreated, 1);
-  std::vector<std::string> expected = {"eglDisplay return successfully",    "eglInitialize successfully",
-                                       "eglChooseConfig successfully",      "eglCreatePbufferSurface successfully",
-                                       "eglCreateContext successfully",     "eglCreateContext successfully"};
+  std::vector<std::string> expected = {"eglDisplay return successfully", "eglInitialize successfully",
+                                       "eglChooseConfig successfully",   "eglCreatePbufferSurface successfully",
+                                       "eglCreateContext successfully",  "eglCreateContext successfully"};
   std::vector<std::string> lines = log.lines();
   ASSERT_EQ(lines.size(), expected.size());
   for (size_t i = 0; i < expected.size(); ++i) {
@@ -179,8 +179,7 @@ TEST_F(GlContext, RenderTargetGetsColourTextureAndDepth24AndStaysBound) {
   glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME,
                                         &v);
   EXPECT_EQ(static_cast<GLuint>(v), glPools.targetTextures[4]);
-  glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME,
-                                        &v);
+  glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME, &v);
   EXPECT_EQ(static_cast<GLuint>(v), glPools.renderbuffers[4]);
   glBindRenderbuffer(GL_RENDERBUFFER, glPools.renderbuffers[4]);
   glGetRenderbufferParameteriv(GL_RENDERBUFFER, GL_RENDERBUFFER_DEPTH_SIZE, &v);

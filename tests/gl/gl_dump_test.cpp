@@ -115,8 +115,7 @@ TEST_F(GlDataDump, WritesTheCallersBytesWithoutGl) {
   ASSERT_EQ(OpenGLDumpData(data.data(), 6, 4, 2, 3, "_depth"), kGlOk);
   EXPECT_EQ(readFile(dir.path + "/OpenGL_Dump_Data_6x4_depth.raw"), data);
   ASSERT_EQ(OpenGLDumpData(data.data(), 6, 4, 1, 1, nullptr), kGlOk);
-  EXPECT_EQ(readFile(dir.path + "/OpenGL_Dump_Data_6x4.raw"),
-            std::vector<uint8_t>(data.begin(), data.begin() + 24));
+  EXPECT_EQ(readFile(dir.path + "/OpenGL_Dump_Data_6x4.raw"), std::vector<uint8_t>(data.begin(), data.begin() + 24));
 }
 
 TEST_F(GlDataDump, FailuresAreCodedAndLogged) {

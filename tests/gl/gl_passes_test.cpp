@@ -84,9 +84,9 @@ TEST_F(GlPasses, GaussianImpulseResponsesHaveTheDesignedWeights) {
   for (int y = 1; y < 6; ++y) EXPECT_NEAR(out[(y * w + cx) * 4 + 1], row[y + 1], 1) << y;
 
   ASSERT_EQ(gl_pipeline_blur_rgba(in.data(), w, h, kGlBlurMask, out.data()), kGlOk);
-  EXPECT_NEAR(out[(cy * w + cx) * 4], 104, 1);            // 0.408076
-  EXPECT_NEAR(out[(cy * w + cx + 1) * 4], 31, 1);         // 0.1209855
-  EXPECT_NEAR(out[((cy + 1) * w + cx + 1) * 4], 7, 1);    // 0.0269955
+  EXPECT_NEAR(out[(cy * w + cx) * 4], 104, 1);          // 0.408076
+  EXPECT_NEAR(out[(cy * w + cx + 1) * 4], 31, 1);       // 0.1209855
+  EXPECT_NEAR(out[((cy + 1) * w + cx + 1) * 4], 7, 1);  // 0.0269955
   EXPECT_EQ(out[((cy + 2) * w + cx) * 4], 0);
 }
 
@@ -94,9 +94,9 @@ TEST_F(GlPasses, BypassScalesPlanesLikeTheBilinearReference) {
   struct Case {
     int sw, sh, sstride, dw, dh, dstride;
   } cases[] = {
-      {64, 48, 64, 20, 14, 20},  // down
-      {7, 5, 9, 30, 17, 33},     // up, padded rows on both sides
-      {13, 11, 13, 13, 11, 13},  // same size: exact copy
+      {64, 48, 64, 20, 14, 20},             // down
+      {7, 5, 9, 30, 17, 33},                // up, padded rows on both sides
+      {13, 11, 13, 13, 11, 13},             // same size: exact copy
       {1920, 1080, 1920, 1280, 720, 1280},  // read back in several bands
   };
   for (const Case& c : cases) {

@@ -1,12 +1,13 @@
 // The CPU side without GL: the conversion back to NV21 on known colours, and the references'
 // refusals of bad input.
+#include "gl/gl_reference.h"
+
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "gl/gl_context.h"
 #include "gl/gl_passes.h"
-#include "gl/gl_reference.h"
 
 namespace {
 
@@ -15,8 +16,8 @@ TEST(GlCpuConversion, KnownColoursGiveBt601FullRangeValues) {
   struct Case {
     uint8_t r, g, b, y, v, u;
   } cases[] = {
-      {0, 0, 0, 0, 128, 128},        {255, 255, 255, 255, 128, 128}, {128, 128, 128, 128, 128, 128},
-      {255, 0, 0, 76, 255, 85},      {0, 255, 0, 150, 21, 44},       {0, 0, 255, 29, 107, 255},
+      {0, 0, 0, 0, 128, 128},   {255, 255, 255, 255, 128, 128}, {128, 128, 128, 128, 128, 128},
+      {255, 0, 0, 76, 255, 85}, {0, 255, 0, 150, 21, 44},       {0, 0, 255, 29, 107, 255},
   };
   for (const Case& c : cases) {
     std::vector<uint8_t> rgb = {c.r, c.g, c.b, c.r, c.g, c.b, c.r, c.g, c.b, c.r, c.g, c.b};
