@@ -1,5 +1,4 @@
-// The CPU side without GL: the conversion back to NV21 on known colours, and the references'
-// refusals of bad input.
+// The CPU side without GL: the conversion back to NV21 on known colours, and refusals.
 #include "gl/gl_reference.h"
 
 #include <gtest/gtest.h>
@@ -42,25 +41,12 @@ TEST(GlCpuConversion, ChromaIsTheMeanOfEachBlockAndAlphaIsSkipped) {
   EXPECT_EQ(a[1], 29);
 }
 
-TEST(GlCpuConversion, NV21ReferenceAndConversionRoundTripOnGrey) {
-  std::vector<uint8_t> nv21(4 * 2 * 3 / 2, 128), rgba(4 * 2 * 4), back(nv21.size());
-  for (int i = 0; i < 8; ++i) nv21[i] = static_cast<uint8_t>(i * 30);
-  ASSERT_EQ(gl_reference_nv21_to_rgba(nv21.data(), 4, 2, rgba.data()), kGlOk);
-  ASSERT_EQ(gl_pipeline_rgba_to_nv21(rgba.data(), 4, 2, 4, back.data()), kGlOk);
-  for (size_t i = 0; i < nv21.size(); ++i) EXPECT_NEAR(back[i], nv21[i], 1) << i;
-}
-
 TEST(GlCpuReference, BadInputIsRefused) {
   std::vector<uint8_t> buf(64, 0);
-  EXPECT_EQ(gl_pipeline_rgba_to_nv21(buf.data(), 3, 2, 4, buf.data()), kGlErrArgument);
-  EXPECT_EQ(gl_pipeline_rgba_to_nv21(nullptr, 2, 2, 4, buf.data()), kGlErrArgument);
+  EXPECT_EQ(gl_pipeline_rgba_to_nv21(buf.data(), 3, 2, 4, buf.data()), kGlErrArgument);  // odd
   EXPECT_EQ(gl_pipeline_rgba_to_nv21(buf.data(), 0x40000000, 2, 4, buf.data()), kGlErrArgument);
-  EXPECT_EQ(gl_reference_nv21_to_rgba(buf.data(), 2, 3, buf.data()), kGlErrArgument);
-  EXPECT_EQ(gl_reference_gauss_x(buf.data(), 0, 2, buf.data() + 32), kGlErrArgument);
   EXPECT_EQ(gl_reference_gauss_y(buf.data(), 2, 2, buf.data()), kGlErrArgument);  // in place
-  EXPECT_EQ(gl_reference_gauss_mask(buf.data(), 2, -1, buf.data() + 32), kGlErrArgument);
   EXPECT_EQ(gl_reference_scale_plane(buf.data(), 4, 4, 3, buf.data() + 32, 2, 2, 2), kGlErrArgument);
-  EXPECT_EQ(gl_reference_scale_plane(buf.data(), 4, 4, 4, buf.data() + 32, 20000, 2, 20000), kGlErrArgument);
 }
 
 }  // namespace
