@@ -120,19 +120,28 @@ void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int
   if (dst == nullptr || src == nullptr || width <= 0 || height <= 0) return;
   const size_t w = static_cast<size_t>(width);
   const size_t h = static_cast<size_t>(height);
+  // Quarter turns go tile by tile so that both the rows read and the columns written stay in
+  // cache; the half turn is contiguous on both sides.
+  constexpr size_t kTile = 16;
   switch (direction) {
     case 0:  // clockwise: (y, x) -> row x, column h-1-y
-      for (size_t y = 0; y < h; ++y) {
-        const uint16_t* s = src + y * w;
-        uint16_t* d = dst + (h - 1 - y);
-        for (size_t x = 0; x < w; ++x) d[x * h] = s[x];
-      }
-      break;
     case 1:  // counter-clockwise: (y, x) -> row w-1-x, column y
-      for (size_t y = 0; y < h; ++y) {
-        const uint16_t* s = src + y * w;
-        uint16_t* d = dst + (w - 1) * h + y;
-        for (size_t x = 0; x < w; ++x) d[-static_cast<ptrdiff_t>(x * h)] = s[x];
+      for (size_t ty = 0; ty < h; ty += kTile) {
+        const size_t yEnd = std::min(h, ty + kTile);
+        for (size_t tx = 0; tx < w; tx += kTile) {
+          const size_t xEnd = std::min(w, tx + kTile);
+          // Along a destination row: the writes are contiguous, the reads stay in the tile.
+          for (size_t x = tx; x < xEnd; ++x) {
+            const uint16_t* s = src + x;
+            if (direction == 0) {
+              uint16_t* d = dst + x * h + (h - 1);
+              for (size_t y = ty; y < yEnd; ++y) *(d - y) = s[y * w];
+            } else {
+              uint16_t* d = dst + (w - 1 - x) * h;
+              for (size_t y = ty; y < yEnd; ++y) d[y] = s[y * w];
+            }
+          }
+        }
       }
       break;
     case 2:
@@ -155,10 +164,17 @@ void image_utility_copy_nv12_rechroma(uint8_t* dstLuma, uint8_t* dstChroma, cons
   for (int32_t y = 0; y < height; ++y) {
     const uint8_t* s = srcChroma + static_cast<size_t>(y >> 2) * 2 * w;
     uint8_t* d = dstChroma + static_cast<size_t>(y) * rowBytes;
-    for (size_t k = 0; k < pairs; ++k) {
-      const size_t from = k & ~static_cast<size_t>(1);
-      d[2 * k] = s[from];
-      d[2 * k + 1] = s[from + 1];
+    // Pairs k and k + 1 (k even) both take the source pair at k: one 16-bit value written twice.
+    size_t k = 0;
+    for (; k + 1 < pairs; k += 2) {
+      uint16_t v;
+      memcpy(&v, s + k, 2);
+      memcpy(d + 2 * k, &v, 2);
+      memcpy(d + 2 * k + 2, &v, 2);
+    }
+    if (k < pairs) {
+      d[2 * k] = s[k];
+      d[2 * k + 1] = s[k + 1];
     }
   }
 }
