@@ -155,15 +155,16 @@ void BM_GpuCallNV21ToRgba(benchmark::State& state) {
 }
 BENCHMARK(BM_GpuCallNV21ToRgba)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_GpuCallBlurRgbaXY(benchmark::State& state) {
+void BM_GpuCallBlurRgba(benchmark::State& state) {
   if (skipWithoutGl(state)) return;
+  const auto blur = static_cast<GlBlur>(state.range(0));
   std::vector<uint8_t> rgba = pattern(kW * kH * 4), out(kW * kH * 4);
-  gl_pipeline_blur_rgba(rgba.data(), kW, kH, kGlBlurXY, out.data());  // warm-up
+  gl_pipeline_blur_rgba(rgba.data(), kW, kH, blur, out.data());  // warm-up
   for (auto _ : state)
-    if (gl_pipeline_blur_rgba(rgba.data(), kW, kH, kGlBlurXY, out.data()) != 0) state.SkipWithError("call failed");
+    if (gl_pipeline_blur_rgba(rgba.data(), kW, kH, blur, out.data()) != 0) state.SkipWithError("call failed");
   state.SetBytesProcessed(state.iterations() * kW * kH * 4);
 }
-BENCHMARK(BM_GpuCallBlurRgbaXY)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_GpuCallBlurRgba)->DenseRange(0, 3)->ArgName("x_y_xy_mask")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_GpuCallBlurNV21XY(benchmark::State& state) {
   if (skipWithoutGl(state)) return;
