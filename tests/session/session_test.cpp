@@ -321,4 +321,31 @@ TEST_F(Session, ChipDepthWithoutFilterNeedsNoDepthWorker) {
   EXPECT_GE(log.count("ERROR: no chip depth"), 1u);
 }
 
+TEST_F(Session, TemporalFilterSwitchedOffAtRunTime) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  InitData d = f.init(0x32);  // chip depth, 10-bit samples
+  d.isUsingTemporalFilter = 1;
+  ASSERT_EQ(vmKtrRT_SC_Init(d), 0u);
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred(true));
+    return fakes::count("vmZu_TemporalFilterU16_Run") > 0 &&
+           fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase") > 0;
+  }));
+  EXPECT_EQ(vmKtrRT_SC_Set_Function(0x04, 0), 0u);
+  const size_t filtered = fakes::count("vmZu_TemporalFilterU16_Run");
+  const size_t maps = fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase");
+  // New depth keeps arriving (each new map needs a newly published depth map) without the filter.
+  ASSERT_TRUE(waitUntil([&] {
+    f.paint(static_cast<int32_t>(fakes::count("vmKtrRT_GLStartV1")));  // the chip's samples change
+    run(f.centred(true));
+    return fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase") > maps + 2;
+  }));
+  EXPECT_LE(fakes::count("vmZu_TemporalFilterU16_Run"), filtered + 1);  // at most one already under way
+  EXPECT_EQ(vmKtrRT_SC_Set_Function(0x04, 1), 0u);
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred(true));
+    return fakes::count("vmZu_TemporalFilterU16_Run") > filtered + 1;
+  }));
+}
+
 }  // namespace
