@@ -8,6 +8,7 @@
 #include "debug/debug_log.h"
 #include "fakes.h"
 #include "flow/session_context.h"
+#include "image/depth_display.h"
 #include "log_capture.h"
 #include "memory/buffer_manager.h"
 
@@ -227,6 +228,104 @@ TEST_F(BokehFrame, NewDepthNoticedOnceAndRequestsStayPending) {
   EXPECT_EQ(frameStep(), 0);
   EXPECT_EQ(fakes::count("vmKtrRT_GLStartV1"), 3u);
   EXPECT_EQ(log.count("ERROR: no Main Preview"), 1u);
+}
+
+class DebugDisplay : public BokehFrame {
+ protected:
+  void TearDown() override {
+    debugEnable.store(0);
+    debugDisplay.store(0);
+    statusInfo.store(0);
+    BokehFrame::TearDown();
+  }
+  const DebugPictureEntry& entry(int i) { return ctx->bokeh.table[i]; }
+  std::vector<int32_t> place(int i) {
+    const DebugPictureEntry& e = entry(i);
+    return {e.width, e.height, e.x, e.y, e.displayWidth, e.displayHeight};
+  }
+  void show() {
+    DebugHolds holds = {};
+    bokeh_manager_debug_display(ctx.get(), &holds);
+    for (int i = 0; i < holds.count; ++i) buffer_manager_release(holds.held[i]);
+  }
+};
+
+TEST_F(DebugDisplay, SubPreviewPasteAndFocusMarker) {
+  debugEnable.store(1);
+  debugDisplay.store(0x0A);
+  BufferHalf* sub = buffer_manager_get_writable(ctx.get(), kSlotSub);
+  for (int i = 0; i < 64 * 48 * 3 / 2; ++i) sub->data[i] = static_cast<uint8_t>(1 + i % 200);
+  buffer_manager_publish(sub, nullptr);
+  show();
+  // Luma row r of the sub frame at the bottom-right corner, its chroma rows below the main luma.
+  for (int r = 0; r < 48; r += 7)
+    EXPECT_EQ(0, memcmp(&frame[(1080 - 48 + r) * 1920 + 1920 - 64], &sub->data[r * 64], 64)) << r;
+  for (int r = 0; r < 24; r += 5)
+    EXPECT_EQ(0,
+              memcmp(&frame[1920 * 1080 + ((1080 - 48) / 2 + r) * 1920 + 1920 - 64], &sub->data[64 * 48 + r * 64], 64))
+        << r;
+  EXPECT_EQ(frame[(1080 - 49) * 1920 + 1920 - 64], 0);
+  // The white focus marker: rows and columns 535..544 around (960, 540).
+  EXPECT_EQ(frame[535 * 1920 + 955], 255);
+  EXPECT_EQ(frame[544 * 1920 + 964], 255);
+  EXPECT_EQ(frame[545 * 1920 + 960], 0);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLSetDebugPicture"), 0u);  // no picture this time
+  // A frame smaller than its planes is not written.
+  std::fill(frame.begin(), frame.end(), 0);
+  ctx->mainImageSize = 1920 * 1080 - 1;
+  show();
+  EXPECT_EQ(frame[540 * 1920 + 960], 0);
+}
+
+TEST_F(DebugDisplay, OverlayModeAndShowHideSwitching) {
+  debugEnable.store(1);
+  debugDisplay.store(0x50);  // depth picture as overlay
+  BufferHalf* pic = buffer_manager_get_writable(ctx.get(), kSlotDepthWork);
+  buffer_manager_publish(pic, nullptr);
+  show();
+  EXPECT_EQ(fakes::calls("vmKtrRT_GLShowDebugPicture").back().args, (std::vector<int64_t>{1, 1}));
+  EXPECT_EQ(entry(0).data, pic->data);
+  EXPECT_EQ(place(0), (std::vector<int32_t>{320, 240, 0, 0, 1920, 1080}));
+  EXPECT_EQ(entry(1).data, nullptr);
+  show();
+  EXPECT_EQ(fakes::count("vmKtrRT_GLShowDebugPicture"), 1u);  // switched on once
+  debugDisplay.store(0);
+  show();
+  show();
+  EXPECT_EQ(fakes::count("vmKtrRT_GLShowDebugPicture"), 2u);
+  EXPECT_EQ(fakes::calls("vmKtrRT_GLShowDebugPicture").back().args, (std::vector<int64_t>{0, 0}));
+}
+
+TEST_F(DebugDisplay, SampleLabelsReadDepthAndHalfSizedMap) {
+  // A 640 x 480 depth map with a 320 x 240 refocus map: the labels' layout.
+  buffer_manager_free(ctx.get());
+  ctx->slots[kSlotDepth].width = 640;
+  ctx->slots[kSlotDepth].height = 480;
+  buffer_manager_allocate(ctx.get());
+  BufferHalf* d = buffer_manager_get_writable(ctx.get(), kSlotDepth);
+  uint16_t* depth = reinterpret_cast<uint16_t*>(d->data);
+  for (int i = 0; i < 640 * 480; ++i) depth[i] = static_cast<uint16_t>(i % 1000);
+  buffer_manager_publish(d, nullptr);
+  BufferHalf* m = buffer_manager_get_writable(ctx.get(), kSlotRefocus);
+  for (int i = 0; i < 320 * 240; ++i) m->data[i] = static_cast<uint8_t>(i % 251);
+  buffer_manager_publish(m, nullptr);
+  debugEnable.store(1);
+  debugDisplay.store(0x1);
+  statusInfo.store(0x8);
+  show();
+  const int32_t points[5][2] = {{160, 240}, {320, 360}, {320, 240}, {320, 120}, {480, 240}};
+  for (int k = 0; k < 5; ++k) {
+    SCOPED_TRACE(k);
+    const int32_t px = points[k][0], py = points[k][1];
+    char label[32];
+    snprintf(label, sizeof label, "%5d/%3d", depth[py * 640 + px], m->data[(py / 2) * 320 + px / 2]);
+    std::vector<uint8_t> want(7680);
+    image_utility_draw_text(want.data(), 7680, label);
+    EXPECT_EQ(0, memcmp(entry(k).data, want.data(), 9 * 384));
+    EXPECT_EQ(place(k), (std::vector<int32_t>{72, 12, 1920 * px / 640, 1080 * py / 480, 144, 24}));
+  }
+  EXPECT_EQ(entry(5).data, nullptr);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLSetDebugPicture"), 1u);
 }
 
 }  // namespace
