@@ -80,12 +80,6 @@ TEST_F(Bokeh, FocusPointInDepthPixelsKeepsThePortraitTurn) {
   EXPECT_EQ(y, 60);
 }
 
-TEST_F(Bokeh, RendererFormatCodes) {
-  const int32_t want[] = {0, 0, 2, 3, 3, 0, 7};
-  for (int32_t f = 0; f <= 6; ++f) EXPECT_EQ(bokeh_manager_renderer_format(f), want[f]) << f;
-  EXPECT_EQ(bokeh_manager_renderer_format(7), -1);
-}
-
 TEST_F(Bokeh, StableSceneHoldsBackDifferingMapsUntilTheLimitIsPassed) {
   publishDepth();
   mapsAlike();

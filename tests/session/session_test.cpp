@@ -222,20 +222,6 @@ TEST_F(Session, RendererFailureIsReturnedNegated) {
   EXPECT_EQ(fakes::count("vmKtrRT_GLStartV1"), 1u);  // no render without a main preview
 }
 
-TEST_F(Session, BadRegionIsSkippedAndTheLastOneKept) {
-  Frames f(64, 48, 64, 48, 32, 24);
-  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
-  run(f.trigger(0, 64, 0, 48));  // touching the right and bottom edges: accepted
-  EXPECT_EQ(lastRender().args[3], 32);
-  run(f.trigger(10, 5, 0, 20));
-  EXPECT_EQ(log.count("ERROR!!! Region left[10] right[5] top[0] bottom[20] SKIP..."), 1u);
-  run(f.trigger(0, 0, 0, 0));
-  EXPECT_EQ(log.count("ERROR!!! Region left[0] right[0] top[0] bottom[0] SKIP..."), 1u);
-  EXPECT_EQ(lastRender().args[3], 32);
-  EXPECT_EQ(lastRender().args[4], 24);
-  EXPECT_EQ(lastRender().args[8], 64);
-}
-
 TEST_F(Session, DebugTextPictureEntry) {
   setProp("persist.vm.ktrrt.sc.debug", "1");
   setProp("persist.vm.ktrrt.sc.display", "1");
