@@ -53,9 +53,9 @@ void check(bool ok) {
 }
 
 int32_t dim(Bytes* in) {
-  static const int32_t kEdge[] = {0,     1,     2,     3,     4,     5,     6,       7,      8,
-                                  -1,    -2,    -4,    1920,  1080,  1440,  65535,   65536,  46340,
-                                  46341, 32768, 16384, 65537, 4096,  2047,  INT32_MAX, INT32_MIN};
+  static const int32_t kEdge[] = {0,     1,     2,     3,     4,    5,    6,         7,        8,
+                                  -1,    -2,    -4,    1920,  1080, 1440, 65535,     65536,    46340,
+                                  46341, 32768, 16384, 65537, 4096, 2047, INT32_MAX, INT32_MIN};
   switch (in->u8() % 4) {
     case 0:
       return in->u8();
@@ -68,10 +68,14 @@ int32_t dim(Bytes* in) {
   }
 }
 
-int32_t cut(int64_t bytes) { return static_cast<int32_t>(bytes > kMaxBytes ? bytes % 65536 : bytes); }
+int32_t cut(int64_t bytes) {
+  return static_cast<int32_t>(bytes > kMaxBytes ? bytes % 65536 : bytes);
+}
 
 // a + b in two's complement, as a caller's own arithmetic would give it.
-int32_t wrapped(int32_t a, int32_t b) { return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b)); }
+int32_t wrapped(int32_t a, int32_t b) {
+  return static_cast<int32_t>(static_cast<uint32_t>(a) + static_cast<uint32_t>(b));
+}
 
 // An exactly sized block; a zero-byte block is still a distinct pointer no byte of which may be touched.
 struct Block {
@@ -219,9 +223,8 @@ void frame(Bytes* in, BufferHalf* dst, int32_t capacity) {
     check(dst->size == sizeBefore);
     check(before.empty() || memcmp(before.data(), dstData, before.size()) == 0);
     // A frame that plainly covers its format is not refused.
-    const bool plain = dstData != nullptr && data.p != nullptr && size >= 0 && size <= sizeBefore &&
-                       size <= capacity && unpadded && known &&
-                       (format != 2 || (pixels > 0 && size >= usualSize(2, pixels))) &&
+    const bool plain = dstData != nullptr && data.p != nullptr && size >= 0 && size <= sizeBefore && size <= capacity &&
+                       unpadded && known && (format != 2 || (pixels > 0 && size >= usualSize(2, pixels))) &&
                        (format != 6 || (hasPlane2 && pixels > 0 && width % 2 == 0 && height % 2 == 0 &&
                                         size >= usualSize(6, pixels) && 2 * pixels <= capacity));
     check(!plain);
