@@ -21,6 +21,9 @@ constexpr float kHighlightGain = 8.0f;
 constexpr float kGuideSigma = 14.0f;
 constexpr float kBlendStart = 0.5f;  // full-resolution pixels
 constexpr float kBlendWidth = 2.5f;
+// Grid-radius difference (grid pixels) between neighbouring samples above which the radius is
+// edge-guided rather than interpolated.
+constexpr float kGuideMinStep = 0.5f;
 
 struct ChromaAccess {
   uint8_t* u;
@@ -45,19 +48,11 @@ ChromaAccess chroma_access(uint8_t* chroma, int32_t width, int32_t height, int32
   return a;
 }
 
-inline float clampf(float v, float lo, float hi) { return v < lo ? lo : (v > hi ? hi : v); }
-inline uint8_t to_u8(float v) { return static_cast<uint8_t>(clampf(v + 0.5f, 0.0f, 255.0f)); }
-
-// Bilinear sample of an 8-bit map at continuous map coordinates.
-float map_sample(const uint8_t* map, int32_t mw, int32_t mh, float mx, float my) {
-  mx = clampf(mx, 0.0f, static_cast<float>(mw - 1));
-  my = clampf(my, 0.0f, static_cast<float>(mh - 1));
-  const int32_t x0 = static_cast<int32_t>(mx), y0 = static_cast<int32_t>(my);
-  const int32_t x1 = x0 + 1 < mw ? x0 + 1 : x0, y1 = y0 + 1 < mh ? y0 + 1 : y0;
-  const float fx = mx - x0, fy = my - y0;
-  const float top = map[y0 * mw + x0] + fx * (map[y0 * mw + x1] - map[y0 * mw + x0]);
-  const float bottom = map[y1 * mw + x0] + fx * (map[y1 * mw + x1] - map[y1 * mw + x0]);
-  return top + fy * (bottom - top);
+inline float clampf(float v, float lo, float hi) {
+  return v < lo ? lo : (v > hi ? hi : v);
+}
+inline uint8_t to_u8(float v) {
+  return static_cast<uint8_t>(clampf(v + 0.5f, 0.0f, 255.0f));
 }
 
 // Box and disc sums over the summed-area table (4 words per entry: weight and weighted Y, U, V).
@@ -127,6 +122,213 @@ void build_sat(uint32_t* sat, const uint32_t* weight, const float* colour, int32
   }
 }
 
+// Vertical interpolation of one grid row pair into out[-1 .. gw] (the ends repeat the border).
+void lerp_rows(const float* plane, int32_t gw, int32_t gy0, int32_t gy1, float fy, int32_t stride, float* out) {
+  const float* a = plane + static_cast<size_t>(gy0) * gw * stride;
+  const float* b = plane + static_cast<size_t>(gy1) * gw * stride;
+  for (int32_t g = 0; g < gw; ++g) out[g] = a[g * stride] + fy * (b[g * stride] - a[g * stride]);
+  out[-1] = out[0];
+  out[gw] = out[gw - 1];
+}
+
+// Full-resolution composite, block by block: a block is the `factor` output samples between two
+// grid columns. The blur weight t of a pixel is the bilinear blend of the four grid radii around
+// it; where those differ by more than kGuideMinStep (an edge of the map) each is weighted by how
+// close its grid colour is to the pixel's, so that the radius steps at the frame's edges rather
+// than along the coarse map's. Blocks whose four radii are all below the blend start and that no
+// foreground reaches are skipped: their pixels come out unchanged.
+struct RowInputs {
+  const float* cv;  // padded, interpolated grid rows: radius, background, fg alpha, fg premultiplied
+  const float* bv;
+  const float* av;
+  const float* fv;
+  const float* cmin;  // per grid column, over the two grid rows
+  const float* cmax;
+  bool front;
+};
+
+// Per output sample of one line: the blur weight T, the background B and, when a foreground
+// reaches the line, its alpha A and premultiplied colour Fp; samples land at index
+// x * ostride + ooff so that interleaved chroma lines fill one array for both channels.
+template <int32_t F, int32_t ostride>
+void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* tGiven,
+                  const float* guide, const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy,
+                  int32_t ooff, float* T, float* B, float* A, float* Fp) {
+  constexpr float kTScale = kGridScale / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  float weights[F];
+  for (int32_t k = 0; k < F; ++k) weights[k] = (k + 0.5f) / F;
+  for (int32_t b = -1; b < gw; ++b) {
+    const int32_t x0 = b * F + F / 2;
+    const int32_t k0 = x0 < 0 ? -x0 : 0;
+    const int32_t k1 = x0 + F <= count ? F : count - x0;
+    if (k1 <= k0) continue;
+    const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
+    const float hi = in.cmax[g0] > in.cmax[g1] ? in.cmax[g0] : in.cmax[g1];
+    const bool front = in.front && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f);
+    const float lo = in.cmin[g0] < in.cmin[g1] ? in.cmin[g0] : in.cmin[g1];
+    if (k0 == 0 && k1 == F && !in.front && (tGiven != nullptr || hi - lo <= kGuideMinStep)) {
+      // The common block: F samples, plain interpolation (constant trip counts so that it
+      // compiles to vector code).
+      const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
+      const float b0 = in.bv[b], db = in.bv[b + 1] - in.bv[b];
+      float* to = T + static_cast<size_t>(x0) * ostride + ooff;
+      float* bo = B + static_cast<size_t>(x0) * ostride + ooff;
+      if (tGiven != nullptr) {
+        for (int32_t k = 0; k < F; ++k) to[k * ostride] = tGiven[2 * (x0 + k)];
+      } else {
+        for (int32_t k = 0; k < F; ++k) {
+          const float v = (c0 + weights[k] * dc) * kTScale - kTOffset;
+          to[k * ostride] = v < 0.0f ? 0.0f : (v > 1.0f ? 1.0f : v);
+        }
+      }
+      for (int32_t k = 0; k < F; ++k) bo[k * ostride] = b0 + weights[k] * db;
+      continue;
+    }
+    float t[F];
+    if (tGiven != nullptr) {
+      for (int32_t k = k0; k < k1; ++k) t[k] = tGiven[2 * (x0 + k)];
+    } else if (hi * kGridScale <= kBlendStart && !front) {
+      for (int32_t k = k0; k < k1; ++k) t[k] = 0.0f;
+    } else {
+      if (hi - lo > kGuideMinStep) {
+        const size_t i00 = static_cast<size_t>(gy0) * gw + g0, i01 = static_cast<size_t>(gy0) * gw + g1;
+        const size_t i10 = static_cast<size_t>(gy1) * gw + g0, i11 = static_cast<size_t>(gy1) * gw + g1;
+        const int32_t y00 = static_cast<int32_t>(colour[i00]), y01 = static_cast<int32_t>(colour[i01]);
+        const int32_t y10 = static_cast<int32_t>(colour[i10]), y11 = static_cast<int32_t>(colour[i11]);
+        for (int32_t k = k0; k < k1; ++k) {
+          const float fx = b < 0 || b + 1 >= gw ? 0.0f : weights[k];
+          const int32_t p = lumaRow[x0 + k];
+          const float g00 = (1 - fx) * (1 - fy) * guide[abs(p - y00)];
+          const float g01 = fx * (1 - fy) * guide[abs(p - y01)];
+          const float g10 = (1 - fx) * fy * guide[abs(p - y10)];
+          const float g11 = fx * fy * guide[abs(p - y11)];
+          const float r = (g00 * coc[i00] + g01 * coc[i01] + g10 * coc[i10] + g11 * coc[i11]) / (g00 + g01 + g10 + g11);
+          t[k] = clampf(r * kTScale - kTOffset, 0.0f, 1.0f);
+        }
+      } else {
+        const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
+        for (int32_t k = k0; k < k1; ++k) t[k] = clampf((c0 + weights[k] * dc) * kTScale - kTOffset, 0.0f, 1.0f);
+      }
+    }
+    const float b0 = in.bv[b], db = in.bv[b + 1] - in.bv[b];
+    for (int32_t k = k0; k < k1; ++k) {
+      const size_t o = static_cast<size_t>(x0 + k) * ostride + ooff;
+      T[o] = t[k];
+      B[o] = b0 + weights[k] * db;
+    }
+    if (in.front) {
+      const float a0 = front ? in.av[b] : 0.0f, da = front ? in.av[b + 1] - a0 : 0.0f;
+      const float f0 = front ? in.fv[b] : 0.0f, df = front ? in.fv[b + 1] - f0 : 0.0f;
+      for (int32_t k = k0; k < k1; ++k) {
+        const size_t o = static_cast<size_t>(x0 + k) * ostride + ooff;
+        A[o] = a0 + weights[k] * da;
+        Fp[o] = f0 + weights[k] * df;
+      }
+    }
+  }
+}
+
+// out = p + T (B - p), then the foreground over it; one contiguous run, written so that it
+// vectorises. T = 0 gives back p exactly.
+void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const float* A, const float* Fp) {
+  if (A == nullptr) {
+    for (int32_t x = 0; x < n; ++x) {
+      const float p = px[x];
+      px[x] = static_cast<uint8_t>(static_cast<int32_t>(p + T[x] * (B[x] - p) + 0.5f));
+    }
+    return;
+  }
+  for (int32_t x = 0; x < n; ++x) {
+    const float p = px[x];
+    const float v = (p + T[x] * (B[x] - p)) * (1.0f - A[x]) + Fp[x] + 0.5f;
+    px[x] = static_cast<uint8_t>(static_cast<int32_t>(v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v)));
+  }
+}
+
+void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t width, int32_t height, bool anyNear) {
+  const int32_t gw = work->gridWidth, gh = work->gridHeight;
+  const size_t plane = static_cast<size_t>(gw) * gh;
+  const int32_t cw = width / 2, ch = height / 2;
+  const int32_t pad = gw + 2;
+  float* cv = work->gridRows + 1;
+  float* bv = cv + pad;
+  float* av = bv + pad;
+  float* fv = av + pad;
+  float* cmin = fv + pad;
+  float* cmax = cmin + pad;
+  float* tRow = work->rowT;
+  float* cRow = work->rowC;
+  float* bRow = work->rowB;
+  float* aRow = work->rowA;
+  float* fRow = work->rowF;
+  const float* coc = work->coc;
+  const float* colour = work->colour;
+  float guideLut[256];
+  for (int32_t d = 0; d < 256; ++d) guideLut[d] = expf(-0.5f * (d / kGuideSigma) * (d / kGuideSigma)) + 1e-4f;
+  const RowInputs in{cv, bv, av, fv, cmin, cmax, false};
+  int32_t minMaxRow = -1;
+  float rowMax = 0.0f;
+
+  for (int32_t y = 0; y < height; ++y) {
+    const float gyf = clampf((y + 0.5f) / kGridScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
+    const int32_t gy0 = static_cast<int32_t>(gyf), gy1 = gy0 + 1 < gh ? gy0 + 1 : gy0;
+    const float fy = gyf - gy0;
+    if (minMaxRow != gy0) {  // per grid row pair, not per pixel row
+      rowMax = 0.0f;
+      for (int32_t g = 0; g < gw; ++g) {
+        const float a = coc[static_cast<size_t>(gy0) * gw + g], b = coc[static_cast<size_t>(gy1) * gw + g];
+        cmin[g] = a < b ? a : b;
+        cmax[g] = a > b ? a : b;
+        rowMax = cmax[g] > rowMax ? cmax[g] : rowMax;
+      }
+      minMaxRow = gy0;
+    }
+    RowInputs row = in;
+    if (anyNear) {
+      lerp_rows(work->front + 3, gw, gy0, gy1, fy, 4, av);
+      for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
+    }
+    if (!(rowMax * kGridScale > kBlendStart || row.front)) continue;  // the row and its chroma stay
+    lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
+    lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
+    if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
+    uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
+    prepare_line<kGridScale, 1>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow,
+                                aRow, fRow);
+    blend_run(lumaRow, width, tRow, bRow, row.front ? aRow : nullptr, fRow);
+    // Chroma rows follow the even luma rows and take the blend of each block's top-left pixel.
+    if ((y & 1) != 0 || y / 2 >= ch) continue;
+    const int32_t cy = y / 2;
+    const float cyf = clampf((cy + 0.5f) * 2.0f / kGridScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
+    const int32_t cy0 = static_cast<int32_t>(cyf), cy1 = cy0 + 1 < gh ? cy0 + 1 : cy0;
+    const float cfy = cyf - cy0;
+    if (row.front) lerp_rows(work->front + 3, gw, cy0, cy1, cfy, 4, av);
+    // Interleaved chroma: both channels into one array, blended as one run of 2 x cw bytes.
+    const bool interleaved = ca.step == 2;
+    for (int32_t k = 0; k < 2; ++k) {
+      uint8_t* line = (k == 0 ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride;
+      lerp_rows(work->blurred + (k + 1) * plane, gw, cy0, cy1, cfy, 1, bv);
+      if (row.front) lerp_rows(work->front + 1 + k, gw, cy0, cy1, cfy, 4, fv);
+      const int32_t off =
+          interleaved
+              ? static_cast<int32_t>(line - (ca.u < ca.v ? ca.u : ca.v) - static_cast<ptrdiff_t>(cy) * ca.stride)
+              : 0;
+      if (interleaved) {
+        prepare_line<kGridScale / 2, 2>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, off, cRow,
+                                        bRow, aRow, fRow);
+      } else {
+        prepare_line<kGridScale / 2, 1>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, 0, cRow, bRow,
+                                        aRow, fRow);
+      }
+      if (!interleaved) blend_run(line, cw, cRow, bRow, row.front ? aRow : nullptr, fRow);
+    }
+    if (interleaved) {
+      uint8_t* line = (ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride;
+      blend_run(line, 2 * cw, cRow, bRow, row.front ? aRow : nullptr, fRow);
+    }
+  }
+}
+
 }  // namespace
 
 float render_max_radius(int32_t frameWidth, float fNumber) {
@@ -150,9 +352,14 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   work->nearMap = static_cast<uint8_t*>(malloc(static_cast<size_t>(mapWidth) * mapHeight));
   work->rowT = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowA = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
+  work->rowB = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
+  work->rowC = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
+  work->rowF = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
+  work->gridRows = static_cast<float*>(malloc(static_cast<size_t>(6 * (gw + 2) + 2) * sizeof(float)));
   work->weight = static_cast<uint32_t*>(malloc(plane * sizeof(uint32_t)));
   if (!work->coc || !work->colour || !work->blurred || !work->front || !work->sat || !work->nearDilated ||
-      !work->nearMap || !work->rowT || !work->rowA || !work->weight) {
+      !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB || !work->rowC || !work->rowF ||
+      !work->gridRows) {
     render_work_free(work);
     return RGL_ERR_MEMORY;
   }
@@ -169,13 +376,16 @@ void render_work_free(RenderWork* work) {
   free(work->nearMap);
   free(work->rowT);
   free(work->rowA);
+  free(work->rowB);
+  free(work->rowC);
+  free(work->rowF);
+  free(work->gridRows);
   free(work->weight);
   memset(work, 0, sizeof(*work));
 }
 
-void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height,
-                  int32_t chromaLayout, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
-                  int32_t mapHeight, float fNumber) {
+void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
+                  const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth, int32_t mapHeight, float fNumber) {
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const size_t plane = static_cast<size_t>(gw) * gh;
   const float radiusPerLevel = render_max_radius(width, fNumber) / kGridScale / 255.0f;
@@ -189,20 +399,46 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
   //    2 x 2 chroma average.
   const float mxScale = static_cast<float>(mapWidth) / width, myScale = static_cast<float>(mapHeight) / height;
   bool anyBlur = false, anyNear = false;
+  // Map columns of the grid columns (bilinear), kept in the composite's row storage.
+  float* mapX = work->gridRows;  // mx clamped, per grid column
+  for (int32_t gx = 0; gx < gw; ++gx) {
+    const float cx = static_cast<float>(gx * kGridScale) + 0.5f * kGridScale;
+    mapX[gx] = clampf(cx * mxScale - 0.5f, 0.0f, static_cast<float>(mapWidth - 1));
+  }
   for (int32_t gy = 0; gy < gh; ++gy) {
     const int32_t y0 = gy * kGridScale;
+    const float cy = static_cast<float>(y0) + 0.5f * kGridScale;
+    const float my = clampf(cy * myScale - 0.5f, 0.0f, static_cast<float>(mapHeight - 1));
+    const int32_t my0 = static_cast<int32_t>(my), my1 = my0 + 1 < mapHeight ? my0 + 1 : my0;
+    const float fmy = my - my0;
+    const uint8_t* mapRow0 = map + static_cast<size_t>(my0) * mapWidth;
+    const uint8_t* mapRow1 = map + static_cast<size_t>(my1) * mapWidth;
     for (int32_t gx = 0; gx < gw; ++gx) {
       const int32_t x0 = gx * kGridScale;
-      const float cx = static_cast<float>(x0) + 0.5f * kGridScale, cy = static_cast<float>(y0) + 0.5f * kGridScale;
-      const float mx = cx * mxScale - 0.5f, my = cy * myScale - 0.5f;
-      float c = map_sample(map, mapWidth, mapHeight, mx, my) * radiusPerLevel;
+      const float mx = mapX[gx];
+      const int32_t mx0 = static_cast<int32_t>(mx), mx1 = mx0 + 1 < mapWidth ? mx0 + 1 : mx0;
+      const float fmx = mx - mx0;
+      const float top = mapRow0[mx0] + fmx * (mapRow0[mx1] - mapRow0[mx0]);
+      const float bottom = mapRow1[mx0] + fmx * (mapRow1[mx1] - mapRow1[mx0]);
+      float c = (top + fmy * (bottom - top)) * radiusPerLevel;
       c = c > kMaxGridRadius ? kMaxGridRadius : c;
       const size_t i = static_cast<size_t>(gy) * gw + gx;
       coc[i] = c;
       anyBlur = anyBlur || c > 0.0f;
       uint32_t sum = 0, peak = 0;
       int32_t n = 0;
-      for (int32_t dy = 0; dy < kGridScale && y0 + dy < height; ++dy) {
+      if (x0 + kGridScale <= width && y0 + kGridScale <= height) {
+        for (int32_t dy = 0; dy < kGridScale; ++dy) {
+          const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width + x0;
+          for (int32_t dx = 0; dx < kGridScale; ++dx) {
+            sum += row[dx];
+            peak = row[dx] > peak ? row[dx] : peak;
+          }
+        }
+        n = kGridScale * kGridScale;
+      }
+      const bool partial = n == 0;
+      for (int32_t dy = 0; partial && dy < kGridScale && y0 + dy < height; ++dy) {
         const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width;
         for (int32_t dx = 0; dx < kGridScale && x0 + dx < width; ++dx, ++n) {
           sum += row[x0 + dx];
@@ -223,8 +459,7 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
       colour[plane + i] = m ? static_cast<float>(su) / m : 128.0f;
       colour[2 * plane + i] = m ? static_cast<float>(sv) / m : 128.0f;
       if (nearMask) {
-        const int32_t nx = static_cast<int32_t>(clampf(mx + 0.5f, 0.0f, mapWidth - 1.0f));
-        const int32_t ny = static_cast<int32_t>(clampf(my + 0.5f, 0.0f, mapHeight - 1.0f));
+        const int32_t nx = fmx < 0.5f ? mx0 : mx1, ny = fmy < 0.5f ? my0 : my1;
         const bool isNear = nearMask[static_cast<size_t>(ny) * mapWidth + nx] != 0 && c > 0.25f;
         work->nearDilated[plane + i] = isNear ? c : 0.0f;  // the near samples' own radius
         anyNear = anyNear || isNear;
@@ -313,101 +548,15 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
           f[0] = f[1] = f[2] = f[3] = 0.0f;
           continue;
         }
-        const float inv = 1.0f / static_cast<float>(s.w);
-        f[0] = s.y * inv, f[1] = s.u * inv, f[2] = s.v * inv;
-        f[3] = clampf(static_cast<float>(s.w) / (static_cast<float>(count) * kCoverScale) * 1.5f, 0.0f, 1.0f);
+        // Colour premultiplied by alpha, ready to lay over the background.
+        const float alpha =
+            clampf(static_cast<float>(s.w) / (static_cast<float>(count) * kCoverScale) * 1.5f, 0.0f, 1.0f);
+        const float scale = alpha / static_cast<float>(s.w);
+        f[0] = s.y * scale, f[1] = s.u * scale, f[2] = s.v * scale, f[3] = alpha;
       }
     }
   }
 
-  // 4. Full resolution. Per pixel the radius comes from the four surrounding grid samples,
-  //    weighted by how close their colour is to the pixel's (so that the radius steps at the
-  //    frame's edges, not at the coarse map's); sharp pixels are left as they are.
-  const float invScale = 1.0f / kGridScale;
-  float guideLut[256];
-  for (int32_t d = 0; d < 256; ++d) guideLut[d] = expf(-0.5f * (d / kGuideSigma) * (d / kGuideSigma)) + 1e-4f;
-  for (int32_t y = 0; y < height; ++y) {
-    const float gyf = clampf((y + 0.5f) * invScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
-    const int32_t gy0 = static_cast<int32_t>(gyf), gy1 = gy0 + 1 < gh ? gy0 + 1 : gy0;
-    const float fy = gyf - gy0;
-    uint8_t* row = luma + static_cast<size_t>(y) * width;
-    float* rowT = work->rowT;
-    float* rowA = work->rowA;
-    for (int32_t x = 0; x < width; ++x) {
-      const float gxf = clampf((x + 0.5f) * invScale - 0.5f, 0.0f, static_cast<float>(gw - 1));
-      const int32_t gx0 = static_cast<int32_t>(gxf), gx1 = gx0 + 1 < gw ? gx0 + 1 : gx0;
-      const float fx = gxf - gx0;
-      const size_t i00 = static_cast<size_t>(gy0) * gw + gx0, i01 = static_cast<size_t>(gy0) * gw + gx1;
-      const size_t i10 = static_cast<size_t>(gy1) * gw + gx0, i11 = static_cast<size_t>(gy1) * gw + gx1;
-      const float w00 = (1 - fx) * (1 - fy), w01 = fx * (1 - fy), w10 = (1 - fx) * fy, w11 = fx * fy;
-      const float c00 = coc[i00], c01 = coc[i01], c10 = coc[i10], c11 = coc[i11];
-      float cmin = c00 < c01 ? c00 : c01, cmax = c00 > c01 ? c00 : c01;
-      cmin = c10 < cmin ? c10 : cmin, cmax = c10 > cmax ? c10 : cmax;
-      cmin = c11 < cmin ? c11 : cmin, cmax = c11 > cmax ? c11 : cmax;
-      float alpha = 0.0f;
-      if (anyNear) {
-        alpha = w00 * front[4 * i00 + 3] + w01 * front[4 * i01 + 3] + w10 * front[4 * i10 + 3] +
-                w11 * front[4 * i11 + 3];
-      }
-      rowA[x] = alpha;
-      float r;
-      if (cmax - cmin > 0.3f) {
-        const int32_t p = row[x];
-        const float g00 = w00 * guideLut[abs(p - static_cast<int32_t>(colour[i00]))];
-        const float g01 = w01 * guideLut[abs(p - static_cast<int32_t>(colour[i01]))];
-        const float g10 = w10 * guideLut[abs(p - static_cast<int32_t>(colour[i10]))];
-        const float g11 = w11 * guideLut[abs(p - static_cast<int32_t>(colour[i11]))];
-        const float gs = g00 + g01 + g10 + g11;
-        r = gs > 0.0f ? (g00 * c00 + g01 * c01 + g10 * c10 + g11 * c11) / gs : cmin;
-      } else {
-        r = w00 * c00 + w01 * c01 + w10 * c10 + w11 * c11;
-      }
-      const float t = clampf((r * kGridScale - kBlendStart) / kBlendWidth, 0.0f, 1.0f);
-      rowT[x] = t;
-      if (t <= 0.0f && alpha <= 0.0f) continue;
-      const float b = w00 * blurred[i00] + w01 * blurred[i01] + w10 * blurred[i10] + w11 * blurred[i11];
-      float out = row[x] + t * (b - row[x]);
-      if (alpha > 0.0f) {
-        const float fv = (w00 * front[4 * i00] * front[4 * i00 + 3] + w01 * front[4 * i01] * front[4 * i01 + 3] +
-                          w10 * front[4 * i10] * front[4 * i10 + 3] + w11 * front[4 * i11] * front[4 * i11 + 3]) /
-                         alpha;
-        out += clampf(alpha, 0.0f, 1.0f) * (fv - out);
-      }
-      row[x] = to_u8(out);
-    }
-    // Chroma rows follow the even luma rows, with the blend of the block's top-left pixel.
-    if ((y & 1) != 0 || y / 2 >= ch) continue;
-    const int32_t cy = y / 2;
-    const float gcyf = clampf((cy + 0.5f) * 2.0f * invScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
-    const int32_t cgy0 = static_cast<int32_t>(gcyf), cgy1 = cgy0 + 1 < gh ? cgy0 + 1 : cgy0;
-    const float cfy = gcyf - cgy0;
-    uint8_t* urow = ca.u + static_cast<size_t>(cy) * ca.stride;
-    uint8_t* vrow = ca.v + static_cast<size_t>(cy) * ca.stride;
-    for (int32_t cx = 0; cx < cw; ++cx) {
-      const float t = rowT[2 * cx];
-      const float alpha = rowA[2 * cx];
-      if (t <= 0.0f && alpha <= 0.0f) continue;
-      const float gxf = clampf((cx + 0.5f) * 2.0f * invScale - 0.5f, 0.0f, static_cast<float>(gw - 1));
-      const int32_t gx0 = static_cast<int32_t>(gxf), gx1 = gx0 + 1 < gw ? gx0 + 1 : gx0;
-      const float fx = gxf - gx0;
-      const size_t i00 = static_cast<size_t>(cgy0) * gw + gx0, i01 = static_cast<size_t>(cgy0) * gw + gx1;
-      const size_t i10 = static_cast<size_t>(cgy1) * gw + gx0, i11 = static_cast<size_t>(cgy1) * gw + gx1;
-      const float w00 = (1 - fx) * (1 - cfy), w01 = fx * (1 - cfy), w10 = (1 - fx) * cfy, w11 = fx * cfy;
-      for (int32_t k = 0; k < 2; ++k) {
-        uint8_t* px = (k == 0 ? urow : vrow) + static_cast<size_t>(cx) * ca.step;
-        const float* bp = blurred + (k + 1) * plane;
-        const float b = w00 * bp[i00] + w01 * bp[i01] + w10 * bp[i10] + w11 * bp[i11];
-        float out = *px + t * (b - *px);
-        if (alpha > 0.0f) {
-          const float fv = (w00 * front[4 * i00 + 1 + k] * front[4 * i00 + 3] +
-                            w01 * front[4 * i01 + 1 + k] * front[4 * i01 + 3] +
-                            w10 * front[4 * i10 + 1 + k] * front[4 * i10 + 3] +
-                            w11 * front[4 * i11 + 1 + k] * front[4 * i11 + 3]) /
-                           alpha;
-          out += clampf(alpha, 0.0f, 1.0f) * (fv - out);
-        }
-        *px = to_u8(out);
-      }
-    }
-  }
+  // 4. Full resolution.
+  composite(work, luma, ca, width, height, anyNear);
 }

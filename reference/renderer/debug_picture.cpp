@@ -17,11 +17,10 @@ void debug_picture_draw(uint8_t* luma, uint8_t* chroma, int32_t width, int32_t h
     return;
   }
   const int64_t x0 = e->x < 0 ? 0 : e->x, y0 = e->y < 0 ? 0 : e->y;
-  const int64_t x1 = static_cast<int64_t>(e->x) + e->displayWidth < width ? static_cast<int64_t>(e->x) + e->displayWidth
-                                                                           : width;
-  const int64_t y1 = static_cast<int64_t>(e->y) + e->displayHeight < height
-                         ? static_cast<int64_t>(e->y) + e->displayHeight
-                         : height;
+  const int64_t x1 =
+      static_cast<int64_t>(e->x) + e->displayWidth < width ? static_cast<int64_t>(e->x) + e->displayWidth : width;
+  const int64_t y1 =
+      static_cast<int64_t>(e->y) + e->displayHeight < height ? static_cast<int64_t>(e->y) + e->displayHeight : height;
   uint8_t *u = nullptr, *v = nullptr;
   int32_t step = 2, stride = width;
   if (chromaLayout == CHROMA_PLANAR) {

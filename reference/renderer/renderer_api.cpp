@@ -17,7 +17,9 @@ const char kVersionText[] = "KtrRT_GL-ref 1.0 cpu";
 // Guards the foreground records shared by the generator (worker thread) and the frame call.
 pthread_mutex_t g_nearLock = PTHREAD_MUTEX_INITIALIZER;
 
-bool in_range(int32_t v, int32_t lo, int32_t hi) { return v >= lo && v <= hi; }
+bool in_range(int32_t v, int32_t lo, int32_t hi) {
+  return v >= lo && v <= hi;
+}
 
 void release_all() {
   RendererState& s = g_renderer;
@@ -142,8 +144,8 @@ RGL_EXPORT int32_t vmKtrRT_CameraLayout_Set(int32_t cameraLayout) {
 RGL_EXPORT int32_t vmKtrRT_GLInitV1(const uint8_t* calibA, int32_t sizeA, const uint8_t* calibB, int32_t sizeB,
                                     int32_t previewWidth, int32_t previewHeight, int32_t depthWidth,
                                     int32_t depthHeight, int32_t refocusWidth, int32_t refocusHeight,
-                                    int32_t screenWidth, int32_t screenHeight, int32_t isPortrait,
-                                    int32_t isOffRender, int32_t imageFormat, int32_t isGB) {
+                                    int32_t screenWidth, int32_t screenHeight, int32_t isPortrait, int32_t isOffRender,
+                                    int32_t imageFormat, int32_t isGB) {
   return gl_init(calibA, sizeA, calibB, sizeB, previewWidth, previewHeight, depthWidth, depthHeight, refocusWidth,
                  refocusHeight, screenWidth, screenHeight, isPortrait, isOffRender, imageFormat, isGB, 0);
 }
@@ -210,10 +212,9 @@ RGL_EXPORT int32_t vmKtrRT_GenRefocusMap_Deinit(void) {
   return RGL_OK;
 }
 
-RGL_EXPORT int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, const uint8_t* refocusMap,
-                                     int32_t focusX, int32_t focusY, float fNumber, int32_t noMapFlag,
-                                     int32_t regionLeft, int32_t regionTop, int32_t regionRight,
-                                     int32_t regionBottom) {
+RGL_EXPORT int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, const uint8_t* refocusMap, int32_t focusX,
+                                     int32_t focusY, float fNumber, int32_t noMapFlag, int32_t regionLeft,
+                                     int32_t regionTop, int32_t regionRight, int32_t regionBottom) {
   // The focus point and region are already in the map; the renderer needs neither.
   (void)focusX, (void)focusY, (void)regionLeft, (void)regionTop, (void)regionRight, (void)regionBottom;
   RendererState& s = g_renderer;

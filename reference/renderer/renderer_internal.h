@@ -60,15 +60,19 @@ enum ChromaLayout : int32_t {
 struct RenderWork {
   int32_t gridWidth;  // frame / kGridScale, rounded up
   int32_t gridHeight;
-  float* coc;       // blur radius per grid sample, in grid pixels
-  float* colour;    // grid Y, U, V, three planes
-  float* blurred;   // background layer Y, U, V
-  float* front;     // foreground layer Y, U, V, alpha
-  uint32_t* sat;    // summed-area table, 4 words per entry, (gridWidth + 1) x (gridHeight + 1)
+  float* coc;          // blur radius per grid sample, in grid pixels
+  float* colour;       // grid Y, U, V, three planes
+  float* blurred;      // background layer Y, U, V
+  float* front;        // foreground layer Y, U, V, alpha
+  uint32_t* sat;       // summed-area table, 4 words per entry, (gridWidth + 1) x (gridHeight + 1)
   float* nearDilated;  // largest foreground radius nearby, grid pixels
   uint8_t* nearMap;    // 1 = sample nearer than the focus plane, at the refocus-map size
   float* rowT;         // blend weight of one full-resolution row
   float* rowA;         // foreground alpha of one full-resolution row
+  float* rowB;         // background layer of one full-resolution row
+  float* rowC;         // blend weight of one chroma row (both channels when interleaved)
+  float* rowF;         // premultiplied foreground of one full-resolution row
+  float* gridRows;     // six padded grid rows for the row being composited
   uint32_t* weight;    // per grid sample weight of the layer being gathered
 };
 
@@ -120,8 +124,7 @@ int32_t renderer_read_calibration(const uint8_t* block, int32_t size, int32_t* d
 // ---- refocus-map generator ----
 // Robust depth around (x, y): median of the valid samples in a window that widens until it holds
 // one. Returns false when the map has no valid sample at all.
-bool refocus_focus_target(const uint16_t* depth, int32_t width, int32_t height, int32_t x, int32_t y,
-                          uint16_t* target);
+bool refocus_focus_target(const uint16_t* depth, int32_t width, int32_t height, int32_t x, int32_t y, uint16_t* target);
 // Resamples depth (width x height) to mapWidth x mapHeight and fills invalid samples from the
 // farther of their valid neighbours along the row, then along the column.
 void refocus_resample_fill(uint16_t* out, int32_t mapWidth, int32_t mapHeight, const uint16_t* depth, int32_t width,
@@ -137,9 +140,8 @@ float render_max_radius(int32_t frameWidth, float fNumber);
 int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32_t mapWidth, int32_t mapHeight);
 void render_work_free(RenderWork* work);
 // Renders in place. nearMask (map size, may be null) marks samples nearer than the focus plane.
-void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height,
-                  int32_t chromaLayout, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
-                  int32_t mapHeight, float fNumber);
+void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
+                  const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth, int32_t mapHeight, float fNumber);
 
 // ---- debug pictures ----
 void debug_picture_draw(uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,

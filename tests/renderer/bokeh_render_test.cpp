@@ -113,7 +113,7 @@ TEST_F(Render, ForegroundSpreadsOverTheSubject) {
   for (int32_t y = 0; y < kH; ++y) {
     for (int32_t x = 0; x < kW; ++x) {
       if (x >= 100 && x < 220) f.y(x, y) = 200;  // subject
-      if (x < 100) f.y(x, y) = 20;              // near bar
+      if (x < 100) f.y(x, y) = 20;               // near bar
     }
   }
   for (int32_t y = 0; y < kMh; ++y)

@@ -9,9 +9,7 @@ constexpr int32_t kW = 64, kH = 48;
 class DebugPictures : public RendererFixture {
  protected:
   void SetUp() override { ASSERT_EQ(RGL_OK, init(kW, kH, 16, 12, 16, 12)); }
-  int32_t render(Frame& f) {
-    return vmKtrRT_GLStartV1(f.luma(), f.chroma(), nullptr, 0, 0, 2.0f, 1, 0, 0, kW, kH);
-  }
+  int32_t render(Frame& f) { return vmKtrRT_GLStartV1(f.luma(), f.chroma(), nullptr, 0, 0, 2.0f, 1, 0, 0, kW, kH); }
   // A w x h picture of one colour.
   static std::vector<uint8_t> picture(int32_t w, int32_t h, uint8_t y, uint8_t cb, uint8_t cr, uint8_t a) {
     std::vector<uint8_t> p(static_cast<size_t>(w) * h * 4);

@@ -44,8 +44,7 @@ TEST_F(RendererSetup, ImageFormatCodes) {
 TEST_F(RendererSetup, CalibrationPairsMustBeConsistent) {
   const uint8_t block[4] = {1, 2, 3, 4};
   EXPECT_EQ(RGL_ERR_CALIBRATION, vmKtrRT_GLInitV1(block, 0, nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
-  EXPECT_EQ(RGL_ERR_CALIBRATION,
-            vmKtrRT_GLInitV1(nullptr, 0, nullptr, 16, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  EXPECT_EQ(RGL_ERR_CALIBRATION, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 16, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
   EXPECT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
 }
 
