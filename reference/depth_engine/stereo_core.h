@@ -1,0 +1,68 @@
+// stereo_core.h - the stereo matcher behind the reference depth engine: census costs,
+// semi-global aggregation with 16-bit saturating path costs, winner-take-all with uniqueness,
+// left-right check, sub-pixel refinement, speckle removal and luma-guided dense hole filling.
+// All buffers come from stereo_alloc; stereo_run allocates nothing.
+#ifndef VM_STEREO_CORE_H
+#define VM_STEREO_CORE_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+// Disparities inside the matcher are fixed point with this many steps per pixel.
+#define STEREO_SUBPIXEL 16
+#define STEREO_INVALID (-1)
+
+struct StereoParams {
+  int32_t width, height;
+  int32_t minDisparity;  // pixels; the search covers minDisparity .. minDisparity + disparities - 1
+  int32_t disparities;   // a multiple of 8
+  int32_t quality;       // 1: 5x5 census, 4 paths; 2: 9x7 census, 8 paths
+  int32_t p1, p2;        // smoothness penalties (0 = the mode's defaults)
+  int32_t uniqueness;    // percent
+  int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
+  bool fill;             // fill holes so that the output is dense
+};
+
+struct StereoBuffers {
+  StereoParams params;
+  size_t bytes;  // total of everything below
+  uint64_t* censusL;
+  uint64_t* censusR;
+  uint16_t* cost;      // width x height x disparities
+  uint16_t* sum;       // width x height x disparities
+  uint16_t* pathPrev;  // per path: (width + 2) x (disparities + 2), previous row / pixel
+  uint16_t* pathCur;
+  uint16_t* minPrev;  // per path: (width + 2) minima of the rows above
+  uint16_t* minCur;
+  uint16_t* rowMin;     // width: best aggregated cost per right-view pixel
+  int16_t* candidates;  // width x height x 8: value and distance of the nearest valid pixel per side
+  int16_t* dispL;       // fixed point, STEREO_INVALID where unknown
+  int16_t* dispR;       // integer pixels of the right view (for the left-right check)
+  int32_t* labels;
+  int32_t* stack;
+  uint8_t* holeKind;  // 0 valid, 1 mismatch / occlusion, 2 other
+};
+
+// Defaults for a size and range; returns false when the sizes are unusable.
+bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32_t minDisparity, int32_t disparities,
+                           int32_t quality);
+
+// Bytes stereo_alloc would take, or 0 when the sizes overflow or are out of range.
+size_t stereo_bytes_needed(const StereoParams* p);
+bool stereo_alloc(StereoBuffers* b, const StereoParams* p);
+void stereo_free(StereoBuffers* b);
+
+// Left (main) and right (sub) luma, rectified, width x height with the given strides. Writes
+// the left view's disparity in 1/STEREO_SUBPIXEL pixels (STEREO_INVALID where unknown; with
+// `fill` set every pixel gets a value when any pixel was matched).
+void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
+                int16_t* disparity);
+
+// Stages, exposed for tests.
+void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out);
+// Census bits for the quality mode (24 or 62).
+int32_t stereo_census_bits(int32_t quality);
+void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
+                            int32_t* labels, int32_t* stack);
+
+#endif  // VM_STEREO_CORE_H

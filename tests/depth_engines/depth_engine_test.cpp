@@ -1,0 +1,251 @@
+// depth_engine_test.cpp - the reference stereo engine through its C functions on synthetic
+// scenes (quality bounds, mirrored and unrectified input), its refusals, and matcher stages.
+#include <gtest/gtest.h>
+#include <math.h>
+
+#include <vector>
+
+#include "calib_block.h"
+#include "engines.h"
+#include "stereo_core.h"
+#include "synth_scene.h"
+
+namespace {
+
+struct Pair {
+  int32_t w, h;
+  std::vector<uint8_t> main, sub;  // three planes each
+  std::vector<float> truth;
+  std::vector<uint8_t> calib;
+};
+
+std::vector<uint8_t> planes_from_nv21(const std::vector<uint8_t>& nv21, int32_t w, int32_t h) {
+  size_t n = size_t(w) * size_t(h);
+  std::vector<uint8_t> p(3 * n, 128);
+  std::copy(nv21.begin(), nv21.begin() + long(n), p.begin());
+  return p;
+}
+
+Pair make_pair(uint32_t seed, int32_t w, int32_t h, float noise = 0.0f) {
+  SceneSpec s;
+  scene_default(&s, seed);
+  s.noiseSigma = noise;
+  Pair p;
+  p.w = w, p.h = h;
+  std::vector<uint8_t> nv21(size_t(w) * size_t(h) * 3 / 2);
+  EXPECT_EQ(0, scene_render_nv21(&s, 0, 0, w, h, 2, nv21.data()));
+  p.main = planes_from_nv21(nv21, w, h);
+  EXPECT_EQ(0, scene_render_nv21(&s, 0, 1, w, h, 2, nv21.data()));
+  p.sub = planes_from_nv21(nv21, w, h);
+  p.truth.resize(size_t(w) * size_t(h));
+  EXPECT_EQ(0, scene_truth_disparity(&s, 0, w, h, p.truth.data()));
+  p.calib.resize(CALIB_BLOCK_SIZE);
+  EXPECT_EQ(0, scene_calibration(&s, 1920, 1080, 1280, 720, p.calib.data(), CALIB_BLOCK_SIZE));
+  return p;
+}
+
+DpxImage image_of(std::vector<uint8_t>& planes, int32_t w, int32_t h) {
+  size_t n = size_t(w) * size_t(h);
+  return DpxImage{DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {planes.data(), planes.data() + n, planes.data() + 2 * n}};
+}
+
+std::vector<uint16_t> run_pair(Pair& p, int32_t mode, int32_t* result = nullptr) {
+  EXPECT_EQ(0, vmDpx2_CameraLayout_Set_LV(2));
+  EXPECT_EQ(0, vmDpx2RT_FieldofDepth_Set(mode));
+  EXPECT_EQ(0, vmDpx2_Express_Init(p.calib.data(), int32_t(p.calib.size()), p.w, p.h, nullptr, 0));
+  std::vector<uint16_t> out(size_t(p.w) * size_t(p.h), 0xBEEF);
+  DpxImage m = image_of(p.main, p.w, p.h), s = image_of(p.sub, p.w, p.h);
+  int32_t r = vmDpx2_Run_Express(out.data(), &m, &s, 100, 200);
+  if (result) *result = r;
+  EXPECT_EQ(0, r);
+  EXPECT_EQ(0, vmDpx2_Express_Close());
+  return out;
+}
+
+struct Quality {
+  double bad, fill;
+};
+
+// Share of pixels off by more than `tol` pixels (no estimate counts as bad), over the whole map.
+Quality score(const Pair& p, const std::vector<uint16_t>& out, int32_t scale, double tol) {
+  size_t bad = 0, filled = 0;
+  for (size_t i = 0; i < out.size(); ++i) {
+    if (out[i] >= 1023) {
+      ++bad;
+      continue;
+    }
+    ++filled;
+    if (fabs(out[i] / double(scale) - p.truth[i]) > tol) ++bad;
+  }
+  return Quality{100.0 * double(bad) / double(out.size()), 100.0 * double(filled) / double(out.size())};
+}
+
+TEST(DepthEngine, SyntheticScenesAreDenseAndAccurateInBothModes) {
+  for (uint32_t seed : {1u, 2u, 3u}) {
+    Pair p = make_pair(seed, 160, 96, 1.0f);
+    for (int32_t mode : {1, 2}) {
+      std::vector<uint16_t> out = run_pair(p, mode);
+      Quality q = score(p, out, 16, 1.0);
+      EXPECT_EQ(100.0, q.fill) << "seed " << seed << " mode " << mode;
+      EXPECT_LT(q.bad, 8.0) << "seed " << seed << " mode " << mode;
+      Quality fine = score(p, out, 16, 0.5);
+      EXPECT_LT(fine.bad, 20.0) << "seed " << seed << " mode " << mode;
+    }
+  }
+}
+
+// With the sub camera on the left, the mirrored pair gives the mirrored map, sample for sample.
+TEST(DepthEngine, SubCameraOnTheLeftIsTheMirroredCase) {
+  Pair p = make_pair(4, 96, 64);
+  std::vector<uint16_t> normal = run_pair(p, 1);
+  Pair m = p;
+  for (int32_t c = 0; c < 3; ++c) {
+    for (int32_t y = 0; y < p.h; ++y) {
+      for (int32_t x = 0; x < p.w; ++x) {
+        size_t src = size_t(c) * p.w * p.h + size_t(y) * p.w + size_t(p.w - 1 - x);
+        size_t dst = size_t(c) * p.w * p.h + size_t(y) * p.w + size_t(x);
+        // The sub camera's mirrored image becomes the main one and vice versa.
+        m.main[dst] = p.main[src];
+        m.sub[dst] = p.sub[src];
+      }
+    }
+  }
+  std::swap(m.main, m.sub);
+  std::swap(m.main, m.sub);  // main stays main: mirroring both puts the sub camera on the left
+  CalibBlock cb;
+  ASSERT_EQ(CALIB_OK, calib_block_read(p.calib.data(), p.calib.size(), &cb));
+  cb.flags = CALIB_FLAG_SUB_LEFT;
+  ASSERT_EQ(CALIB_OK, calib_block_write(&cb, m.calib.data(), m.calib.size()));
+  std::vector<uint16_t> mirrored = run_pair(m, 1);
+  size_t differ = 0;
+  for (int32_t y = 0; y < p.h; ++y)
+    for (int32_t x = 0; x < p.w; ++x)
+      differ += normal[size_t(y) * p.w + size_t(x)] != mirrored[size_t(y) * p.w + size_t(p.w - 1 - x)];
+  EXPECT_EQ(0u, differ);
+}
+
+// A sub view that is off by a vertical shift is rectified by the calibration's homography.
+TEST(DepthEngine, HomographyRectifiesAShiftedSubView) {
+  Pair p = make_pair(5, 160, 96);
+  const int32_t shift = 3;  // sub rows moved down by 3 depth pixels
+  Pair q = p;
+  for (int32_t y = 0; y < p.h; ++y)
+    for (int32_t x = 0; x < p.w; ++x)
+      q.sub[size_t(y) * p.w + size_t(x)] = p.sub[size_t(y - shift < 0 ? 0 : y - shift) * p.w + size_t(x)];
+  std::vector<uint16_t> unrectified = run_pair(q, 1);
+  CalibBlock cb;
+  ASSERT_EQ(CALIB_OK, calib_block_read(p.calib.data(), p.calib.size(), &cb));
+  cb.homographySub[5] = float(shift) * float(cb.subHeight) / float(p.h);  // rectified -> raw: y + shift
+  ASSERT_EQ(CALIB_OK, calib_block_write(&cb, q.calib.data(), q.calib.size()));
+  std::vector<uint16_t> rectified = run_pair(q, 1);
+  double badRect = score(p, rectified, 16, 1.0).bad, badRaw = score(p, unrectified, 16, 1.0).bad;
+  EXPECT_LT(badRect, 10.0);
+  EXPECT_LT(badRect * 2.0, badRaw);
+}
+
+TEST(DepthEngine, RefusalsGiveCodesAndNoOutput) {
+  char text[256];
+  EXPECT_EQ(0, vmDpx2_VersionInfo_Get_LV(text, sizeof(text)));
+  EXPECT_NE(nullptr, strstr(text, "vmDpx2_LV"));
+  EXPECT_EQ(1, vmDpx2_VersionInfo_Get_LV(nullptr, 256));
+  EXPECT_EQ(4, vmDpx2_CameraLayout_Set_LV(0));
+  EXPECT_EQ(4, vmDpx2_CameraLayout_Set_LV(5));
+  for (int32_t layout = 1; layout <= 4; ++layout) EXPECT_EQ(0, vmDpx2_CameraLayout_Set_LV(layout));
+  EXPECT_EQ(1, vmDpx2RT_FieldofDepth_Set(3));
+
+  Pair p = make_pair(6, 64, 48);
+  std::vector<uint16_t> out(size_t(p.w) * p.h, 7);
+  DpxImage m = image_of(p.main, p.w, p.h), s = image_of(p.sub, p.w, p.h);
+  EXPECT_EQ(3, vmDpx2_Run_Express(out.data(), &m, &s, 0, 0));  // before Init
+
+  std::vector<uint8_t> bad = p.calib;
+  bad[20] ^= 1;
+  EXPECT_EQ(CALIB_ERR_CHECKSUM, vmDpx2_Express_Init(bad.data(), int32_t(bad.size()), p.w, p.h, nullptr, 0));
+  std::vector<uint8_t> shortBlock(p.calib.begin(), p.calib.begin() + 40);
+  EXPECT_EQ(CALIB_ERR_TRUNCATED,
+            vmDpx2_Express_Init(shortBlock.data(), int32_t(shortBlock.size()), p.w, p.h, nullptr, 0));
+  EXPECT_EQ(CALIB_ERR_MISSING, vmDpx2_Express_Init(nullptr, 0, p.w, p.h, nullptr, 0));
+  EXPECT_EQ(CALIB_ERR_MISSING, vmDpx2_Express_Init(p.calib.data(), -5, p.w, p.h, nullptr, 0));
+  EXPECT_EQ(1, vmDpx2_Express_Init(p.calib.data(), int32_t(p.calib.size()), 4, p.h, nullptr, 0));
+  EXPECT_EQ(1, vmDpx2_Express_Init(p.calib.data(), int32_t(p.calib.size()), p.w, 1 << 20, nullptr, 0));
+  EXPECT_EQ(3, vmDpx2_Run_Express(out.data(), &m, &s, 0, 0));  // failed Init leaves no engine
+
+  // The block may come in the second pair.
+  ASSERT_EQ(0, vmDpx2_Express_Init(nullptr, 0, p.w, p.h, p.calib.data(), int32_t(p.calib.size())));
+  DpxImage wrong = m;
+  wrong.format = 0x0F01;
+  EXPECT_EQ(1, vmDpx2_Run_Express(out.data(), &wrong, &s, 0, 0));
+  DpxImage missing = s;
+  missing.plane[0] = nullptr;
+  EXPECT_EQ(1, vmDpx2_Run_Express(out.data(), &m, &missing, 0, 0));
+  EXPECT_EQ(1, vmDpx2_Run_Express(nullptr, &m, &s, 0, 0));
+  for (uint16_t v : out) ASSERT_EQ(7, v);
+  EXPECT_EQ(0, vmDpx2_Run_Express(out.data(), &m, &s, 0, 0));
+  for (uint16_t v : out) ASSERT_LE(v, 1023);
+  EXPECT_EQ(0, vmDpx2_Express_Close());
+  EXPECT_EQ(0, vmDpx2_Express_Close());
+}
+
+// A search range too wide for the depth size is refused rather than allocated.
+TEST(DepthEngine, AbsurdRangeIsRefused) {
+  CalibBlock cb;
+  calib_block_defaults(&cb, 64, 48, 64, 48, 0.0f, 4000.0f);
+  uint8_t block[CALIB_BLOCK_SIZE];
+  ASSERT_EQ(CALIB_OK, calib_block_write(&cb, block, sizeof(block)));
+  EXPECT_EQ(0x701, vmDpx2_Express_Init(block, sizeof(block), 64, 48, nullptr, 0));
+}
+
+TEST(StereoCore, SpecklesSmallerThanTheLimitAreRemoved) {
+  const int32_t w = 12, h = 8;
+  std::vector<int16_t> d(size_t(w) * h, 160);
+  // A 2x2 island of another depth and a 4x3 one; limit 6 keeps only the larger.
+  for (int32_t y = 1; y < 3; ++y)
+    for (int32_t x = 1; x < 3; ++x) d[size_t(y) * w + size_t(x)] = 480;
+  for (int32_t y = 4; y < 7; ++y)
+    for (int32_t x = 6; x < 10; ++x) d[size_t(y) * w + size_t(x)] = 800;
+  d[0] = STEREO_INVALID;
+  std::vector<int32_t> labels(d.size()), stack(d.size());
+  stereo_remove_speckles(d.data(), w, h, 6, STEREO_SUBPIXEL, labels.data(), stack.data());
+  EXPECT_EQ(STEREO_INVALID, d[size_t(1) * w + 1]);
+  EXPECT_EQ(STEREO_INVALID, d[size_t(2) * w + 2]);
+  EXPECT_EQ(800, d[size_t(5) * w + 7]);
+  EXPECT_EQ(160, d[size_t(7) * w + 0]);
+  EXPECT_EQ(STEREO_INVALID, d[0]);
+}
+
+TEST(StereoCore, CensusBitsCompareNeighboursWithTheCentre) {
+  const int32_t w = 9, h = 7;
+  std::vector<uint8_t> img(size_t(w) * h, 100);
+  img[size_t(3) * w + 4] = 50;  // darker centre: no neighbour is darker
+  std::vector<uint64_t> c(img.size());
+  stereo_census(img.data(), w, w, h, 2, c.data());
+  EXPECT_EQ(0u, c[size_t(3) * w + 4]);
+  img[size_t(3) * w + 4] = 150;  // brighter centre: every neighbour is darker
+  stereo_census(img.data(), w, w, h, 2, c.data());
+  EXPECT_EQ((uint64_t(1) << stereo_census_bits(2)) - 1, c[size_t(3) * w + 4]);
+  stereo_census(img.data(), w, w, h, 1, c.data());
+  EXPECT_EQ((uint64_t(1) << stereo_census_bits(1)) - 1, c[size_t(3) * w + 4]);
+}
+
+// Extreme input (random noise against a blank view) must still give bounded, dense output:
+// path costs saturate instead of wrapping.
+TEST(StereoCore, ExtremeInputStaysBounded) {
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, 64, 40, 0, 64, 2));
+  p.p2 = 60000;  // large enough that unsaturated sums would wrap
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> noise(size_t(64) * 40), flat(size_t(64) * 40, 90);
+  uint32_t r = 1;
+  for (uint8_t& v : noise) v = uint8_t((r = r * 1664525u + 1013904223u) >> 24);
+  std::vector<int16_t> d(noise.size());
+  stereo_run(&b, noise.data(), 64, flat.data(), 64, d.data());
+  for (int16_t v : d) {
+    if (v == STEREO_INVALID) continue;
+    EXPECT_GE(v, 0);
+    EXPECT_LT(v, 64 * STEREO_SUBPIXEL);
+  }
+  stereo_free(&b);
+}
+
+}  // namespace
