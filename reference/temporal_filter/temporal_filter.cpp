@@ -21,10 +21,10 @@ enum {
 namespace {
 
 const int32_t kInvalid = 1023;
-const int32_t kFrac = 64;          // history precision: 1/64 of a depth sample
-const int32_t kMaxWeight = 218;    // of 256: the history's share on a still, unchanged pixel
-const int32_t kGuideRange = 20;    // guide change (levels) at which the history is dropped
-const int32_t kDepthRange = 64;    // depth change (samples) at which the history is dropped
+const int32_t kFrac = 64;        // history precision: 1/64 of a depth sample
+const int32_t kMaxWeight = 218;  // of 256: the history's share on a still, unchanged pixel
+const int32_t kGuideRange = 20;  // guide change (levels) at which the history is dropped
+const int32_t kDepthRange = 64;  // depth change (samples) at which the history is dropped
 
 struct TemporalFilter {
   bool ready;
@@ -45,7 +45,9 @@ void release() {
   memset(&g_filter, 0, sizeof(g_filter));
 }
 
-bool size_ok(int32_t w, int32_t h) { return w > 0 && h > 0 && w <= 16384 && h <= 16384; }
+bool size_ok(int32_t w, int32_t h) {
+  return w > 0 && h > 0 && w <= 16384 && h <= 16384;
+}
 
 }  // namespace
 

@@ -2,6 +2,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "calib_block.h"
 #include "renderer_test_util.h"
 
 namespace {
@@ -46,6 +47,45 @@ TEST_F(RendererSetup, CalibrationPairsMustBeConsistent) {
   EXPECT_EQ(RGL_ERR_CALIBRATION, vmKtrRT_GLInitV1(block, 0, nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
   EXPECT_EQ(RGL_ERR_CALIBRATION, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 16, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
   EXPECT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+}
+
+TEST_F(RendererSetup, AcceptsTheCalibrationBlockAndRefusesBrokenOnes) {
+  CalibBlock c;
+  calib_block_defaults(&c, 1920, 1080, 1920, 1080, 0.0f, 64.0f);
+  uint8_t block[CALIB_BLOCK_SIZE + 16] = {};
+  ASSERT_EQ(CALIB_OK, calib_block_write(&c, block, sizeof(block)));
+  EXPECT_EQ(RGL_OK, vmKtrRT_GLInitV1(block, sizeof(block), nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  EXPECT_EQ(RGL_OK,
+            vmKtrRT_GLInitV1_1(nullptr, 0, block, CALIB_BLOCK_SIZE, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0, 0x55));
+  EXPECT_EQ(CALIB_ERR_TRUNCATED,
+            vmKtrRT_GLInitV1(block, CALIB_BLOCK_SIZE - 1, nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  block[40] ^= 0x10;
+  EXPECT_EQ(CALIB_ERR_CHECKSUM,
+            vmKtrRT_GLInitV1(nullptr, 0, block, CALIB_BLOCK_SIZE, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  const uint8_t otherMaker[256] = {1, 2, 3};
+  EXPECT_EQ(CALIB_ERR_MAGIC,
+            vmKtrRT_GLInitV1(otherMaker, sizeof(otherMaker), nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+}
+
+TEST_F(RendererSetup, DisparityScaleComesFromTheBlock) {
+  // The same disparity difference in pixels gives the same map whatever S the depth is stored in.
+  uint8_t maps[2][40 * 30];
+  const int32_t scales[2] = {16, 8};
+  for (int32_t k = 0; k < 2; ++k) {
+    CalibBlock c;
+    calib_block_defaults(&c, 640, 480, 640, 480, 0.0f, 64.0f);
+    c.disparityScale = static_cast<uint16_t>(scales[k]);
+    uint8_t block[CALIB_BLOCK_SIZE];
+    ASSERT_EQ(CALIB_OK, calib_block_write(&c, block, sizeof(block)));
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(block, sizeof(block), nullptr, 0, 64, 48, 40, 30, 40, 30, 64, 48, 0, 0, 0, 0));
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+    std::vector<uint16_t> depth(40 * 30);
+    for (int32_t i = 0; i < 40 * 30; ++i) depth[i] = static_cast<uint16_t>(scales[k] * (1 + (i % 40) / 8));
+    uint16_t lo, hi, target;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(maps[k], depth.data(), 0, 0, &lo, &hi, &target));
+  }
+  EXPECT_EQ(0, memcmp(maps[0], maps[1], sizeof(maps[0])));
+  EXPECT_GT(maps[0][39], 0);
 }
 
 TEST_F(RendererSetup, CallsOutOfOrderAreRefused) {
