@@ -76,11 +76,15 @@ inline void box_add(const uint32_t* sat, int32_t satW, int32_t x0, int32_t y0, i
   }
 }
 
-// Disc of radius r approximated by two crossed boxes (a x b and b x a, b = 0.6 a), clipped to
-// the grid. Returns the number of grid samples covered.
-int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, float r, Sums* s) {
-  const int32_t a = static_cast<int32_t>(r + 0.5f);
-  const int32_t b = static_cast<int32_t>(0.6f * r + 0.5f);
+// Disc of integer level n approximated by two crossed boxes (n x m and m x n, m = 0.6 n; a plus
+// sign for n = 1), clipped to the grid. Returns the number of grid samples covered.
+inline int32_t disc_minor(int32_t n) {
+  return n == 1 ? 0 : static_cast<int32_t>(0.6f * n + 0.5f);
+}
+
+int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, int32_t n, Sums* s) {
+  const int32_t a = n;
+  const int32_t b = disc_minor(n);
   const int32_t satW = gw + 1;
   auto lo = [](int32_t v) { return v < 0 ? 0 : v; };
   const int32_t ax0 = lo(x - a), ax1 = x + a < gw ? x + a : gw - 1;
@@ -96,6 +100,42 @@ int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_
     count += (bx1 - bx0 + 1) * (ay1 - ay0 + 1) - (bx1 - bx0 + 1) * (by1 - by0 + 1);
   }
   return count;
+}
+
+// Squared radius of the round disc with the same spread as each level's shape: a disc of radius
+// r has variance r^2 / 4 along an axis, the shape sum(x^2) / count.
+constexpr int32_t kDiscLevels = 28;
+void disc_level_radii(float* r2) {
+  auto boxMoment = [](double a, double b) { return (2 * b + 1) * a * (a + 1) * (2 * a + 1) / 3; };
+  for (int32_t n = 0; n < kDiscLevels; ++n) {
+    const double a = n, b = disc_minor(n);
+    const double count = (2 * a + 1) * (2 * b + 1) * 2 - (2 * b + 1) * (2 * b + 1);
+    const double moment = boxMoment(a, b) + boxMoment(b, a) - boxMoment(b, b);
+    r2[n] = static_cast<float>(4.0 * moment / count);
+  }
+}
+
+// Disc of fractional radius r: a mixture of the two levels around it whose spread is that of
+// the round disc, as float sums (w, wY, wU, wV) and the alpha of a uniform unit weight.
+struct DiscSums {
+  float w, y, u, v, cover;  // cover: the mixture's share of the samples, for alpha
+};
+DiscSums disc_sums_frac(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, float r, const float* r2) {
+  const float want = r * r;
+  int32_t n = 0;
+  while (n + 2 < kDiscLevels && r2[n + 1] <= want) ++n;
+  float f = (want - r2[n]) / (r2[n + 1] - r2[n]);
+  f = f < 0.0f ? 0.0f : (f > 1.0f ? 1.0f : f);
+  Sums a, b;
+  const int32_t ca = disc_sums(sat, gw, gh, x, y, n, &a);
+  if (f <= 0.0f) {
+    const float k = 1.0f / static_cast<float>(ca);
+    return DiscSums{a.w * k, a.y * k, a.u * k, a.v * k, 1.0f};
+  }
+  const int32_t cb = disc_sums(sat, gw, gh, x, y, n + 1, &b);
+  // Each level normalised by its own sample count, so that f mixes the two kernels.
+  const float ka = (1.0f - f) / static_cast<float>(ca), kb = f / static_cast<float>(cb);
+  return DiscSums{ka * a.w + kb * b.w, ka * a.y + kb * b.y, ka * a.u + kb * b.u, ka * a.v + kb * b.v, 1.0f};
 }
 
 // Table of (w, w*Y, w*U, w*V) from per-sample weights and the grid colour.
@@ -150,11 +190,11 @@ struct RowInputs {
 // Per output sample of one line: the blur weight T, the background B and, when a foreground
 // reaches the line, its alpha A and premultiplied colour Fp; samples land at index
 // x * ostride + ooff so that interleaved chroma lines fill one array for both channels.
-template <int32_t F, int32_t ostride>
+template <int32_t F, int32_t ostride, int32_t S>
 void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* tGiven,
                   const float* guide, const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy,
                   int32_t ooff, float* T, float* B, float* A, float* Fp) {
-  constexpr float kTScale = kGridScale / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  constexpr float kTScale = S / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
   float weights[F];
   for (int32_t k = 0; k < F; ++k) weights[k] = (k + 0.5f) / F;
   for (int32_t b = -1; b < gw; ++b) {
@@ -187,7 +227,7 @@ void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t*
     float t[F];
     if (tGiven != nullptr) {
       for (int32_t k = k0; k < k1; ++k) t[k] = tGiven[2 * (x0 + k)];
-    } else if (hi * kGridScale <= kBlendStart && !front) {
+    } else if (hi * S <= kBlendStart && !front) {
       for (int32_t k = k0; k < k1; ++k) t[k] = 0.0f;
     } else {
       if (hi - lo > kGuideMinStep) {
@@ -245,6 +285,7 @@ void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const flo
   }
 }
 
+template <int32_t S>
 void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t width, int32_t height, bool anyNear) {
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const size_t plane = static_cast<size_t>(gw) * gh;
@@ -270,7 +311,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
   float rowMax = 0.0f;
 
   for (int32_t y = 0; y < height; ++y) {
-    const float gyf = clampf((y + 0.5f) / kGridScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
+    const float gyf = clampf((y + 0.5f) / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
     const int32_t gy0 = static_cast<int32_t>(gyf), gy1 = gy0 + 1 < gh ? gy0 + 1 : gy0;
     const float fy = gyf - gy0;
     if (minMaxRow != gy0) {  // per grid row pair, not per pixel row
@@ -288,18 +329,18 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
       lerp_rows(work->front + 3, gw, gy0, gy1, fy, 4, av);
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
-    if (!(rowMax * kGridScale > kBlendStart || row.front)) continue;  // the row and its chroma stay
+    if (!(rowMax * S > kBlendStart || row.front)) continue;  // the row and its chroma stay
     lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
     lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
-    prepare_line<kGridScale, 1>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow,
-                                aRow, fRow);
+    prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
+                          fRow);
     blend_run(lumaRow, width, tRow, bRow, row.front ? aRow : nullptr, fRow);
     // Chroma rows follow the even luma rows and take the blend of each block's top-left pixel.
     if ((y & 1) != 0 || y / 2 >= ch) continue;
     const int32_t cy = y / 2;
-    const float cyf = clampf((cy + 0.5f) * 2.0f / kGridScale - 0.5f, 0.0f, static_cast<float>(gh - 1));
+    const float cyf = clampf((cy + 0.5f) * 2.0f / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
     const int32_t cy0 = static_cast<int32_t>(cyf), cy1 = cy0 + 1 < gh ? cy0 + 1 : cy0;
     const float cfy = cyf - cy0;
     if (row.front) lerp_rows(work->front + 3, gw, cy0, cy1, cfy, 4, av);
@@ -314,11 +355,11 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
               ? static_cast<int32_t>(line - (ca.u < ca.v ? ca.u : ca.v) - static_cast<ptrdiff_t>(cy) * ca.stride)
               : 0;
       if (interleaved) {
-        prepare_line<kGridScale / 2, 2>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, off, cRow,
-                                        bRow, aRow, fRow);
+        prepare_line<S / 2, 2, S>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, off, cRow, bRow,
+                                  aRow, fRow);
       } else {
-        prepare_line<kGridScale / 2, 1>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, 0, cRow, bRow,
-                                        aRow, fRow);
+        prepare_line<S / 2, 1, S>(cw, gw, row, nullptr, tRow, guideLut, coc, colour, cy0, cy1, cfy, 0, cRow, bRow, aRow,
+                                  fRow);
       }
       if (!interleaved) blend_run(line, cw, cRow, bRow, row.front ? aRow : nullptr, fRow);
     }
@@ -339,8 +380,11 @@ float render_max_radius(int32_t frameWidth, float fNumber) {
 
 int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32_t mapWidth, int32_t mapHeight) {
   memset(work, 0, sizeof(*work));
-  const int32_t gw = (width + kGridScale - 1) / kGridScale, gh = (height + kGridScale - 1) / kGridScale;
+  // Large frames use a 4 x 4 grid cell, smaller ones 2 x 2 (their blur radii are small).
+  const int32_t scale = width >= kScaleFourWidth ? 4 : 2;
+  const int32_t gw = (width + scale - 1) / scale, gh = (height + scale - 1) / scale;
   const size_t plane = static_cast<size_t>(gw) * gh;
+  work->scale = scale;
   work->gridWidth = gw;
   work->gridHeight = gh;
   work->coc = static_cast<float*>(malloc(plane * sizeof(float)));
@@ -384,11 +428,17 @@ void render_work_free(RenderWork* work) {
   memset(work, 0, sizeof(*work));
 }
 
-void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
-                  const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth, int32_t mapHeight, float fNumber) {
+namespace {
+
+template <int32_t S>
+void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height,
+                   int32_t chromaLayout, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
+                   int32_t mapHeight, float fNumber) {
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const size_t plane = static_cast<size_t>(gw) * gh;
-  const float radiusPerLevel = render_max_radius(width, fNumber) / kGridScale / 255.0f;
+  const float radiusPerLevel = render_max_radius(width, fNumber) / S / 255.0f;
+  float levels[kDiscLevels];
+  disc_level_radii(levels);
   const ChromaAccess ca = chroma_access(chroma, width, height, chromaLayout);
   const int32_t cw = width / 2, ch = height / 2;
   float* coc = work->coc;
@@ -402,19 +452,19 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
   // Map columns of the grid columns (bilinear), kept in the composite's row storage.
   float* mapX = work->gridRows;  // mx clamped, per grid column
   for (int32_t gx = 0; gx < gw; ++gx) {
-    const float cx = static_cast<float>(gx * kGridScale) + 0.5f * kGridScale;
+    const float cx = static_cast<float>(gx * S) + 0.5f * S;
     mapX[gx] = clampf(cx * mxScale - 0.5f, 0.0f, static_cast<float>(mapWidth - 1));
   }
   for (int32_t gy = 0; gy < gh; ++gy) {
-    const int32_t y0 = gy * kGridScale;
-    const float cy = static_cast<float>(y0) + 0.5f * kGridScale;
+    const int32_t y0 = gy * S;
+    const float cy = static_cast<float>(y0) + 0.5f * S;
     const float my = clampf(cy * myScale - 0.5f, 0.0f, static_cast<float>(mapHeight - 1));
     const int32_t my0 = static_cast<int32_t>(my), my1 = my0 + 1 < mapHeight ? my0 + 1 : my0;
     const float fmy = my - my0;
     const uint8_t* mapRow0 = map + static_cast<size_t>(my0) * mapWidth;
     const uint8_t* mapRow1 = map + static_cast<size_t>(my1) * mapWidth;
     for (int32_t gx = 0; gx < gw; ++gx) {
-      const int32_t x0 = gx * kGridScale;
+      const int32_t x0 = gx * S;
       const float mx = mapX[gx];
       const int32_t mx0 = static_cast<int32_t>(mx), mx1 = mx0 + 1 < mapWidth ? mx0 + 1 : mx0;
       const float fmx = mx - mx0;
@@ -424,23 +474,29 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
       c = c > kMaxGridRadius ? kMaxGridRadius : c;
       const size_t i = static_cast<size_t>(gy) * gw + gx;
       coc[i] = c;
+      // The gather weight trusts a sample as blurred only when all four map samples around it
+      // are: samples by the subject's edge must not carry its colour into the background.
+      uint8_t lowest = mapRow0[mx0] < mapRow0[mx1] ? mapRow0[mx0] : mapRow0[mx1];
+      lowest = mapRow1[mx0] < lowest ? mapRow1[mx0] : lowest;
+      lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
+      work->front[i] = lowest * radiusPerLevel;  // until step 3
       anyBlur = anyBlur || c > 0.0f;
       uint32_t sum = 0, peak = 0;
       int32_t n = 0;
-      if (x0 + kGridScale <= width && y0 + kGridScale <= height) {
-        for (int32_t dy = 0; dy < kGridScale; ++dy) {
+      if (x0 + S <= width && y0 + S <= height) {
+        for (int32_t dy = 0; dy < S; ++dy) {
           const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width + x0;
-          for (int32_t dx = 0; dx < kGridScale; ++dx) {
+          for (int32_t dx = 0; dx < S; ++dx) {
             sum += row[dx];
             peak = row[dx] > peak ? row[dx] : peak;
           }
         }
-        n = kGridScale * kGridScale;
+        n = S * S;
       }
       const bool partial = n == 0;
-      for (int32_t dy = 0; partial && dy < kGridScale && y0 + dy < height; ++dy) {
+      for (int32_t dy = 0; partial && dy < S && y0 + dy < height; ++dy) {
         const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width;
-        for (int32_t dx = 0; dx < kGridScale && x0 + dx < width; ++dx, ++n) {
+        for (int32_t dx = 0; dx < S && x0 + dx < width; ++dx, ++n) {
           sum += row[x0 + dx];
           peak = row[x0 + dx] > peak ? row[x0 + dx] : peak;
         }
@@ -449,9 +505,9 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
       work->blurred[i] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
       uint32_t su = 0, sv = 0;
       int32_t m = 0;
-      for (int32_t dy = 0; dy < kGridScale / 2 && y0 / 2 + dy < ch; ++dy) {
+      for (int32_t dy = 0; dy < S / 2 && y0 / 2 + dy < ch; ++dy) {
         const size_t rowOff = static_cast<size_t>(y0 / 2 + dy) * ca.stride;
-        for (int32_t dx = 0; dx < kGridScale / 2 && x0 / 2 + dx < cw; ++dx, ++m) {
+        for (int32_t dx = 0; dx < S / 2 && x0 / 2 + dx < cw; ++dx, ++m) {
           su += ca.u[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
           sv += ca.v[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
         }
@@ -477,7 +533,7 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
     highlight[v] = static_cast<uint32_t>(16.0f * (1.0f + kHighlightGain * e * e) + 0.5f);
   }
   for (size_t i = 0; i < plane; ++i) {
-    const float cover = clampf((coc[i] - 0.25f) / 0.75f, 0.0f, 1.0f);
+    const float cover = clampf((work->front[i] - 0.25f) / 0.75f, 0.0f, 1.0f);
     const bool isNear = anyNear && nearRadius[i] > 0.0f;
     const uint32_t w = isNear ? 0 : static_cast<uint32_t>(cover * kCoverScale + 0.5f);
     // Highlight gain from the block's brightest pixel: small lights must not average away.
@@ -488,13 +544,17 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
   for (int32_t gy = 0; gy < gh; ++gy) {
     for (int32_t gx = 0; gx < gw; ++gx) {
       const size_t i = static_cast<size_t>(gy) * gw + gx;
-      Sums s;
-      disc_sums(work->sat, gw, gh, gx, gy, coc[i] > 1.0f ? coc[i] : 1.0f, &s);
-      if (s.w == 0) {
+      // The grid's own averaging and the upsampling blur by about one grid sample already;
+      // the gather supplies the rest (radii add in quadrature). At least radius 1, so that the
+      // subject's samples learn the background colour next to them.
+      const float c = coc[i];
+      const float r = c > 1.4142f ? sqrtf(c * c - 1.0f) : 1.0f;
+      const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, r, levels);
+      if (d.w <= 0.0f) {
         blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
       } else {
-        const float inv = 1.0f / static_cast<float>(s.w);
-        blurred[i] = s.y * inv, blurred[plane + i] = s.u * inv, blurred[2 * plane + i] = s.v * inv;
+        const float inv = 1.0f / d.w;
+        blurred[i] = d.y * inv, blurred[plane + i] = d.u * inv, blurred[2 * plane + i] = d.v * inv;
       }
     }
   }
@@ -542,21 +602,30 @@ void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t widt
           f[0] = f[1] = f[2] = f[3] = 0.0f;
           continue;
         }
-        Sums s;
-        const int32_t count = disc_sums(work->sat, gw, gh, gx, gy, dil[i], &s);
-        if (s.w == 0 || count <= 0) {
+        const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, dil[i], levels);
+        if (d.w <= 0.0f) {
           f[0] = f[1] = f[2] = f[3] = 0.0f;
           continue;
         }
         // Colour premultiplied by alpha, ready to lay over the background.
-        const float alpha =
-            clampf(static_cast<float>(s.w) / (static_cast<float>(count) * kCoverScale) * 1.5f, 0.0f, 1.0f);
-        const float scale = alpha / static_cast<float>(s.w);
-        f[0] = s.y * scale, f[1] = s.u * scale, f[2] = s.v * scale, f[3] = alpha;
+        const float alpha = clampf(d.w / kCoverScale * 1.5f, 0.0f, 1.0f);
+        const float scale = alpha / d.w;
+        f[0] = d.y * scale, f[1] = d.u * scale, f[2] = d.v * scale, f[3] = alpha;
       }
     }
   }
 
   // 4. Full resolution.
-  composite(work, luma, ca, width, height, anyNear);
+  composite<S>(work, luma, ca, width, height, anyNear);
+}
+
+}  // namespace
+
+void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
+                  const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth, int32_t mapHeight, float fNumber) {
+  if (work->scale == 4) {
+    render_scaled<4>(work, luma, chroma, width, height, chromaLayout, map, nearMask, mapWidth, mapHeight, fNumber);
+  } else {
+    render_scaled<2>(work, luma, chroma, width, height, chromaLayout, map, nearMask, mapWidth, mapHeight, fNumber);
+  }
 }

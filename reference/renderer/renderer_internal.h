@@ -58,7 +58,8 @@ enum ChromaLayout : int32_t {
 
 // Working storage of the CPU renderer, allocated at initialisation.
 struct RenderWork {
-  int32_t gridWidth;  // frame / kGridScale, rounded up
+  int32_t scale;      // frame pixels per grid sample along each axis: 4 or 2
+  int32_t gridWidth;  // frame / scale, rounded up
   int32_t gridHeight;
   float* coc;          // blur radius per grid sample, in grid pixels
   float* colour;       // grid Y, U, V, three planes
@@ -76,7 +77,8 @@ struct RenderWork {
   uint32_t* weight;    // per grid sample weight of the layer being gathered
 };
 
-constexpr int32_t kGridScale = 4;
+// Frames at least this wide use a grid of 4 x 4 pixel cells, narrower ones 2 x 2.
+constexpr int32_t kScaleFourWidth = 1280;
 
 // Foreground side channel: the generator remembers, for each map buffer it wrote, which samples
 // lie nearer than the focus plane; the renderer finds them again by address and content hash.
