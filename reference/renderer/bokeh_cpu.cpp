@@ -23,7 +23,7 @@ constexpr float kBlendStart = 0.5f;  // full-resolution pixels
 constexpr float kBlendWidth = 2.5f;
 // Grid-radius difference (grid pixels) between neighbouring samples above which the radius is
 // edge-guided rather than interpolated.
-constexpr float kGuideMinStep = 0.5f;
+constexpr float kGuideMinStep = 1.0f;
 
 struct ChromaAccess {
   uint8_t* u;
@@ -105,6 +105,7 @@ int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_
 // Squared radius of the round disc with the same spread as each level's shape: a disc of radius
 // r has variance r^2 / 4 along an axis, the shape sum(x^2) / count.
 constexpr int32_t kDiscLevels = 28;
+constexpr float kSingleLevelRadius = 6.0f;
 void disc_level_radii(float* r2) {
   auto boxMoment = [](double a, double b) { return (2 * b + 1) * a * (a + 1) * (2 * a + 1) / 3; };
   for (int32_t n = 0; n < kDiscLevels; ++n) {
@@ -122,10 +123,19 @@ struct DiscSums {
 };
 DiscSums disc_sums_frac(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, float r, const float* r2) {
   const float want = r * r;
-  int32_t n = 0;
+  int32_t n = static_cast<int32_t>(0.7f * r);
+  n = n > kDiscLevels - 2 ? kDiscLevels - 2 : n;
+  while (n > 0 && r2[n] > want) --n;
   while (n + 2 < kDiscLevels && r2[n + 1] <= want) ++n;
   float f = (want - r2[n]) / (r2[n + 1] - r2[n]);
   f = f < 0.0f ? 0.0f : (f > 1.0f ? 1.0f : f);
+  // Past a few samples the nearer level alone is close enough (and half the work).
+  if (r >= kSingleLevelRadius) f = f < 0.5f ? 0.0f : 1.0f;
+  if (f >= 1.0f) {
+    Sums c;
+    const float k = 1.0f / static_cast<float>(disc_sums(sat, gw, gh, x, y, n + 1, &c));
+    return DiscSums{c.w * k, c.y * k, c.u * k, c.v * k, 1.0f};
+  }
   Sums a, b;
   const int32_t ca = disc_sums(sat, gw, gh, x, y, n, &a);
   if (f <= 0.0f) {
@@ -191,17 +201,17 @@ struct RowInputs {
 // reaches the line, its alpha A and premultiplied colour Fp; samples land at index
 // x * ostride + ooff so that interleaved chroma lines fill one array for both channels.
 template <int32_t F, int32_t ostride, int32_t S>
-void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* tGiven,
-                  const float* guide, const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy,
-                  int32_t ooff, float* T, float* B, float* A, float* Fp) {
+void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow,
+                   const float* tGiven, const float* guide, const float* coc, const float* colour, int32_t gy0,
+                   int32_t gy1, float fy, int32_t ooff, float* T, float* B, float* A, float* Fp) {
   constexpr float kTScale = S / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
   float weights[F];
   for (int32_t k = 0; k < F; ++k) weights[k] = (k + 0.5f) / F;
-  for (int32_t b = -1; b < gw; ++b) {
+  {
     const int32_t x0 = b * F + F / 2;
     const int32_t k0 = x0 < 0 ? -x0 : 0;
     const int32_t k1 = x0 + F <= count ? F : count - x0;
-    if (k1 <= k0) continue;
+    if (k1 <= k0) return;
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float hi = in.cmax[g0] > in.cmax[g1] ? in.cmax[g0] : in.cmax[g1];
     const bool front = in.front && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f);
@@ -222,7 +232,7 @@ void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t*
         }
       }
       for (int32_t k = 0; k < F; ++k) bo[k * ostride] = b0 + weights[k] * db;
-      continue;
+      return;
     }
     float t[F];
     if (tGiven != nullptr) {
@@ -264,6 +274,120 @@ void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t*
         A[o] = a0 + weights[k] * da;
         Fp[o] = f0 + weights[k] * df;
       }
+    }
+  }
+}
+
+template <int32_t F, int32_t ostride, int32_t S>
+void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* tGiven,
+                  const float* guide, const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy,
+                  int32_t ooff, float* T, float* B, float* A, float* Fp) {
+  for (int32_t b = -1; b < gw; ++b)
+    prepare_block<F, ostride, S>(b, count, gw, in, lumaRow, tGiven, guide, coc, colour, gy0, gy1, fy, ooff, T, B, A,
+                                 Fp);
+}
+
+// The interior block of a luma line with plain interpolation (the common case): 4 samples of
+// T and B. Two versions that give identical results: plain scalar code (the reference) and
+// 4-lane vector code through the compiler's generic vector types (SSE2 / NEON).
+inline void luma_block_plain(float c0, float dc, float b0, float db, float* to, float* bo) {
+  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  for (int32_t k = 0; k < 4; ++k) {
+    const float w = (k + 0.5f) / 4;
+    const float v = (c0 + w * dc) * kTScale - kTOffset;
+    to[k] = v > 0.0f ? (v > 1.0f ? 1.0f : v) : 0.0f;
+    bo[k] = b0 + w * db;
+  }
+}
+
+typedef float Vec4 __attribute__((vector_size(16)));
+typedef int32_t Vec4i __attribute__((vector_size(16)));
+
+inline void luma_block_vector(float c0, float dc, float b0, float db, float* to, float* bo) {
+  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  const Vec4 w = {0.125f, 0.375f, 0.625f, 0.875f};
+  const Vec4 zero = {0.0f, 0.0f, 0.0f, 0.0f}, one = {1.0f, 1.0f, 1.0f, 1.0f};
+  Vec4 v = (c0 + w * dc) * kTScale - kTOffset;
+  const Vec4i positive = v > zero;
+  v = reinterpret_cast<Vec4>(reinterpret_cast<Vec4i>(v) & positive);
+  const Vec4i above = v > one;
+  v = reinterpret_cast<Vec4>((reinterpret_cast<Vec4i>(v) & ~above) | (reinterpret_cast<Vec4i>(one) & above));
+  const Vec4 b = b0 + w * db;
+  memcpy(to, &v, sizeof(v));
+  memcpy(bo, &b, sizeof(b));
+}
+
+// A luma line without foreground on a 4 x 4 grid: interior blocks whose four radii agree take
+// the block kernel, the rest (ends, edges of the map) the general per-block code.
+void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* guide,
+                       const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy, float* T, float* B,
+                       bool plain) {
+  const int32_t last = count - 6 < 0 ? -1 : (count - 6) / 4;
+  for (int32_t b = -1; b < gw; ++b) {
+    if (b >= 0 && b <= last) {
+      const float hi = in.cmax[b] > in.cmax[b + 1] ? in.cmax[b] : in.cmax[b + 1];
+      const float lo = in.cmin[b] < in.cmin[b + 1] ? in.cmin[b] : in.cmin[b + 1];
+      if (hi - lo <= kGuideMinStep) {
+        const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
+        const float b0 = in.bv[b], db = in.bv[b + 1] - in.bv[b];
+        if (plain) {
+          luma_block_plain(c0, dc, b0, db, T + b * 4 + 2, B + b * 4 + 2);
+        } else {
+          luma_block_vector(c0, dc, b0, db, T + b * 4 + 2, B + b * 4 + 2);
+        }
+        continue;
+      }
+    }
+    prepare_block<4, 1, 4>(b, count, gw, in, lumaRow, nullptr, guide, coc, colour, gy0, gy1, fy, 0, T, B, nullptr,
+                           nullptr);
+  }
+}
+
+// An interleaved chroma line without foreground: T and B for both channels in one array (byte
+// order of the frame), T from the luma line's even pixels. Interior blocks (two chroma samples)
+// in one 4-lane step, plain or vector (identical results), the two ends plainly.
+inline void chroma_block_plain(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
+                               float* bo) {
+  for (int32_t k = 0; k < 2; ++k) {
+    const float w = (k + 0.5f) / 2;
+    to[2 * k] = to[2 * k + 1] = tLuma[2 * (x0 + k)];
+    bo[2 * k] = f0 + w * df;
+    bo[2 * k + 1] = s0 + w * ds;
+  }
+}
+
+inline void chroma_block_vector(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
+                                float* bo) {
+  const Vec4 w = {0.25f, 0.25f, 0.75f, 0.75f};
+  const Vec4 base = {f0, s0, f0, s0}, step = {df, ds, df, ds};
+  const Vec4 t = {tLuma[2 * x0], tLuma[2 * x0], tLuma[2 * x0 + 2], tLuma[2 * x0 + 2]};
+  const Vec4 b = base + w * step;
+  memcpy(to, &t, sizeof(t));
+  memcpy(bo, &b, sizeof(b));
+}
+
+// first, second: padded interpolated grid rows of the channel stored first and second.
+void prepare_chroma_line(int32_t cw, int32_t gw, const float* first, const float* second, const float* tLuma, float* T,
+                         float* B, bool plain) {
+  const int32_t last = cw - 3 < 0 ? -1 : (cw - 3) / 2;
+  for (int32_t b = -1; b < gw; ++b) {
+    const int32_t x0 = 2 * b + 1;
+    const float f0 = first[b], df = first[b + 1] - first[b], s0 = second[b], ds = second[b + 1] - second[b];
+    if (b >= 0 && b <= last) {
+      if (plain) {
+        chroma_block_plain(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
+      } else {
+        chroma_block_vector(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
+      }
+      continue;
+    }
+    for (int32_t k = 0; k < 2; ++k) {
+      const int32_t x = x0 + k;
+      if (x < 0 || x >= cw) continue;
+      const float w = (k + 0.5f) / 2;
+      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
+      B[2 * x] = f0 + w * df;
+      B[2 * x + 1] = s0 + w * ds;
     }
   }
 }
@@ -334,8 +458,12 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
-    prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
-                          fRow);
+    if (S == 4 && !row.front) {
+      prepare_luma_line(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, work->plainOnly != 0);
+    } else {
+      prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
+                            fRow);
+    }
     blend_run(lumaRow, width, tRow, bRow, row.front ? aRow : nullptr, fRow);
     // Chroma rows follow the even luma rows and take the blend of each block's top-left pixel.
     if ((y & 1) != 0 || y / 2 >= ch) continue;
@@ -346,6 +474,15 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     if (row.front) lerp_rows(work->front + 3, gw, cy0, cy1, cfy, 4, av);
     // Interleaved chroma: both channels into one array, blended as one run of 2 x cw bytes.
     const bool interleaved = ca.step == 2;
+    if (interleaved && !row.front) {
+      const int32_t firstChannel = ca.u < ca.v ? 1 : 2;  // plane index of the channel stored first
+      lerp_rows(work->blurred + firstChannel * plane, gw, cy0, cy1, cfy, 1, bv);
+      lerp_rows(work->blurred + (3 - firstChannel) * plane, gw, cy0, cy1, cfy, 1, fv);
+      prepare_chroma_line(cw, gw, bv, fv, tRow, cRow, bRow, work->plainOnly != 0);
+      blend_run((ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride, 2 * cw, cRow, bRow, nullptr,
+                nullptr);
+      continue;
+    }
     for (int32_t k = 0; k < 2; ++k) {
       uint8_t* line = (k == 0 ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride;
       lerp_rows(work->blurred + (k + 1) * plane, gw, cy0, cy1, cfy, 1, bv);
@@ -548,6 +685,20 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       // the gather supplies the rest (radii add in quadrature). At least radius 1, so that the
       // subject's samples learn the background colour next to them.
       const float c = coc[i];
+      // Only where some grid sample around is blurred does anyone read this one's background.
+      float around = 0.0f;
+      for (int32_t dy = -1; dy <= 1; ++dy) {
+        const int32_t yy = gy + dy < 0 ? 0 : (gy + dy >= gh ? gh - 1 : gy + dy);
+        for (int32_t dx = -1; dx <= 1; ++dx) {
+          const int32_t xx = gx + dx < 0 ? 0 : (gx + dx >= gw ? gw - 1 : gx + dx);
+          const float v = coc[static_cast<size_t>(yy) * gw + xx];
+          around = v > around ? v : around;
+        }
+      }
+      if (around * S <= kBlendStart) {
+        blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
+        continue;
+      }
       const float r = c > 1.4142f ? sqrtf(c * c - 1.0f) : 1.0f;
       const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, r, levels);
       if (d.w <= 0.0f) {

@@ -59,6 +59,7 @@ enum ChromaLayout : int32_t {
 // Working storage of the CPU renderer, allocated at initialisation.
 struct RenderWork {
   int32_t scale;      // frame pixels per grid sample along each axis: 4 or 2
+  int32_t plainOnly;  // 1: the plain scalar code instead of the vector kernels (tests compare both)
   int32_t gridWidth;  // frame / scale, rounded up
   int32_t gridHeight;
   float* coc;          // blur radius per grid sample, in grid pixels

@@ -76,8 +76,8 @@ TEST(RendererQuality, CloserToTheLensOracleThanTheSharpFrameAndAPlainBlur) {
 
   std::vector<uint8_t> rendered = input;
   ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, kW, kH, kMw, kMh, kMw, kMh, kW, kH, 0, 0, 0, 0));
-  ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(rendered.data(), rendered.data() + kW * kH, map.data(), kW / 2, kH / 2,
-                                      kFNumber, 0, 0, 0, kW, kH));
+  ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(rendered.data(), rendered.data() + kW * kH, map.data(), kW / 2, kH / 2, kFNumber,
+                                      0, 0, 0, kW, kH));
   vmKtrRT_GLClose();
   std::vector<uint8_t> plain(kW * kH);
   plain_variable_blur(input.data(), plain.data(), radius);
