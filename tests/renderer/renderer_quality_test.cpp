@@ -122,6 +122,9 @@ TEST(RendererQuality, CloserToTheLensOracleThanTheSharpFrameAndAPlainBlur) {
   }
   RecordProperty("psnr_renderer", std::to_string(pRender));
   RecordProperty("psnr_edges_renderer", std::to_string(eRender));
+  // Floors about 1 dB under what this scene measured when the test was written (39.9 / 34.6 dB).
+  EXPECT_GT(pRender, 38.5);
+  EXPECT_GT(eRender, 33.5);
   EXPECT_GT(pRender, pSharp + 1.0);
   EXPECT_GT(pRender, pPlain);
   EXPECT_GT(eRender, ePlain);
