@@ -181,3 +181,36 @@ TEST(RenderVectorKernels, EqualToThePlainPath) {
 }
 
 }  // namespace
+
+namespace {
+
+// Odd sizes, both grid scales, every chroma layout and the f-number limits, with random maps:
+// each frame is written only inside its buffer (checked under AddressSanitizer) and a flat frame
+// stays flat.
+TEST(RenderSizes, SmallAndUnevenFramesStayInsideTheirBuffers) {
+  const int32_t sizes[][4] = {{16, 16, 4, 4}, {18, 20, 5, 7}, {34, 22, 40, 30}, {1282, 20, 9, 4}, {1290, 42, 33, 5}};
+  uint32_t seed = 7;
+  for (const auto& sz : sizes) {
+    for (int32_t format : {0, 2, 3}) {
+      for (float f : {0.5f, 1.4f, 64.0f}) {
+        const int32_t w = sz[0], h = sz[1], mw = sz[2], mh = sz[3];
+        ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, format, 0));
+        std::vector<uint8_t> map(static_cast<size_t>(mw) * mh);
+        for (auto& m : map) {
+          seed = seed * 1664525u + 1013904223u;
+          m = static_cast<uint8_t>(seed >> 24);
+        }
+        Frame flat = make_frame(w, h, 90, 140);
+        const std::vector<uint8_t> before = flat.data;
+        ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(flat.luma(), flat.chroma(), map.data(), 0, 0, f, 0, 0, 0, w, h));
+        for (size_t i = 0; i < before.size(); ++i)
+          ASSERT_LE(std::abs(before[i] - flat.data[i]), 1) << w << "x" << h << " format " << format << " at " << i;
+        Frame textured = make_textured(w, h, seed);
+        ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(textured.luma(), textured.chroma(), map.data(), 0, 0, f, 0, 0, 0, w, h));
+        vmKtrRT_GLClose();
+      }
+    }
+  }
+}
+
+}  // namespace
