@@ -55,8 +55,8 @@ Gegl gegl_setup(const uint8_t* rgb, const uint8_t* mask, int32_t w, int32_t h, d
   g.graph = gegl_node_new();
   GeglNode* src = gegl_node_new_child(g.graph, "operation", "gegl:buffer-source", "buffer", g.in, nullptr);
   GeglNode* aux = gegl_node_new_child(g.graph, "operation", "gegl:buffer-source", "buffer", g.mask, nullptr);
-  g.blur = gegl_node_new_child(g.graph, "operation", "gegl:variable-blur", "radius", radius, "linear-mask", TRUE,
-                               nullptr);
+  g.blur =
+      gegl_node_new_child(g.graph, "operation", "gegl:variable-blur", "radius", radius, "linear-mask", TRUE, nullptr);
   gegl_node_connect_to(src, "output", g.blur, "input");
   gegl_node_connect_to(aux, "output", g.blur, "aux");
   return g;
@@ -172,8 +172,8 @@ void quality(int32_t w, int32_t h, uint32_t seed) {
         for (int32_t dx = -reach; dx <= reach; ++dx)
           if (x + dx >= 0 && x + dx < w && y + dy >= 0 && y + dy < h) band[(y + dy) * w + x + dx] = 1;
     }
-  printf("quality, scene %u at %dx%d, f/%.1f, map %dx%d, luma PSNR against the oracle (all / %d-px edge band):\n",
-         seed, w, h, fNumber, mw, mh, reach);
+  printf("quality, scene %u at %dx%d, f/%.1f, map %dx%d, luma PSNR against the oracle (all / %d-px edge band):\n", seed,
+         w, h, fNumber, mw, mh, reach);
   printf("  sharp input                %6.2f / %6.2f dB\n", psnr(nv21.data(), oracle.data(), all),
          psnr(nv21.data(), oracle.data(), band));
   printf("  vmKtrRT_GLStartV1          %6.2f / %6.2f dB\n", psnr(ours.data(), oracle.data(), all),
