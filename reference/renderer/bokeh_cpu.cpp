@@ -535,12 +535,14 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   work->rowA = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowB = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowC = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
+  work->lineSum = static_cast<uint16_t*>(malloc(static_cast<size_t>(width) * sizeof(uint16_t)));
+  work->linePeak = static_cast<uint8_t*>(malloc(static_cast<size_t>(width)));
   work->rowF = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->gridRows = static_cast<float*>(malloc(static_cast<size_t>(6 * (gw + 2) + 2) * sizeof(float)));
   work->weight = static_cast<uint32_t*>(malloc(plane * sizeof(uint32_t)));
   if (!work->coc || !work->colour || !work->blurred || !work->front || !work->sat || !work->nearDilated ||
-      !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB || !work->rowC || !work->rowF ||
-      !work->gridRows) {
+      !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB || !work->rowC || !work->lineSum ||
+      !work->linePeak || !work->rowF || !work->gridRows) {
     render_work_free(work);
     return RGL_ERR_MEMORY;
   }
@@ -559,6 +561,8 @@ void render_work_free(RenderWork* work) {
   free(work->rowA);
   free(work->rowB);
   free(work->rowC);
+  free(work->lineSum);
+  free(work->linePeak);
   free(work->rowF);
   free(work->gridRows);
   free(work->weight);
@@ -599,6 +603,19 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
     const int32_t my0 = static_cast<int32_t>(my), my1 = my0 + 1 < mapHeight ? my0 + 1 : my0;
     const float fmy = my - my0;
     const uint8_t* mapRow0 = map + static_cast<size_t>(my0) * mapWidth;
+    // Column sums and peaks of this grid row's luma rows, a whole line at a time (vectorises).
+    const int32_t rows = height - y0 < S ? height - y0 : S;
+    uint16_t* lineSum = work->lineSum;
+    uint8_t* linePeak = work->linePeak;
+    const uint8_t* first = luma + static_cast<size_t>(y0) * width;
+    for (int32_t x = 0; x < width; ++x) lineSum[x] = first[x], linePeak[x] = first[x];
+    for (int32_t dy = 1; dy < rows; ++dy) {
+      const uint8_t* row = first + static_cast<size_t>(dy) * width;
+      for (int32_t x = 0; x < width; ++x) {
+        lineSum[x] = static_cast<uint16_t>(lineSum[x] + row[x]);
+        linePeak[x] = row[x] > linePeak[x] ? row[x] : linePeak[x];
+      }
+    }
     const uint8_t* mapRow1 = map + static_cast<size_t>(my1) * mapWidth;
     for (int32_t gx = 0; gx < gw; ++gx) {
       const int32_t x0 = gx * S;
@@ -618,26 +635,13 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
       work->front[i] = lowest * radiusPerLevel;  // until step 3
       anyBlur = anyBlur || c > 0.0f;
+      const int32_t cols = width - x0 < S ? width - x0 : S;
       uint32_t sum = 0, peak = 0;
-      int32_t n = 0;
-      if (x0 + S <= width && y0 + S <= height) {
-        for (int32_t dy = 0; dy < S; ++dy) {
-          const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width + x0;
-          for (int32_t dx = 0; dx < S; ++dx) {
-            sum += row[dx];
-            peak = row[dx] > peak ? row[dx] : peak;
-          }
-        }
-        n = S * S;
+      for (int32_t dx = 0; dx < cols; ++dx) {
+        sum += lineSum[x0 + dx];
+        peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
       }
-      const bool partial = n == 0;
-      for (int32_t dy = 0; partial && dy < S && y0 + dy < height; ++dy) {
-        const uint8_t* row = luma + static_cast<size_t>(y0 + dy) * width;
-        for (int32_t dx = 0; dx < S && x0 + dx < width; ++dx, ++n) {
-          sum += row[x0 + dx];
-          peak = row[x0 + dx] > peak ? row[x0 + dx] : peak;
-        }
-      }
+      const int32_t n = cols * rows;
       colour[i] = static_cast<float>(sum) / static_cast<float>(n);
       work->blurred[i] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
       uint32_t su = 0, sv = 0;
@@ -678,6 +682,17 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   }
   build_sat(work->sat, weight, colour, gw, gh);
   float* blurred = work->blurred;
+  // Largest radius of each sample and its two row neighbours (scratch until step 3).
+  float* rowMax3 = work->nearDilated;
+  for (int32_t gy = 0; gy < gh; ++gy) {
+    const float* c = coc + static_cast<size_t>(gy) * gw;
+    float* o = rowMax3 + static_cast<size_t>(gy) * gw;
+    for (int32_t gx = 0; gx < gw; ++gx) {
+      const float l = c[gx > 0 ? gx - 1 : 0], r = c[gx + 1 < gw ? gx + 1 : gx];
+      const float m = l > r ? l : r;
+      o[gx] = c[gx] > m ? c[gx] : m;
+    }
+  }
   for (int32_t gy = 0; gy < gh; ++gy) {
     for (int32_t gx = 0; gx < gw; ++gx) {
       const size_t i = static_cast<size_t>(gy) * gw + gx;
@@ -686,15 +701,10 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       // subject's samples learn the background colour next to them.
       const float c = coc[i];
       // Only where some grid sample around is blurred does anyone read this one's background.
-      float around = 0.0f;
-      for (int32_t dy = -1; dy <= 1; ++dy) {
-        const int32_t yy = gy + dy < 0 ? 0 : (gy + dy >= gh ? gh - 1 : gy + dy);
-        for (int32_t dx = -1; dx <= 1; ++dx) {
-          const int32_t xx = gx + dx < 0 ? 0 : (gx + dx >= gw ? gw - 1 : gx + dx);
-          const float v = coc[static_cast<size_t>(yy) * gw + xx];
-          around = v > around ? v : around;
-        }
-      }
+      const float* up = rowMax3 + static_cast<size_t>(gy > 0 ? gy - 1 : 0) * gw;
+      const float* down = rowMax3 + static_cast<size_t>(gy + 1 < gh ? gy + 1 : gy) * gw;
+      float around = rowMax3[i] > up[gx] ? rowMax3[i] : up[gx];
+      around = down[gx] > around ? down[gx] : around;
       if (around * S <= kBlendStart) {
         blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
         continue;

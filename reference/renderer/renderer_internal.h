@@ -75,6 +75,8 @@ struct RenderWork {
   float* rowC;         // blend weight of one chroma row (both channels when interleaved)
   float* rowF;         // premultiplied foreground of one full-resolution row
   float* gridRows;     // six padded grid rows for the row being composited
+  uint16_t* lineSum;   // luma column sums over one grid row's frame rows
+  uint8_t* linePeak;   // luma column maxima over the same rows
   uint32_t* weight;    // per grid sample weight of the layer being gathered
 };
 
