@@ -171,7 +171,7 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
   const size_t mapSize = static_cast<size_t>(mw) * mh;
 
   // The record for this buffer: the same address again, else the least recently written.
-  pthread_mutex_lock(&s.nearLock);
+  pthread_mutex_lock(&g_nearLock);
   NearRecord* rec = &s.nearRecords[0];
   for (int32_t i = 0; i < kNearRecords; ++i) {
     if (s.nearRecords[i].map == mapOut) {
@@ -181,7 +181,7 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
     if (s.nearRecords[i].used < rec->used) rec = &s.nearRecords[i];
   }
   rec->map = nullptr;  // invalid while being rewritten
-  pthread_mutex_unlock(&s.nearLock);
+  pthread_mutex_unlock(&g_nearLock);
 
   uint8_t* nearMask = rec->nearMask;
   for (size_t i = 0; i < mapSize; ++i) {
@@ -192,10 +192,10 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
   }
   const uint32_t hash = refocus_map_hash(mapOut, mapSize);
 
-  pthread_mutex_lock(&s.nearLock);
+  pthread_mutex_lock(&g_nearLock);
   rec->map = mapOut;
   rec->hash = hash;
   rec->used = ++s.nearClock;
-  pthread_mutex_unlock(&s.nearLock);
+  pthread_mutex_unlock(&g_nearLock);
   return RGL_OK;
 }

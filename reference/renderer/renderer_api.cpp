@@ -9,13 +9,11 @@
 #define RGL_EXPORT extern "C" __attribute__((visibility("default")))
 
 RendererState g_renderer;
+pthread_mutex_t g_nearLock = PTHREAD_MUTEX_INITIALIZER;
 
 namespace {
 
 const char kVersionText[] = "KtrRT_GL-ref 1.0 cpu";
-
-// Guards the foreground records shared by the generator (worker thread) and the frame call.
-pthread_mutex_t g_nearLock = PTHREAD_MUTEX_INITIALIZER;
 
 bool in_range(int32_t v, int32_t lo, int32_t hi) {
   return v >= lo && v <= hi;

@@ -113,13 +113,14 @@ struct RendererState {
   // Generator (worker thread) storage.
   int32_t generatorReady;
   uint16_t* fillScratch;  // depth resampled to the map size, holes filled
-  pthread_mutex_t nearLock;
   NearRecord nearRecords[kNearRecords];
   uint32_t nearClock;
   RenderWork work;
 };
 
 extern RendererState g_renderer;
+// Guards nearRecords: written by the generator (worker thread), read by the frame call.
+extern pthread_mutex_t g_nearLock;
 
 // ---- set-up helpers ----
 int32_t renderer_chroma_layout(int32_t imageFormat);

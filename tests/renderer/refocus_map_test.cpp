@@ -1,4 +1,6 @@
 // The refocus-map generator: focus target, hole filling, map shape, portrait focus, chip depth.
+#include <pthread.h>
+
 #include "renderer_test_util.h"
 
 namespace {
@@ -136,6 +138,44 @@ TEST_F(Generator, ResamplesDepthToTheMapSize) {
   ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), 20, 60, &lo, &hi, &target));
   EXPECT_EQ(0, map[100 * 320 + 159]);
   EXPECT_EQ(255, map[100 * 320 + 160]);
+}
+
+}  // namespace
+
+namespace {
+
+// The generator runs on the refocus worker while frames render on the caller's thread; they
+// share only the foreground records (under their lock). Run under ThreadSanitizer.
+struct WorkerArgs {
+  std::vector<uint16_t>* depth;
+  uint8_t* maps[2];
+};
+
+void* generate_maps(void* p) {
+  auto* a = static_cast<WorkerArgs*>(p);
+  vmKtrRT_GenRefocusMap_init();
+  uint16_t lo, hi, target;
+  for (int32_t i = 0; i < 40; ++i) vmKtrRT_GenRefocusMap(a->maps[i & 1], a->depth->data(), 20, 15, &lo, &hi, &target);
+  vmKtrRT_GenRefocusMap_Deinit();
+  return nullptr;
+}
+
+TEST_F(Generator, MapsMadeOnAWorkerWhileFramesRender) {
+  ASSERT_EQ(RGL_OK, init(160, 120, 40, 30, 40, 30));
+  std::vector<uint16_t> depth(40 * 30);
+  for (int32_t i = 0; i < 40 * 30; ++i) depth[i] = static_cast<uint16_t>(i % 40 < 10 ? 900 : (i % 40 < 25 ? 500 : 100));
+  std::vector<uint8_t> a(40 * 30), b(40 * 30);
+  WorkerArgs args{&depth, {a.data(), b.data()}};
+  pthread_t worker;
+  ASSERT_EQ(0, pthread_create(&worker, nullptr, generate_maps, &args));
+  Frame f = make_textured(160, 120, 5);
+  for (int32_t i = 0; i < 40; ++i) {
+    // Frames render from the map the worker is not writing in the real system; here the
+    // renderer only reads the records and a stable copy of a map.
+    std::vector<uint8_t> copy(40 * 30, static_cast<uint8_t>(i * 6));
+    EXPECT_EQ(RGL_OK, vmKtrRT_GLStartV1(f.luma(), f.chroma(), copy.data(), 0, 0, 2.0f, 0, 0, 0, 160, 120));
+  }
+  pthread_join(worker, nullptr);
 }
 
 }  // namespace
