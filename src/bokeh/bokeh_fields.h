@@ -2,11 +2,70 @@
 #ifndef VMKTRRT_BOKEH_FIELDS_H
 #define VMKTRRT_BOKEH_FIELDS_H
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
 
+#include "engines/engines.h"
+
+struct SessionContext;
+
+// Worker status words.
+constexpr int32_t kBmdStatusReady = 1;
+constexpr int32_t kBmdStatusWaiting = 2;
+constexpr int32_t kBmdStatusRunning = 4;
+
+// Request reasons raised by the per-frame step.
+constexpr uint32_t kReasonNewDepth = 0x1;
+constexpr uint32_t kReasonFocusMoved = 0x2;
+
+constexpr int32_t kHistogramSide = 260;
+constexpr int32_t kHistogramBins = 256;
+constexpr int32_t kDebugTextCapacity = 1024;
+constexpr int32_t kDebugTextPictureBytes = 393216;  // 1024 glyphs
+constexpr int32_t kDebugLabelCount = 5;
+constexpr int32_t kDebugLabelBytes = 7680;  // 20 glyphs
+
+// The refocus-map worker: its mutex and condition variable guard status and the wait only; the
+// request words are shared without the lock and are atomics.
+struct RefocusWorker {
+  pthread_mutex_t mutex;
+  pthread_cond_t cond;
+  std::atomic<int32_t> status;
+  std::atomic<int32_t> exitRequest;
+  SessionContext* context;
+  uint8_t* scratch;  // refocusMapWidth x refocusMapHeight bytes; its contents are never used
+  int32_t scratchOwned;
+  int32_t scratchSize;
+  std::atomic<uint32_t> pendingReasons;
+  std::atomic<int32_t> lastFocusX;
+  std::atomic<int32_t> lastFocusY;
+  std::atomic<int32_t> forcePublish;
+  pthread_t thread;
+  int32_t threadStarted;  // shut-down joins only a thread that was started
+  int32_t syncReady;
+};
+
 struct BokehFields {
-  int32_t unused;  // filled in as the subsystem lands
+  RefocusWorker worker;
+  int32_t refocusCount;  // the worker's count of differing maps held back in a row
+  std::atomic<int32_t> refocusUsingCounter;
+  int32_t debugPictureShown;  // frame thread only
+
+  // Debug statistics: made by the worker after each map, shown by the frame thread. The lock
+  // guards them; the frame thread copies the picture out under it.
+  pthread_mutex_t statsMutex;
+  int32_t depthMin, depthMax, depthTarget;
+  uint32_t depthHistogram[kHistogramBins];
+  uint8_t histogramPicture[kHistogramSide * kHistogramSide * 4];
+
+  // Per-frame storage of the debug display (frame thread only), valid through the render call.
+  DebugPictureEntry table[DEBUG_PICTURE_TABLE_SIZE];
+  char textBlock[kDebugTextCapacity];
+  uint8_t textPicture[kDebugTextPictureBytes];
+  uint8_t labelPictures[kDebugLabelCount][kDebugLabelBytes];
+  uint8_t histogramShown[kHistogramSide * kHistogramSide * 4];
 };
 
 #endif  // VMKTRRT_BOKEH_FIELDS_H

@@ -2,11 +2,44 @@
 #ifndef VMKTRRT_DEPTH_FIELDS_H
 #define VMKTRRT_DEPTH_FIELDS_H
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdint>
 
+struct SessionContext;
+
+// Worker status words.
+constexpr int32_t kDmdStatusReady = 1;
+constexpr int32_t kDmdStatusWaiting = 2;
+constexpr int32_t kDmdStatusRunning = 4;
+
+// Ownership of a worker plane block.
+constexpr int32_t kPlaneBorrowed = 1;
+constexpr int32_t kPlaneOwned = 2;
+
+struct DepthPlaneBlock {
+  uint8_t* data;  // three planes of depthWidth x depthHeight bytes: Y, U, V
+  int32_t kind;   // kPlaneOwned or kPlaneBorrowed
+  int32_t size;   // bytes
+};
+
+// The depth worker: its mutex and condition variable guard status and the wait only.
+struct DepthWorker {
+  pthread_mutex_t mutex;
+  pthread_cond_t cond;
+  std::atomic<int32_t> status;
+  std::atomic<int32_t> exitRequest;
+  SessionContext* context;
+  DepthPlaneBlock planes[2];  // main camera, sub camera (block A, block B of the filter)
+  pthread_t thread;
+  int32_t threadStarted;  // a join only follows a start that succeeded
+  int32_t syncReady;      // mutex and condition variable initialised
+  int32_t scratchReserved;
+};
+
 struct DepthFields {
-  int32_t unused;  // filled in as the subsystem lands
+  DepthWorker worker;
 };
 
 #endif  // VMKTRRT_DEPTH_FIELDS_H

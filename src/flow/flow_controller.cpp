@@ -1,15 +1,18 @@
-// flow_controller.cpp - session start-up, tear-down and feature switches.
+// flow_controller.cpp - session start-up, tear-down, feature switches and the per-frame flow.
 #include "flow/flow_controller.h"
 
 #include <cstring>
 
+#include "bokeh/bokeh_manager.h"
 #include "debug/debug_log.h"
 #include "debug/dump.h"
+#include "depth/depth_manager.h"
 #include "engines/engines.h"
 #include "flow/session_context.h"
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
 #include "memory/memory_manager.h"
+#include "policy/policy_manager.h"
 
 SessionContext g_session;
 
@@ -22,6 +25,67 @@ int32_t onlyOne(int32_t v) {
 void releaseOtp(SessionContext* ctx) {
   heap_free(ctx->otpCopy);
   ctx->otpCopy = nullptr;
+}
+
+constexpr int32_t kMaxDepthSide = 4096;
+constexpr int32_t kInitRefused = 1;
+
+// Bytes of a w x h slot of bpp bytes a pixel, both buffers, fit 32 bits.
+bool slotFits(int32_t w, int32_t h, int32_t bpp) {
+  return static_cast<int64_t>(w) * h * bpp * 2 + 64 <= INT32_MAX;
+}
+
+// What the session cannot work with is refused before anything is taken; the field that is
+// refused and its value are written to field and value.
+bool initDataUsable(const InitData* d, const char** field, int32_t* value) {
+  auto refuse = [&](const char* name, int32_t v) {
+    *field = name;
+    *value = v;
+    return false;
+  };
+  const struct {
+    const char* name;
+    int32_t value;
+  } positive[] = {{"screenWidth", d->screenWidth},
+                  {"screenHeight", d->screenHeight},
+                  {"previewMainWidth", d->previewMainWidth},
+                  {"previewMainHeight", d->previewMainHeight},
+                  {"previewSubWidth", d->previewSubWidth},
+                  {"previewSubHeight", d->previewSubHeight},
+                  {"depthWidth", d->depthWidth},
+                  {"depthHeight", d->depthHeight}};
+  for (const auto& f : positive)
+    if (f.value <= 0) return refuse(f.name, f.value);
+  const struct {
+    const char* name;
+    int32_t value;
+  } even[] = {{"previewMainWidth", d->previewMainWidth},
+              {"previewMainHeight", d->previewMainHeight},
+              {"previewSubWidth", d->previewSubWidth},
+              {"previewSubHeight", d->previewSubHeight}};
+  for (const auto& f : even)
+    if ((f.value & 1) != 0) return refuse(f.name, f.value);
+  if (d->depthWidth > kMaxDepthSide) return refuse("depthWidth", d->depthWidth);
+  if (d->depthHeight > kMaxDepthSide) return refuse("depthHeight", d->depthHeight);
+  if (!slotFits(d->previewMainWidth, d->previewMainHeight, 2)) return refuse("previewMainWidth", d->previewMainWidth);
+  if (!slotFits(d->previewSubWidth, d->previewSubHeight, 2)) return refuse("previewSubWidth", d->previewSubWidth);
+  if (d->ImageFormat < 0 || d->ImageFormat > 6) return refuse("ImageFormat", d->ImageFormat);
+  if ((d->otpData != nullptr || d->otpDataAlt != nullptr) && d->otpSize <= 0) return refuse("otpSize", d->otpSize);
+  return true;
+}
+
+bool depthWorkerWanted(const SessionContext* ctx) {
+  return ctx->depthFromChip == 0 || ctx->isUsingTemporalFilter == 1;
+}
+
+// Region rules, tested in this order; a region touching the right or bottom edge is accepted.
+bool regionAccepted(const SessionContext* ctx, int32_t left, int32_t right, int32_t top, int32_t bottom) {
+  if (top < 0 || left < 0) return false;
+  if (bottom > session_preview_main_height(ctx) || top > bottom) return false;
+  if (right > session_preview_main_width(ctx) || left > right) return false;
+  if (top == 0 && bottom == 0) return false;
+  if (left == 0 && right == 0) return false;
+  return true;
 }
 
 }  // namespace
@@ -92,23 +156,58 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
   return 0;
 }
 
+bool flow_controller_is_running(void) {
+  return g_session.state.load() == kStateRunning;
+}
+
 int32_t flow_controller_init(InitData data) {
   SessionContext* ctx = &g_session;
+  // A second Init would re-initialise under the running workers: refused, session untouched.
+  if (ctx->state.load() == kStateRunning) {
+    VM_LOG("ERROR: session running, Init refused [%d]\n", ctx->state.load());
+    return kInitRefused;
+  }
   ctx->state.store(kStateInitialising);
   vemta_memory_manager_init();
   dump_thread_info();
+  const char* field = "";
+  int32_t value = 0;
+  if (!initDataUsable(&data, &field, &value)) {
+    VM_LOG("ERROR: InitData %s [%d] refused\n", field, value);
+    ctx->state.store(kStateRejected);
+    return kInitRefused;
+  }
   int32_t r = flow_controller_fill_initial_data(ctx, &data);
   if (r != 0) {
     ctx->state.store(kStateRejected);
     return r;
   }
   r = buffer_manager_allocate(ctx);
+  if (r == 0 && !buffer_manager_all_allocated(ctx)) r = 2;
   if (r != 0) {
+    buffer_manager_free(ctx);
     releaseOtp(ctx);
     ctx->state.store(kStateBufferFailed);
     return r;
   }
-  // The depth worker and the bokeh manager start here once they exist.
+  const bool worker = depthWorkerWanted(ctx);
+  if (worker) {
+    r = depth_manager_create_thread(ctx);
+    if (r != 0) {
+      buffer_manager_free(ctx);
+      releaseOtp(ctx);
+      ctx->state.store(kStateDepthWorkerFailed);
+      return r;
+    }
+  }
+  r = bokeh_manager_init(ctx);
+  if (r != 0) {
+    if (worker) depth_manager_deinit(ctx);
+    buffer_manager_free(ctx);
+    releaseOtp(ctx);
+    ctx->state.store(kStateBokehFailed);
+    return r;
+  }
   ctx->state.store(kStateRunning);
   return 0;
 }
@@ -121,6 +220,8 @@ int32_t flow_controller_deinit(void) {
     return 0;
   }
   ctx->state.store(kStateClosed);
+  if (depthWorkerWanted(ctx)) depth_manager_deinit(ctx);
+  bokeh_manager_deinit(ctx);
   buffer_manager_free(ctx);
   releaseOtp(ctx);
   vemta_memory_manager_deinit();
@@ -154,14 +255,69 @@ void flow_controller_apply_debug_flag(void) {
                                         std::memory_order_relaxed);
 }
 
+void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d) {
+  // The free buffer nobody reads: the depth worker may still be reading the other one.
+  BufferHalf* target = buffer_manager_get_writable(ctx, kSlotMain);
+  BufferHalf* filled = buffer_manager_get_buffer(ctx, kSlotMain, kSlotFilled);
+  VM_LOG_IF(kLogInfo, "vcmMain[%d] vcmSub[%d] fnumber[%f] Region left[%d] right[%d] top[%d] bottom[%d]\n\n", d->vcmMain,
+            d->vcmSub, static_cast<double>(d->fnumber), d->regionLeft, d->regionRight, d->regionTop, d->regionBottom);
+  ctx->vcmMain.store(d->vcmMain, std::memory_order_relaxed);
+  ctx->vcmSub.store(d->vcmSub, std::memory_order_relaxed);
+  ctx->fNumber.store(d->fnumber, std::memory_order_relaxed);
+  if (regionAccepted(ctx, d->regionLeft, d->regionRight, d->regionTop, d->regionBottom)) {
+    ctx->regionLeft = d->regionLeft;
+    ctx->regionRight = d->regionRight;
+    ctx->regionTop = d->regionTop;
+    ctx->regionBottom = d->regionBottom;
+  } else {
+    VM_LOG("ERROR!!! Region left[%d] right[%d] top[%d] bottom[%d] SKIP...\n", d->regionLeft, d->regionRight,
+           d->regionTop, d->regionBottom);
+  }
+  ctx->focusX.store(ctx->regionLeft + ((ctx->regionRight - ctx->regionLeft) >> 1), std::memory_order_relaxed);
+  ctx->focusY.store(ctx->regionTop + ((ctx->regionBottom - ctx->regionTop) >> 1), std::memory_order_relaxed);
+  if (target != nullptr)
+    buffer_manager_copy_buffer_from_trigger(target, &d->mainImage, ctx->imageFormat, session_preview_main_width(ctx),
+                                            session_preview_main_height(ctx), ctx->previewMainStride,
+                                            ctx->previewMainScanline);
+  else
+    VM_LOG_IF(kLogTrace, "main preview kept: both buffers in use\n");
+  ctx->mainImageData = d->mainImage.data;
+  ctx->mainImagePlane2 = d->mainImage.plane2;
+  ctx->mainImageSize = static_cast<uint32_t>(d->mainImage.size);
+  ctx->mainImageExtra3 = d->mainImage.extra3;
+  ctx->mainImageExtra4 = d->mainImage.extra4;
+  if (debugEnable.load(std::memory_order_relaxed) != 0) {
+    ctx->previewFrameCounter.fetch_add(1, std::memory_order_relaxed);
+    if (target != nullptr) dump_if_enabled(kDumpPreviewMain, ctx, target->data, target->size);
+  }
+  // Published even when the copy was refused: the frame goes on with the buffer's old content.
+  if (target != nullptr) buffer_manager_publish(target, filled == target ? nullptr : filled);
+}
+
+void flow_controller_fill_trigger_data_depth_requirement(SessionContext* ctx, const TriggerData* d) {
+  BufferHalf* target = buffer_manager_get_writable(ctx, kSlotSub);
+  BufferHalf* filled = buffer_manager_get_buffer(ctx, kSlotSub, kSlotFilled);
+  VM_LOG_IF(kLogInfo, "Get Sub Prreview\n");
+  if (target == nullptr) {
+    VM_LOG_IF(kLogTrace, "sub preview kept: both buffers in use\n");
+    return;
+  }
+  buffer_manager_copy_buffer_from_trigger(target, &d->subImage, ctx->imageFormat, session_preview_sub_width(ctx),
+                                          session_preview_sub_height(ctx), ctx->previewSubStride,
+                                          ctx->previewSubScanline);
+  if (debugEnable.load(std::memory_order_relaxed) != 0)
+    dump_if_enabled(kDumpPreviewSub, ctx, target->data, target->size);
+  buffer_manager_publish(target, filled == target ? nullptr : filled);
+}
+
 int32_t flow_controller_trigger(TriggerData data) {
-  (void)data;
   SessionContext* ctx = &g_session;
   const int32_t state = ctx->state.load();
   if (state != kStateRunning) {
     VM_LOG("ERROR...[%d]\n", state);
     return 0;
   }
+  // Re-read every frame so that dumps can be switched on while the camera runs.
   if (debugEnable.load(std::memory_order_relaxed) != 0) {
     dumpFlags.store(debug_read_property_int("persist.vm.ktrrt.sc.dump"), std::memory_order_relaxed);
     __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DUMP> %s:%d: %x \n", __func__,
@@ -170,6 +326,32 @@ int32_t flow_controller_trigger(TriggerData data) {
   debugFlag.store(debug_read_property_int("persist.vm.ktrrt.sc.dflag"), std::memory_order_relaxed);
   __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG FLAG> %s:%d: %x \n", __func__,
                       __LINE__, static_cast<unsigned>(debugFlag.load(std::memory_order_relaxed)));
-  // Frame intake, depth feeding and the bokeh step follow here as they land.
-  return 0;
+
+  flow_controller_fill_trigger_data(ctx, &data);
+  const int32_t decision = policy_manager_update(ctx);
+  // Unsigned on purpose: decisions 1 and 2 ask for depth, every other value skips it.
+  const bool wantDepth = static_cast<uint32_t>(decision) - 1u <= 1u;
+  if (ctx->depthFromChip == 1) {
+    if (wantDepth) {
+      depth_manager_get_depth_from_chip(ctx, data.subImage.data, data.subImage.size);
+      if (ctx->isUsingTemporalFilter == 1) depth_manager_trigger(ctx);
+    }
+  } else if (wantDepth) {
+    // A busy worker drops the request, and the sub frame would go unused: it is copied only
+    // for a worker that waits. (One that starts waiting just now finds the frames used and
+    // waits for the next trigger.)
+    if (depth_manager_worker_waiting(ctx)) flow_controller_fill_trigger_data_depth_requirement(ctx, &data);
+    depth_manager_trigger(ctx);
+  }
+  const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
+  // The scene came loose: the maps in the making are stale.
+  if (policyState == 2 && ctx->prevPolicyState.load(std::memory_order_relaxed) != 2 && ctx->depthFromChip == 0)
+    ctx->depthDiscardRequest.fetch_or(3, std::memory_order_acq_rel);
+  ctx->prevPolicyState.store(policyState, std::memory_order_relaxed);
+
+  const int32_t r = bokeh_manager_trigger(ctx);
+  VM_LOG_IF(kLogTrace, "Bokeh RET[%d]\n", r);
+  if (debugEnable.load(std::memory_order_relaxed) != 0)
+    dump_if_enabled(kDumpPreviewOut, ctx, data.mainImage.data, data.mainImage.size);
+  return r;
 }

@@ -14,6 +14,11 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
 int32_t flow_controller_deinit(void);
 int32_t flow_controller_set_function(uint32_t flag, int32_t enable);
 int32_t flow_controller_trigger(TriggerData data);
+// Per-frame intake: focus settings and the main image copy; the sub image copy on depth frames.
+void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* data);
+void flow_controller_fill_trigger_data_depth_requirement(SessionContext* ctx, const TriggerData* data);
+// True while the session runs (state 7).
+bool flow_controller_is_running(void);
 // Applies debugFlag bit 0 (temporal filter off) to the session's run-time filter switch.
 void flow_controller_apply_debug_flag(void);
 

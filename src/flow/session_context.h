@@ -19,6 +19,10 @@ constexpr uint32_t kSlotFree = 0x1;
 constexpr uint32_t kSlotFilled = 0x2;
 constexpr uint32_t kSlotUsedByEngine = 0x10;  // given to the depth engine
 constexpr uint32_t kSlotSeenByBokeh = 0x20;   // a depth map noticed by the bokeh step
+// Readers on another thread than the producer hold a filled buffer while they read it: the
+// count of such readers sits above the state bits, and producers never write a held buffer.
+constexpr uint32_t kSlotReaderUnit = 0x100;
+constexpr uint32_t kSlotStateBits = 0xFF;
 
 // Session states.
 constexpr int32_t kStateInitialising = 0;

@@ -84,17 +84,77 @@ BufferHalf* buffer_manager_get_buffer(SessionContext* ctx, int32_t slot, uint32_
   return nullptr;
 }
 
+namespace {
+
+// Makes a buffer free whatever marks it carried, keeping the readers' holds.
+void makeFree(BufferHalf* h) {
+  uint32_t s = h->state.load(std::memory_order_relaxed);
+  while (!h->state.compare_exchange_weak(s, (s & ~kSlotStateBits) | kSlotFree, std::memory_order_acq_rel,
+                                         std::memory_order_relaxed)) {
+  }
+}
+
+bool held(const BufferHalf* h) {
+  return (h->state.load(std::memory_order_acquire) & ~kSlotStateBits) != 0;
+}
+
+bool tryHold(BufferHalf* h) {
+  uint32_t s = h->state.load(std::memory_order_acquire);
+  while ((s & kSlotFilled) != 0) {
+    if (h->state.compare_exchange_weak(s, s + kSlotReaderUnit, std::memory_order_acq_rel, std::memory_order_acquire))
+      return true;
+  }
+  return false;
+}
+
+}  // namespace
+
 void buffer_manager_reset_slot(SessionContext* ctx, int32_t slot) {
   if (slot < 0 || slot >= kSlotCount) return;
   BufferSlot* s = session_slot(ctx, slot);
-  s->a.state.store(kSlotFree, std::memory_order_release);
-  s->b.state.store(kSlotFree, std::memory_order_release);
+  makeFree(&s->a);
+  makeFree(&s->b);
 }
 
 void buffer_manager_publish(BufferHalf* written, BufferHalf* previouslyFilled) {
-  if (previouslyFilled != nullptr && previouslyFilled != written)
-    previouslyFilled->state.store(kSlotFree, std::memory_order_release);
+  if (previouslyFilled != nullptr && previouslyFilled != written) makeFree(previouslyFilled);
+  // The written buffer was free and unheld (holds need the filled state), so nothing is lost.
   if (written != nullptr) written->state.store(kSlotFilled, std::memory_order_release);
+}
+
+BufferHalf* buffer_manager_hold_filled(SessionContext* ctx, int32_t slot) {
+  if (slot < 0 || slot >= kSlotCount) return nullptr;
+  BufferSlot* s = session_slot(ctx, slot);
+  // The producer may flip the pair between the two tries; one more round finds the new one.
+  for (int round = 0; round < 2; ++round) {
+    if (tryHold(&s->a)) return &s->a;
+    if (tryHold(&s->b)) return &s->b;
+  }
+  return nullptr;
+}
+
+void buffer_manager_release(BufferHalf* h) {
+  if (h != nullptr) h->state.fetch_sub(kSlotReaderUnit, std::memory_order_release);
+}
+
+BufferHalf* buffer_manager_get_writable(SessionContext* ctx, int32_t slot) {
+  if (slot < 0 || slot >= kSlotCount) return nullptr;
+  BufferSlot* s = session_slot(ctx, slot);
+  if ((slot == kSlotDepthWork || slot == kSlotRefocusWork) && (held(&s->a) || held(&s->b))) return nullptr;
+  BufferHalf* const halves[2] = {&s->a, &s->b};
+  for (BufferHalf* h : halves) {
+    const uint32_t st = h->state.load(std::memory_order_acquire);
+    if ((st & kSlotFree) != 0 && (st & ~kSlotStateBits) == 0) return h;
+  }
+  return nullptr;
+}
+
+void buffer_manager_mark(BufferHalf* h, uint32_t bits) {
+  if (h != nullptr) h->state.fetch_or(bits & kSlotStateBits, std::memory_order_acq_rel);
+}
+
+void buffer_manager_unmark(BufferHalf* h, uint32_t bits) {
+  if (h != nullptr) h->state.fetch_and(~(bits & kSlotStateBits), std::memory_order_acq_rel);
 }
 
 void buffer_manager_copy_buffer_from_trigger(BufferHalf* dst, const ImageDesc* src, int32_t imageFormat, int32_t width,

@@ -29,8 +29,21 @@ BufferHalf* buffer_manager_get_buffer(SessionContext* ctx, int32_t slot, uint32_
 // Marks both buffers of slot 0..5 free.
 void buffer_manager_reset_slot(SessionContext* ctx, int32_t slot);
 // Hands a freshly written buffer over: the previously filled one (if any) becomes free, the
-// written one filled.
+// written one filled. Reader holds survive the change.
 void buffer_manager_publish(BufferHalf* written, BufferHalf* previouslyFilled);
+
+// Holding a buffer across threads. A reader that is not the slot's producer holds the filled
+// buffer while it reads it; the producer writes only a free buffer that nobody holds, so a
+// buffer flipped to free while it is read is not overwritten until the reader lets it go.
+// The filled buffer of slot, held; null when none is filled.
+BufferHalf* buffer_manager_hold_filled(SessionContext* ctx, int32_t slot);
+void buffer_manager_release(BufferHalf* held);
+// The free buffer of slot that a producer may write now (A first); null when the only free one
+// is held. Slots 4 and 5 overlap their two buffers, so there either buffer held blocks writing.
+BufferHalf* buffer_manager_get_writable(SessionContext* ctx, int32_t slot);
+// Sets and clears mark bits (used, seen) without disturbing the state or the holds.
+void buffer_manager_mark(BufferHalf* half, uint32_t bits);
+void buffer_manager_unmark(BufferHalf* half, uint32_t bits);
 
 // Copies a caller image into a slot buffer per image format (0..6). Refusals log their line
 // and leave the destination untouched.

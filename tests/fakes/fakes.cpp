@@ -24,6 +24,12 @@ struct State {
   int32_t depthWidth = 0;
   int32_t depthHeight = 0;
   int32_t depthFrames = 0;
+  bool echoLuma = false;
+  std::map<std::string, std::function<void()>> hooks;
+  int32_t glDepthWidth = 0, glDepthHeight = 0, refocusWidth = 0, refocusHeight = 0;
+  uint64_t lastMapSum = 0;
+  uint32_t lastDepthSum = 0;
+  std::function<void(uint8_t*)> mapWriter;
 };
 
 State& state() {
@@ -35,6 +41,7 @@ int32_t record(const char* name, std::vector<int64_t> args, float f = 0.0f) {
   State& s = state();
   int32_t delay = 0;
   int32_t result = 0;
+  std::function<void()> hook;
   {
     std::lock_guard<std::mutex> g(s.mu);
     s.calls.push_back(Call{name, std::move(args), pthread_self(), s.sequence++, f});
@@ -48,9 +55,61 @@ int32_t record(const char* name, std::vector<int64_t> args, float f = 0.0f) {
     }
     auto dl = s.delays.find(name);
     delay = dl != s.delays.end() ? dl->second : 0;
+    auto hk = s.hooks.find(name);
+    if (hk != s.hooks.end()) hook = hk->second;
   }
   if (delay > 0) usleep(static_cast<useconds_t>(delay) * 1000);
+  if (hook) hook();
   return result;
+}
+
+void keepRendererSizes(int32_t dw, int32_t dh, int32_t rw, int32_t rh) {
+  std::lock_guard<std::mutex> g(state().mu);
+  state().glDepthWidth = dw;
+  state().glDepthHeight = dh;
+  state().refocusWidth = rw;
+  state().refocusHeight = rh;
+}
+
+// A refocus map made from the depth it is given: reads every depth sample, writes every map byte.
+void writeRefocusMap(uint8_t* map, const uint16_t* depth, int32_t fx, int32_t fy) {
+  int32_t dw, dh, rw, rh;
+  std::function<void(uint8_t*)> writer;
+  {
+    std::lock_guard<std::mutex> g(state().mu);
+    writer = state().mapWriter;
+    dw = state().glDepthWidth;
+    dh = state().glDepthHeight;
+    rw = state().refocusWidth;
+    rh = state().refocusHeight;
+  }
+  uint32_t depthSum = 0;
+  if (depth != nullptr)
+    for (int32_t i = 0; i < dw * dh; ++i) depthSum += depth[i];
+  {
+    std::lock_guard<std::mutex> g(state().mu);
+    state().lastDepthSum = depthSum;
+  }
+  if (map != nullptr && writer) {
+    writer(map);
+    return;
+  }
+  if (map != nullptr)
+    for (int32_t i = 0; i < rw * rh; ++i) map[i] = refocusMapValue(i, fx, fy);
+}
+
+uint64_t readMap(const uint8_t* map) {
+  int32_t n;
+  {
+    std::lock_guard<std::mutex> g(state().mu);
+    n = state().refocusWidth * state().refocusHeight;
+  }
+  uint64_t sum = 0;
+  if (map != nullptr)
+    for (int32_t i = 0; i < n; ++i) sum += map[i];
+  std::lock_guard<std::mutex> g(state().mu);
+  state().lastMapSum = sum;
+  return sum;
 }
 
 int64_t addr(const void* p) {
@@ -72,6 +131,34 @@ void reset() {
   s.delays.clear();
   s.sequence = 0;
   s.depthFrames = 0;
+  s.echoLuma = false;
+  s.hooks.clear();
+  s.lastMapSum = 0;
+  s.mapWriter = nullptr;
+}
+
+void setRefocusMapWriter(std::function<void(uint8_t* map)> writer) {
+  std::lock_guard<std::mutex> g(state().mu);
+  state().mapWriter = std::move(writer);
+}
+
+void setDepthEchoesMainLuma(bool on) {
+  std::lock_guard<std::mutex> g(state().mu);
+  state().echoLuma = on;
+}
+
+void setHook(const std::string& name, std::function<void()> hook) {
+  std::lock_guard<std::mutex> g(state().mu);
+  state().hooks[name] = std::move(hook);
+}
+
+uint8_t refocusMapValue(int32_t index, int32_t x, int32_t y) {
+  return static_cast<uint8_t>((index + x * 5 + y * 3) & 0xFF);
+}
+
+uint64_t lastRenderedMapSum() {
+  std::lock_guard<std::mutex> g(state().mu);
+  return state().lastMapSum;
 }
 
 std::vector<Call> calls() {
@@ -142,17 +229,21 @@ int32_t vmDpx2_Express_Init(const uint8_t* a, int32_t sa, int32_t w, int32_t h, 
 }
 int32_t vmDpx2_Run_Express(uint16_t* out, DpxImage* mainImage, DpxImage* subImage, int32_t vcmMain, int32_t vcmSub) {
   int32_t w, h, frame;
+  bool echo;
   {
     std::lock_guard<std::mutex> g(fakes::state().mu);
     w = fakes::state().depthWidth;
     h = fakes::state().depthHeight;
     frame = fakes::state().depthFrames++;
+    echo = fakes::state().echoLuma;
   }
-  const int32_t r = record("vmDpx2_Run_Express", {addr(out), addr(mainImage), addr(subImage), vcmMain, vcmSub});
+  // The map is written before the call's delay and hook, as an engine that works while it runs.
   if (out != nullptr)
     for (int32_t y = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x) out[y * w + x] = fakes::fakeDepthValue(x, y, frame);
-  return r;
+      for (int32_t x = 0; x < w; ++x)
+        out[y * w + x] =
+            echo && mainImage != nullptr ? mainImage->plane[0][y * w + x] : fakes::fakeDepthValue(x, y, frame);
+  return record("vmDpx2_Run_Express", {addr(out), addr(mainImage), addr(subImage), vcmMain, vcmSub});
 }
 int32_t vmDpx2_Express_Close(void) {
   return record("vmDpx2_Express_Close", {});
@@ -186,12 +277,14 @@ int32_t vmKtrRT_CameraLayout_Set(int32_t layout) {
 int32_t vmKtrRT_GLInitV1(const uint8_t* a, int32_t sa, const uint8_t* b, int32_t sb, int32_t pw, int32_t ph, int32_t dw,
                          int32_t dh, int32_t rw, int32_t rh, int32_t sw, int32_t sh, int32_t portrait,
                          int32_t offRender, int32_t format, int32_t gb) {
+  fakes::keepRendererSizes(dw, dh, rw, rh);
   return record("vmKtrRT_GLInitV1",
                 {addr(a), sa, addr(b), sb, pw, ph, dw, dh, rw, rh, sw, sh, portrait, offRender, format, gb});
 }
 int32_t vmKtrRT_GLInitV1_1(const uint8_t* a, int32_t sa, const uint8_t* b, int32_t sb, int32_t pw, int32_t ph,
                            int32_t dw, int32_t dh, int32_t rw, int32_t rh, int32_t sw, int32_t sh, int32_t portrait,
                            int32_t offRender, int32_t format, int32_t gb, uint32_t extra) {
+  fakes::keepRendererSizes(dw, dh, rw, rh);
   return record("vmKtrRT_GLInitV1_1",
                 {addr(a), sa, addr(b), sb, pw, ph, dw, dh, rw, rh, sw, sh, portrait, offRender, format, gb, extra});
 }
@@ -209,10 +302,18 @@ int32_t vmKtrRT_GenRefocusMap_init(void) {
 }
 int32_t vmKtrRT_GenRefocusMap(uint8_t* map, const uint16_t* depth, int32_t x, int32_t y, uint16_t* mn, uint16_t* mx,
                               uint16_t* target) {
+  fakes::writeRefocusMap(map, depth, x, y);
+  if (mn != nullptr) *mn = 10;
+  if (mx != nullptr) *mx = 900;
+  if (target != nullptr) *target = 400;
   return record("vmKtrRT_GenRefocusMap", {addr(map), addr(depth), x, y, addr(mn), addr(mx), addr(target)});
 }
 int32_t vmKtrRT_GenRefocusMap_VX4810_DispartyBase(uint8_t* map, const uint16_t* depth, int32_t x, int32_t y,
                                                   uint16_t* mn, uint16_t* mx, uint16_t* target) {
+  fakes::writeRefocusMap(map, depth, x, y);
+  if (mn != nullptr) *mn = 10;
+  if (mx != nullptr) *mx = 900;
+  if (target != nullptr) *target = 400;
   return record("vmKtrRT_GenRefocusMap_VX4810_DispartyBase",
                 {addr(map), addr(depth), x, y, addr(mn), addr(mx), addr(target)});
 }
@@ -221,6 +322,7 @@ int32_t vmKtrRT_GenRefocusMap_Deinit(void) {
 }
 int32_t vmKtrRT_GLStartV1(uint8_t* luma, uint8_t* chroma, const uint8_t* map, int32_t fx, int32_t fy, float fNumber,
                           int32_t noMapFlag, int32_t l, int32_t t, int32_t r, int32_t b) {
+  fakes::readMap(map);
   return record("vmKtrRT_GLStartV1", {addr(luma), addr(chroma), addr(map), fx, fy, noMapFlag, l, t, r, b}, fNumber);
 }
 int32_t vmKtrRT_GLClose(void) {

@@ -215,3 +215,45 @@ TEST_F(BufferCopy, SizeFieldHoldsTheFrameSizeAfterACopy) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(BufferSlots, HeldBuffersAreNeverHandedToTheProducer) {
+  ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
+  BufferHalf* a = buffer_manager_get_writable(&ctx, 2);
+  ASSERT_EQ(a, &ctx.slots[2].a);
+  buffer_manager_publish(a, nullptr);
+  EXPECT_EQ(buffer_manager_hold_filled(&ctx, 2), a);
+  // B written and published: A becomes free but stays held, so nothing is writable.
+  BufferHalf* b = buffer_manager_get_writable(&ctx, 2);
+  ASSERT_EQ(b, &ctx.slots[2].b);
+  buffer_manager_publish(b, a);
+  EXPECT_EQ(buffer_manager_get_buffer(&ctx, 2, kSlotFree), a);
+  EXPECT_EQ(buffer_manager_get_writable(&ctx, 2), nullptr);
+  buffer_manager_reset_slot(&ctx, 2);  // a reset keeps the hold too
+  EXPECT_EQ(buffer_manager_get_writable(&ctx, 2), b);
+  buffer_manager_release(a);
+  EXPECT_EQ(buffer_manager_get_writable(&ctx, 2), a);
+  EXPECT_EQ(a->state.load(), kSlotFree);
+  // Marks come and go without touching holds or states.
+  buffer_manager_publish(a, nullptr);
+  EXPECT_EQ(buffer_manager_hold_filled(&ctx, 2), a);
+  buffer_manager_mark(a, kSlotUsedByEngine);
+  EXPECT_EQ(a->state.load(), kSlotFilled | kSlotUsedByEngine | kSlotReaderUnit);
+  buffer_manager_unmark(a, kSlotUsedByEngine);
+  buffer_manager_release(a);
+  EXPECT_EQ(a->state.load(), kSlotFilled);
+  EXPECT_EQ(buffer_manager_hold_filled(&ctx, 6), nullptr);
+}
+
+TEST_F(BufferSlots, OverlappingWorkBuffersBlockWritingWhileEitherIsHeld) {
+  ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
+  BufferHalf* a = buffer_manager_get_writable(&ctx, 4);
+  buffer_manager_publish(a, nullptr);
+  ASSERT_EQ(buffer_manager_hold_filled(&ctx, 4), a);
+  EXPECT_EQ(buffer_manager_get_writable(&ctx, 4), nullptr);  // B lies inside A's bytes
+  buffer_manager_release(a);
+  EXPECT_EQ(buffer_manager_get_writable(&ctx, 4), &ctx.workSlots[0].b);
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+// The reference renderer's frame call and map generator, each beside memcpy of one NV21 frame.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "renderer_internal.h"
+
+namespace {
+
+constexpr int32_t kW = 1920, kH = 1080, kMw = 320, kMh = 240;
+
+// A portrait-like scene: textured frame, a round in-focus subject in the middle of a blurred
+// background (map 255 outside, 0 inside), with a soft ramp between them.
+struct Scene {
+  std::vector<uint8_t> frame, original, map;
+  std::vector<uint16_t> depth;
+  Scene() : frame(kW * kH * 3 / 2), map(kMw * kMh), depth(kMw * kMh) {
+    uint32_t s = 1;
+    for (size_t i = 0; i < frame.size(); ++i) {
+      s = s * 1664525u + 1013904223u;
+      frame[i] = static_cast<uint8_t>(60 + ((s >> 24) % 120) + (i % 97 == 0 ? 75 : 0));
+    }
+    original = frame;
+    for (int32_t y = 0; y < kMh; ++y)
+      for (int32_t x = 0; x < kMw; ++x) {
+        const float d = std::hypot(static_cast<float>(x - kMw / 2), static_cast<float>(y - kMh / 2) * 1.2f);
+        const float m = std::fmin(255.0f, std::fmax(0.0f, (d - 70.0f) * 8.0f));
+        map[y * kMw + x] = static_cast<uint8_t>(m);
+        depth[y * kMw + x] = static_cast<uint16_t>(d < 70.0f ? 600 : ((x * 7 + y) % 50 == 0 ? 1023 : 150));
+      }
+  }
+};
+
+void setup() {
+  vmKtrRT_GLClose();
+  vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, kW, kH, kMw, kMh, kMw, kMh, kW, kH, 0, 0, 0, 0);
+  vmKtrRT_GenRefocusMap_init();
+}
+
+void BM_StartV1_1080p_Map320x240(benchmark::State& state) {
+  static Scene scene;
+  setup();
+  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+  for (auto _ : state) {
+    state.PauseTiming();
+    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
+    state.ResumeTiming();
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, scene.map.data(), kW / 2,
+                                        kH / 2, fNumber, 0, 0, 0, kW, kH);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_StartV1_1080p_Map320x240)->Arg(14)->Arg(28)->Unit(benchmark::kMillisecond);
+
+// The same with a map the generator made (its foreground record is found and used).
+void BM_StartV1_1080p_GeneratedMap(benchmark::State& state) {
+  static Scene scene;
+  setup();
+  uint16_t lo, hi, target;
+  vmKtrRT_GenRefocusMap(scene.map.data(), scene.depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
+  for (auto _ : state) {
+    state.PauseTiming();
+    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
+    state.ResumeTiming();
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, scene.map.data(), kW / 2,
+                                        kH / 2, 1.4f, 0, 0, 0, kW, kH);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_StartV1_1080p_GeneratedMap)->Unit(benchmark::kMillisecond);
+
+void BM_MemcpyFrame1080p(benchmark::State& state) {
+  std::vector<uint8_t> a(kW * kH * 3 / 2, 1), b(a.size());
+  for (auto _ : state) {
+    memcpy(b.data(), a.data(), a.size());
+    benchmark::DoNotOptimize(b.data());
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(a.size()));
+}
+BENCHMARK(BM_MemcpyFrame1080p)->Unit(benchmark::kMillisecond);
+
+void BM_GenRefocusMap_320x240(benchmark::State& state) {
+  static Scene scene;
+  setup();
+  std::vector<uint8_t> map(kMw * kMh);
+  uint16_t lo, hi, target;
+  for (auto _ : state) {
+    const int32_t r = vmKtrRT_GenRefocusMap(map.data(), scene.depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_GenRefocusMap_320x240)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();

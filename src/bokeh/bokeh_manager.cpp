@@ -1,0 +1,339 @@
+// bokeh_manager.cpp - renderer set-up and close, the refocus-map worker thread and one refocus
+// map with its publish and hold-back rule.
+#include "bokeh/bokeh_manager.h"
+
+#include <pthread.h>
+
+#include <cstring>
+
+#include "debug/debug_log.h"
+#include "debug/dump.h"
+#include "engines/engines.h"
+#include "flow/session_context.h"
+#include "image/depth_display.h"
+#include "memory/buffer_manager.h"
+#include "memory/heap.h"
+#include "policy/policy_manager.h"
+
+namespace {
+
+constexpr uint32_t kDiscardRefocus = 0x2;
+constexpr int32_t kPolicyStableState = 5;
+// The refocus-map check measures a fixed 320 x 240 plane.
+constexpr int32_t kCheckedMapBytes = 320 * 240;
+
+RefocusWorker* workerOf(SessionContext* ctx) {
+  return &ctx->bokeh.worker;
+}
+
+bool quarterTurned(const SessionContext* ctx) {
+  return ctx->cameraLayout == 3 || ctx->cameraLayout == 4;
+}
+
+// Depth map size in the caller's orientation.
+void callerDepthSize(const SessionContext* ctx, int32_t* W, int32_t* H) {
+  const bool turned = quarterTurned(ctx);
+  *W = turned ? session_depth_height(ctx) : session_depth_width(ctx);
+  *H = turned ? session_depth_width(ctx) : session_depth_height(ctx);
+}
+
+void destroySync(SessionContext* ctx, RefocusWorker* w) {
+  if (!w->syncReady) return;
+  pthread_mutex_lock(&w->mutex);
+  w->status.store(0, std::memory_order_release);
+  pthread_mutex_unlock(&w->mutex);
+  pthread_cond_destroy(&w->cond);
+  pthread_mutex_destroy(&w->mutex);
+  pthread_mutex_destroy(&ctx->bokeh.statsMutex);
+  w->syncReady = 0;
+}
+
+// Undoes a set-up that will not complete.
+int32_t failInit(SessionContext* ctx, RefocusWorker* w, int32_t code) {
+  bokeh_manager_free_scratch(w);
+  destroySync(ctx, w);
+  policy_manager_deinit(ctx);
+  return code;
+}
+
+// A macro, so that the line carries the generating function's name.
+#define PROFILE_REFOCUS_MAP(start) VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_time_ms() - (start))
+
+}  // namespace
+
+int32_t bokeh_manager_renderer_format(int32_t imageFormat) {
+  switch (imageFormat) {
+    case 0:
+    case 1:
+    case 5:
+      return 0;
+    case 2:
+      return 2;
+    case 3:
+    case 4:
+      return 3;
+    case 6:
+      return 7;
+    default:
+      return -1;
+  }
+}
+
+int32_t bokeh_manager_alloc_scratch(SessionContext* ctx, RefocusWorker* w) {
+  w->scratchOwned = 0;
+  const size_t size =
+      static_cast<size_t>(session_refocus_width(ctx)) * static_cast<size_t>(session_refocus_height(ctx));
+  w->scratch = static_cast<uint8_t*>(heap_allocate(size));
+  if (w->scratch == nullptr) return kBokehOutOfMemory;
+  w->scratchSize = static_cast<int32_t>(size);
+  w->scratchOwned = 1;
+  return 0;
+}
+
+int32_t bokeh_manager_free_scratch(RefocusWorker* w) {
+  if (w->scratchOwned) heap_free(w->scratch);
+  w->scratch = nullptr;
+  w->scratchOwned = 0;
+  return 0;
+}
+
+int32_t bokeh_manager_init(SessionContext* ctx) {
+  RefocusWorker* w = workerOf(ctx);
+  char text[kVersionTextSize];
+  memset(text, 0, sizeof text);
+  policy_manager_init(ctx);
+  vmKtr_GLVersionInfo_Get(text, kVersionTextSize);
+  text[kVersionTextSize - 1] = '\0';
+  VM_LOG("KtrRT_GL Version:[%s]\n", text);
+  memcpy(ctx->rendererVersion, text, sizeof text);
+
+  pthread_mutex_init(&w->mutex, nullptr);
+  pthread_cond_init(&w->cond, nullptr);
+  pthread_mutex_init(&ctx->bokeh.statsMutex, nullptr);
+  w->syncReady = 1;
+  pthread_mutex_lock(&w->mutex);
+  w->status.store(kBmdStatusReady, std::memory_order_release);
+  pthread_mutex_unlock(&w->mutex);
+
+  w->context = ctx;
+  if (bokeh_manager_alloc_scratch(ctx, w) != 0) return failInit(ctx, w, kBokehOutOfMemory);
+  w->exitRequest.store(0, std::memory_order_release);
+
+  int32_t r = vmKtrRT_CameraLayout_Set(ctx->cameraLayout);
+  if (r != 0) {
+    VM_LOG_IF(kLogTrace, "vmKtrRT_CameraLayout_Set:ERROR[%x]\n", static_cast<unsigned>(r));
+    return failInit(ctx, w, r);
+  }
+
+  const uint8_t* calibA = nullptr;
+  const uint8_t* calibB = nullptr;
+  int32_t sizeA = 0, sizeB = 0;
+  if (ctx->otpKind == 0) {
+    calibB = ctx->otpCopy;
+    sizeB = ctx->otpSize;
+  } else if (ctx->otpKind == 1) {
+    calibA = ctx->otpCopy;
+    sizeA = ctx->otpSize;
+  }
+  int32_t W, H;
+  callerDepthSize(ctx, &W, &H);
+  const int32_t format = bokeh_manager_renderer_format(ctx->imageFormat);
+  if (ctx->otpKind != 0 && ctx->otpKind != 1) {
+    r = kBokehUnknownCalibration;
+  } else if (format < 0) {
+    r = kBokehUnknownCalibration;  // Init refuses such formats before this point
+  } else if (ctx->rendererExtraParam != 0) {
+    r = vmKtrRT_GLInitV1_1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx),
+                           session_preview_main_height(ctx), W, H, session_refocus_width(ctx),
+                           session_refocus_height(ctx), ctx->screenWidth, ctx->screenHeight, ctx->isPortrait,
+                           ctx->isOffRender, format, ctx->isGB, ctx->rendererExtraParam);
+  } else {
+    r = vmKtrRT_GLInitV1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx),
+                         session_preview_main_height(ctx), W, H, session_refocus_width(ctx),
+                         session_refocus_height(ctx), ctx->screenWidth, ctx->screenHeight, ctx->isPortrait,
+                         ctx->isOffRender, format, ctx->isGB);
+  }
+  if (r != 0) {
+    VM_LOG_IF(kLogTrace, "vmKtrRT_GLInit:ERROR[%x]\n", static_cast<unsigned>(r));
+    return failInit(ctx, w, r);
+  }
+
+  bokeh_manager_create_thread(ctx);
+  if (debugEnable.load(std::memory_order_relaxed) != 0 && debugDisplay.load(std::memory_order_relaxed) != 0)
+    buffer_manager_reset_slot(ctx, kSlotRefocusWork);
+  ctx->bokeh.debugPictureShown = 0;
+  vmKtrRT_GLShowDebugPicture(0, 0);
+  return 0;
+}
+
+void bokeh_manager_create_thread(SessionContext* ctx) {
+  RefocusWorker* w = workerOf(ctx);
+  w->threadStarted = pthread_create(&w->thread, nullptr, bokeh_manager_handler, w) == 0 ? 1 : 0;
+  // Without a worker no map is ever made and frames render without one.
+  if (!w->threadStarted) VM_LOG_IF(kLogTrace, "Create gen refocus map thread failed...\n");
+}
+
+void* bokeh_manager_handler(void* arg) {
+  RefocusWorker* w = static_cast<RefocusWorker*>(arg);
+  SessionContext* ctx = w->context;
+  VM_LOG_IF(kLogTrace, "Start gen refocus map handler...\n");
+  dump_thread_info();
+  pthread_mutex_lock(&w->mutex);
+  const int32_t status = w->status.load(std::memory_order_relaxed);
+  pthread_mutex_unlock(&w->mutex);
+  VM_LOG_IF(kLogTrace, "ID STATUS_READY[%d]...\n", status & kBmdStatusReady);
+  const int32_t initResult = vmKtrRT_GenRefocusMap_init();
+  VM_LOG_IF(kLogTrace, "vmKtrRT_GenRefocusMap_init[%d]...\n", initResult);
+  while (w->exitRequest.load(std::memory_order_acquire) == 0) {
+    pthread_mutex_lock(&w->mutex);
+    w->status.store(kBmdStatusWaiting, std::memory_order_release);
+    // A shut-down that came before the wait must not be slept through.
+    if (w->exitRequest.load(std::memory_order_acquire) == 0) pthread_cond_wait(&w->cond, &w->mutex);
+    w->status.store(kBmdStatusRunning, std::memory_order_release);
+    pthread_mutex_unlock(&w->mutex);
+    if (w->exitRequest.load(std::memory_order_acquire) != 0) break;
+    // A spurious wake-up is taken as a request.
+    const int32_t r = bokeh_manager_generate_refocus_map(ctx, w);
+    VM_LOG_IF(kLogTrace, "bokeh_manager_generate_refocus_map[%d]...\n", r);
+  }
+  vmKtrRT_GenRefocusMap_Deinit();
+  VM_LOG_IF(kLogTrace, "End gen refocus map handler...\n");
+  return nullptr;
+}
+
+void bokeh_manager_focus_to_depth(const SessionContext* ctx, int32_t focusX, int32_t focusY, int32_t* x, int32_t* y) {
+  int32_t W, H;
+  callerDepthSize(ctx, &W, &H);
+  const int32_t pw = session_preview_main_width(ctx);
+  const int32_t ph = session_preview_main_height(ctx);
+  const int32_t dx = pw > 0 ? static_cast<int32_t>(static_cast<int64_t>(focusX) * W / pw) : 0;
+  const int32_t dy = ph > 0 ? static_cast<int32_t>(static_cast<int64_t>(focusY) * H / ph) : 0;
+  if (ctx->isPortrait) {
+    // Both turned coordinates are measured against H: not a plain quarter turn for a
+    // non-square map, and kept exactly so (the generator was tuned with it).
+    *x = dy;
+    *y = H - dx;
+  } else {
+    *x = dx;
+    *y = dy;
+  }
+}
+
+int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w) {
+  const long start = debug_time_ms();
+  BufferHalf* depth = buffer_manager_hold_filled(ctx, kSlotDepth);
+  BufferHalf* out = buffer_manager_get_writable(ctx, kSlotRefocus);
+  w->pendingReasons.store(0, std::memory_order_release);
+  const int32_t focusX = ctx->focusX.load(std::memory_order_relaxed);
+  const int32_t focusY = ctx->focusY.load(std::memory_order_relaxed);
+  w->lastFocusX.store(focusX, std::memory_order_release);
+  w->lastFocusY.store(focusY, std::memory_order_release);
+  if (depth == nullptr || out == nullptr) {
+    // No map to start from, or both map buffers are in use: nothing is made this time.
+    if (depth == nullptr) VM_LOG_IF(kLogTrace, "ERROR: No Depth\n");
+    buffer_manager_release(depth);
+    PROFILE_REFOCUS_MAP(start);
+    return 0;
+  }
+  int32_t x, y;
+  bokeh_manager_focus_to_depth(ctx, focusX, focusY, &x, &y);
+  int32_t W, H;
+  callerDepthSize(ctx, &W, &H);
+  VM_LOG_IF(kLogTrace, "Focus Point touchP[%dx%d] depthP[%dx%d] preview[%dx%d] depth[%dx%d]\n", focusX, focusY, x, y,
+            session_preview_main_width(ctx), session_preview_main_height(ctx), W, H);
+
+  uint16_t depthMin = 0, depthMax = 0, depthTarget = 0;
+  const uint16_t* depthMap = reinterpret_cast<const uint16_t*>(depth->data);
+  const int32_t r =
+      ctx->depthFromChip == 1
+          ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget)
+          : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
+  if (debugEnable.load(std::memory_order_relaxed) != 0 && (debugDisplay.load(std::memory_order_relaxed) & 0x100) != 0)
+    bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
+  buffer_manager_release(depth);
+  if (r != 0) {
+    PROFILE_REFOCUS_MAP(start);
+    return r;  // the new buffer stays free, the published map stays
+  }
+
+  const bool debug = debugEnable.load(std::memory_order_relaxed) != 0;
+  if ((ctx->depthDiscardRequest.load(std::memory_order_acquire) & kDiscardRefocus) != 0) {
+    ctx->depthDiscardRequest.fetch_and(~kDiscardRefocus, std::memory_order_acq_rel);
+    buffer_manager_reset_slot(ctx, kSlotRefocus);
+    if (debug && debugDisplay.load(std::memory_order_relaxed) != 0) buffer_manager_reset_slot(ctx, kSlotRefocusWork);
+    return kBokehDiscarded;
+  }
+  if (debug) ctx->refocusFrameCounter.store(ctx->depthFrameCounter.load(std::memory_order_relaxed));
+
+  const int32_t rw = session_refocus_width(ctx);
+  const int32_t rh = session_refocus_height(ctx);
+  out->size = rw * rh;
+  BufferHalf* old = buffer_manager_get_buffer(ctx, kSlotRefocus, kSlotFilled);
+  if (old == out) old = nullptr;
+  bool publish;
+  if (old == nullptr) {
+    publish = true;
+  } else if (w->forcePublish.load(std::memory_order_acquire) == 1) {
+    publish = true;
+    w->forcePublish.store(0, std::memory_order_release);
+  } else {
+    const int32_t limit = ctx->policy.refocusCountLimit;
+    // The check reads a whole 320 x 240 plane: smaller maps never count as similar.
+    const bool similar =
+        limit > 0 && rw * rh >= kCheckedMapBytes && policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
+    const bool stable = ctx->policyState.load(std::memory_order_relaxed) == kPolicyStableState;
+    if (!stable) {
+      publish = true;
+    } else if (similar) {
+      publish = false;  // thrown away; the count is left as it is
+    } else {
+      ctx->bokeh.refocusCount += 1;
+      publish = ctx->bokeh.refocusCount > limit;
+    }
+  }
+  if (publish) {
+    ctx->bokeh.refocusCount = 0;
+    buffer_manager_publish(out, old);
+  }
+
+  if (debug) {
+    if (publish) ctx->bokeh.refocusUsingCounter.store(ctx->refocusFrameCounter.load());
+    const int32_t kind =
+        ctx->bokeh.refocusUsingCounter.load() == ctx->refocusFrameCounter.load() ? kDumpRefocusUsing : kDumpRefocus;
+    dump_if_enabled(kind, ctx, out->data, out->size);
+    const int32_t display = debugDisplay.load(std::memory_order_relaxed);
+    if ((display & 0x80) != 0) {
+      BufferHalf* map = buffer_manager_hold_filled(ctx, kSlotRefocus);
+      BufferHalf* picture = buffer_manager_get_writable(ctx, kSlotRefocusWork);
+      if (map != nullptr && picture != nullptr && picture->capacity >= rw * rh * 4) {
+        const int32_t opaque = ((display & 0x10) != 0 && (display & 0xC0) != 0xC0) ? 1 : 0;
+        image_utility_gray_to_display(picture->data, map->data, rw, rh, opaque);
+        if ((display & 0x2) != 0 && W > 0 && H > 0)
+          image_utility_draw_marker(picture->data, rw, rh, kMarkerKindDisplay,
+                                    static_cast<int32_t>(static_cast<int64_t>(rw) * x / W),
+                                    static_cast<int32_t>(static_cast<int64_t>(rh) * y / H), 3, 1);
+        buffer_manager_publish(picture, buffer_manager_get_buffer(ctx, kSlotRefocusWork, kSlotFilled));
+      }
+      buffer_manager_release(map);
+    }
+  }
+  PROFILE_REFOCUS_MAP(start);
+  return 0;
+}
+
+int32_t bokeh_manager_deinit(SessionContext* ctx) {
+  RefocusWorker* w = workerOf(ctx);
+  w->exitRequest.store(1, std::memory_order_release);
+  if (w->syncReady && w->status.load(std::memory_order_acquire) != 0) {
+    pthread_mutex_lock(&w->mutex);
+    pthread_cond_signal(&w->cond);
+    pthread_mutex_unlock(&w->mutex);
+    if (w->threadStarted) pthread_join(w->thread, nullptr);
+    w->threadStarted = 0;
+    vmKtrRT_GLClose();  // after the worker has ended and closed its generator
+  }
+  policy_manager_deinit(ctx);
+  bokeh_manager_free_scratch(w);
+  destroySync(ctx, w);
+  return 0;
+}

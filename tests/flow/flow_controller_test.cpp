@@ -1,0 +1,195 @@
+// The flow controller on the session record itself: the dimension rules, the flags taken as on
+// only when exactly 1, the calibration copy, and the discard bits raised when the scene comes loose.
+#include "flow/flow_controller.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "debug/debug_log.h"
+#include "fakes.h"
+#include "flow/session_context.h"
+#include "log_capture.h"
+#include "memory/heap.h"
+#include "session_support.h"
+
+namespace {
+
+class Flow : public PropertyFixture {
+ protected:
+  void SetUp() override {
+    PropertyFixture::SetUp();
+    fakes::reset();
+    memset(static_cast<void*>(&scratch), 0, sizeof scratch);
+  }
+  void TearDown() override {
+    flow_controller_deinit();
+    heap_free(scratch.otpCopy);
+    debugEnable.store(0);
+    dumpFlags.store(0);
+    fakes::reset();
+    PropertyFixture::TearDown();
+  }
+  // fill_initial_data on a record of its own (the session is not touched).
+  SessionContext& fill(const InitData& d) {
+    EXPECT_EQ(flow_controller_fill_initial_data(&scratch, &d), 0);
+    return scratch;
+  }
+  SessionContext scratch;
+};
+
+TEST_F(Flow, DimensionRulesUseTheWholeLayoutWord) {
+  Frames f(64, 48, 32, 24, 40, 30);
+  InitData d = f.init(4);
+  SessionContext& c = fill(d);
+  EXPECT_EQ(session_depth_width(&c), 30);  // turned
+  EXPECT_EQ(session_depth_height(&c), 40);
+  EXPECT_EQ(session_refocus_width(&c), 320);
+  EXPECT_EQ(session_refocus_height(&c), 240);
+  heap_free(c.otpCopy);
+
+  d = f.init(0x13);  // chip bit with layout 3, neither sample format: not turned, no chip depth
+  SessionContext& c2 = fill(d);
+  EXPECT_EQ(c2.cameraLayout, 3);
+  EXPECT_EQ(c2.depthFromChip, 0);
+  EXPECT_EQ(session_depth_width(&c2), 40);
+  EXPECT_EQ(session_depth_height(&c2), 30);
+  EXPECT_EQ(session_refocus_width(&c2), 40);
+  EXPECT_EQ(session_refocus_height(&c2), 30);
+  heap_free(c2.otpCopy);
+
+  d = f.init(0x52);  // chip, 8-bit samples
+  SessionContext& c3 = fill(d);
+  EXPECT_EQ(c3.depthFromChip, 1);
+  EXPECT_EQ(c3.chipDepthFormat, 0);
+  heap_free(c3.otpCopy);
+  d = f.init(0x72);  // both sample bits: 10-bit wins
+  SessionContext& c4 = fill(d);
+  EXPECT_EQ(c4.chipDepthFormat, 1);
+  EXPECT_EQ(c4.cameraLayout, 2);
+}
+
+TEST_F(Flow, FlagsCountOnlyWhenExactlyOneAndTheCalibrationIsCopied) {
+  Frames f(64, 48, 32, 24, 40, 30);
+  InitData d = f.init(2);
+  d.isFrontCam = 2;
+  d.isPortrait = 1;
+  d.isUsingTemporalFilter = 1;
+  d.otpDataAlt = d.otpData;
+  d.otpData = nullptr;
+  SessionContext& c = fill(d);
+  EXPECT_EQ(c.isFrontCam, 0);
+  EXPECT_EQ(c.isPortrait, 1);
+  EXPECT_EQ(c.temporalFilterEnabled.load(), 1);
+  EXPECT_EQ(c.otpKind, 1);
+  EXPECT_EQ(c.otpTag, 2);
+  ASSERT_NE(c.otpCopy, nullptr);
+  EXPECT_NE(c.otpCopy, f.otp.data());
+  EXPECT_EQ(0, memcmp(c.otpCopy, f.otp.data(), f.otp.size()));
+  EXPECT_STREQ(c.versionText, "v0.47");
+}
+
+TEST_F(Flow, EepromDumpFollowsTheDumpFlagsOfTheLastRun) {
+  const std::string path = std::string(VMKTR_DUMP_DIR_FOR_TESTS) + "/eeprom.raw";
+  remove(path.c_str());
+  Frames f(64, 48, 32, 24, 40, 30);
+  debugEnable.store(1);
+  dumpFlags.store(0);
+  heap_free(fill(f.init()).otpCopy);
+  EXPECT_NE(access(path.c_str(), F_OK), 0);
+  dumpFlags.store(0x40);
+  fill(f.init());
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  remove(path.c_str());
+}
+
+TEST_F(Flow, OutOfMemoryForTheCalibrationCopy) {
+  Frames f(64, 48, 32, 24, 40, 30);
+  heap_fault_inject(1, false);
+  const InitData d = f.init();
+  EXPECT_EQ(flow_controller_fill_initial_data(&scratch, &d), 2);
+  heap_fault_inject(0, false);
+  EXPECT_EQ(flow_controller_init(f.init()), 0);
+  EXPECT_EQ(g_session.state.load(), kStateRunning);
+}
+
+TEST_F(Flow, FailedStartsReleaseInReverse) {
+  Frames f(64, 48, 32, 24, 32, 24);
+  fakes::queueResult("vmDpx2_CameraLayout_Set_LV", 0x21);
+  EXPECT_EQ(flow_controller_init(f.init()), 0x21);
+  EXPECT_EQ(g_session.state.load(), kStateDepthWorkerFailed);
+  EXPECT_EQ(g_session.otpCopy, nullptr);
+  EXPECT_EQ(g_session.slots[0].a.data, nullptr);
+  fakes::queueResult("vmKtrRT_GLInitV1", 0x31);
+  fakes::queueResult("vmKtrRT_GLInitV1_1", 0x31);
+  EXPECT_EQ(flow_controller_init(f.init()), 0x31);
+  EXPECT_EQ(g_session.state.load(), kStateBokehFailed);
+  EXPECT_EQ(g_session.depth.worker.status.load(), 0);  // the started depth worker was stopped
+  EXPECT_EQ(g_session.slots[0].a.data, nullptr);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
+}
+
+TEST_F(Flow, SceneComingLooseRaisesBothDiscardBits) {
+  Frames still(320, 240, 320, 240, 160, 120);
+  Frames other(320, 240, 320, 240, 160, 120);
+  other.paint(9);
+  ASSERT_EQ(flow_controller_init(still.init()), 0);
+  const TriggerData a = still.centred(), b = other.centred();
+  for (int i = 0; i < 8; ++i) flow_controller_trigger(a);
+  ASSERT_EQ(g_session.policyState.load(), 5);
+  int frames = 0;
+  while (g_session.policyState.load() != 2 && frames < 100) flow_controller_trigger(frames++ % 2 ? a : b);
+  ASSERT_EQ(g_session.policyState.load(), 2);
+  // Bit 0 waits for the depth worker's next map (no depth is asked while unsettled).
+  EXPECT_EQ(g_session.depthDiscardRequest.load() & 1u, 1u);
+  EXPECT_EQ(fakes::calls("vmKtrRT_GLStartV1").back().args[5], 1);  // rendered without a map
+}
+
+TEST_F(Flow, RegionRulesInTheirOrder) {
+  Frames f(64, 48, 32, 24, 32, 24);
+  ASSERT_EQ(flow_controller_init(f.init()), 0);
+  struct Case {
+    int32_t l, r, t, b;
+    bool accepted;
+  };
+  const Case cases[] = {
+      {10, 30, 5, 25, true},  {0, 64, 0, 48, true},    {10, 30, -1, 25, false}, {-1, 30, 5, 25, false},
+      {10, 30, 5, 49, false}, {10, 30, 26, 25, false}, {10, 65, 5, 25, false},  {31, 30, 5, 25, false},
+      {10, 30, 0, 0, false},  {0, 0, 5, 25, false},    {20, 20, 7, 7, true},    {0, 2, 0, 2, true},
+  };
+  int32_t want[4] = {0, 0, 0, 0};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.l << " " << c.r << " " << c.t << " " << c.b);
+    const TriggerData t = f.trigger(c.l, c.r, c.t, c.b);
+    flow_controller_fill_trigger_data(&g_session, &t);
+    if (c.accepted) {
+      want[0] = c.l, want[1] = c.r, want[2] = c.t, want[3] = c.b;
+    }
+    EXPECT_EQ(g_session.regionLeft, want[0]);
+    EXPECT_EQ(g_session.regionRight, want[1]);
+    EXPECT_EQ(g_session.regionTop, want[2]);
+    EXPECT_EQ(g_session.regionBottom, want[3]);
+    EXPECT_EQ(g_session.focusX.load(), want[0] + ((want[1] - want[0]) >> 1));
+    EXPECT_EQ(g_session.focusY.load(), want[2] + ((want[3] - want[2]) >> 1));
+  }
+  EXPECT_EQ(log.count("SKIP..."), 8u);
+}
+
+TEST_F(Flow, SetFunctionSwitches) {
+  Frames f(64, 48, 32, 24, 32, 24);
+  EXPECT_EQ(flow_controller_set_function(0x04, 1), 0);  // not running: logged, 0
+  EXPECT_EQ(log.count("ERROR...["), 1u);
+  ASSERT_EQ(flow_controller_init(f.init()), 0);
+  EXPECT_EQ(flow_controller_set_function(0x04, 0), 0);
+  EXPECT_EQ(g_session.temporalFilterEnabled.load(), 0);
+  EXPECT_EQ(flow_controller_set_function(0x04, 7), 0);
+  EXPECT_EQ(g_session.temporalFilterEnabled.load(), 1);
+  fakes::queueResult("vmKtrRT_SetParameter", 3);
+  EXPECT_EQ(flow_controller_set_function(0x02, 5), 3);
+  EXPECT_EQ(fakes::calls("vmKtrRT_SetParameter")[0].args, (std::vector<int64_t>{2, 0, 0, 0, 0, 1, 0}));
+  EXPECT_EQ(flow_controller_set_function(0x08, 1), 1);
+}
+
+}  // namespace

@@ -1,0 +1,337 @@
+// The session through the five exported functions: engine set-up, Init refusals, depth requests
+// dropped while busy, a still scene reaching rendering with a published map, focus moves, renderer
+// failures, the debug picture table and shut-down.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "engines/engines.h"
+#include "log_capture.h"
+#include "session_support.h"
+
+namespace {
+
+std::vector<std::string> namesOn(pthread_t thread) {
+  std::vector<std::string> out;
+  for (const fakes::Call& c : fakes::calls())
+    if (pthread_equal(c.thread, thread)) out.push_back(c.name);
+  return out;
+}
+
+class Session : public PropertyFixture {
+ protected:
+  void SetUp() override {
+    PropertyFixture::SetUp();
+    fakes::reset();
+  }
+  void TearDown() override {
+    vmKtrRT_SC_Deinit();
+    fakes::reset();
+    PropertyFixture::TearDown();
+  }
+  int32_t run(const TriggerData& t) { return static_cast<int32_t>(vmKtrRT_SC_Run(t)); }
+  fakes::Call lastRender() { return fakes::calls("vmKtrRT_GLStartV1").back(); }
+};
+
+TEST_F(Session, EngineSetUpAndCloseInOrderForEachCalibrationKind) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  for (int kind = 0; kind < 2; ++kind) {
+    SCOPED_TRACE(kind);
+    fakes::reset();
+    InitData d = f.init(2);
+    if (kind == 1) std::swap(d.otpData, d.otpDataAlt);
+    d.isPortrait = 1;
+    d.ImageFormat = 6;
+    ASSERT_EQ(vmKtrRT_SC_Init(d), 0u);
+    EXPECT_EQ(namesOn(pthread_self()),
+              (std::vector<std::string>{"vmDpx2_VersionInfo_Get_LV", "vmDpx2_CameraLayout_Set_LV",
+                                        "vmDpx2RT_FieldofDepth_Set", "vmDpx2_Express_Init", "vmKtr_GLVersionInfo_Get",
+                                        "vmKtrRT_CameraLayout_Set", "vmKtrRT_GLInitV1", "vmKtrRT_GLShowDebugPicture"}));
+    const auto init = fakes::calls("vmDpx2_Express_Init")[0].args;
+    const auto gl = fakes::calls("vmKtrRT_GLInitV1")[0].args;
+    if (kind == 0) {
+      EXPECT_EQ(init[0], 0);
+      EXPECT_EQ(init[4] != 0, true);
+      EXPECT_EQ(init[5], 64);
+      EXPECT_EQ(gl[0], 0);
+      EXPECT_EQ(gl[3], 64);
+    } else {
+      EXPECT_NE(init[0], 0);
+      EXPECT_EQ(init[1], 64);
+      EXPECT_EQ(init[4], 0);
+      EXPECT_NE(gl[0], 0);
+      EXPECT_EQ(gl[3], 0);
+    }
+    EXPECT_EQ(std::vector<int64_t>(gl.begin() + 4, gl.end()),
+              (std::vector<int64_t>{64, 48, 32, 24, 320, 240, 1080, 2340, 1, 0, 7, 0}));
+    EXPECT_EQ(fakes::calls("vmKtrRT_GLShowDebugPicture")[0].args, (std::vector<int64_t>{0, 0}));
+    ASSERT_EQ(vmKtrRT_SC_Deinit(), 0u);
+    const auto names = namesOn(pthread_self());
+    EXPECT_EQ(std::vector<std::string>(names.end() - 2, names.end()),
+              (std::vector<std::string>{"vmDpx2_Express_Close", "vmKtrRT_GLClose"}));
+    // The generator's own set-up and close ran on the refocus-map worker.
+    const auto genInit = fakes::calls("vmKtrRT_GenRefocusMap_init");
+    ASSERT_EQ(genInit.size(), 1u);
+    EXPECT_FALSE(pthread_equal(genInit[0].thread, pthread_self()));
+    EXPECT_EQ(fakes::count("vmKtrRT_GenRefocusMap_Deinit"), 1u);
+  }
+}
+
+TEST_F(Session, ExtendedRendererSetUpAndTurnedDepthSizes) {
+  Frames f(64, 48, 64, 48, 24, 32);
+  InitData d = f.init(4);
+  d.rendererExtraParam = 0x77;
+  d.ImageFormat = 3;
+  ASSERT_EQ(vmKtrRT_SC_Init(d), 0u);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLInitV1"), 0u);
+  const auto gl = fakes::calls("vmKtrRT_GLInitV1_1")[0].args;
+  EXPECT_EQ(gl[6], 24);  // the caller's orientation
+  EXPECT_EQ(gl[7], 32);
+  EXPECT_EQ(gl[14], 3);
+  EXPECT_EQ(gl[16], 0x77);
+  // The engine works turned.
+  const auto init = fakes::calls("vmDpx2_Express_Init")[0].args;
+  EXPECT_EQ(init[2], 32);
+  EXPECT_EQ(init[3], 24);
+}
+
+TEST_F(Session, InitRefusesWhatCannotWork) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  struct Case {
+    const char* field;
+    std::function<void(InitData&)> spoil;
+  };
+  const std::vector<Case> cases = {
+      {"screenWidth", [](InitData& d) { d.screenWidth = 0; }},
+      {"previewMainHeight", [](InitData& d) { d.previewMainHeight = -48; }},
+      {"previewSubWidth", [](InitData& d) { d.previewSubWidth = 63; }},
+      {"depthHeight", [](InitData& d) { d.depthHeight = 0; }},
+      {"depthWidth", [](InitData& d) { d.depthWidth = 4097; }},
+      {"previewMainWidth", [](InitData& d) { d.previewMainWidth = 60000, d.previewMainHeight = 40000; }},
+      {"ImageFormat", [](InitData& d) { d.ImageFormat = 7; }},
+      {"ImageFormat", [](InitData& d) { d.ImageFormat = -1; }},
+      {"otpSize", [](InitData& d) { d.otpSize = 0; }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.field);
+    fakes::reset();
+    log.clear();
+    InitData d = f.init();
+    c.spoil(d);
+    EXPECT_EQ(vmKtrRT_SC_Init(d), 1u);
+    EXPECT_EQ(log.count(std::string("ERROR: InitData ") + c.field), 1u);
+    EXPECT_TRUE(fakes::calls().empty());
+    EXPECT_EQ(vmKtrRT_SC_Run(f.centred()), 0u);
+    EXPECT_EQ(log.count("ERROR...[2]"), 1u);
+  }
+  InitData d = f.init();
+  d.otpData = nullptr;
+  EXPECT_EQ(vmKtrRT_SC_Init(d), 6u);
+  EXPECT_TRUE(fakes::calls().empty());
+}
+
+TEST_F(Session, SecondInitIsRefusedAndTheSessionGoesOn) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  EXPECT_EQ(vmKtrRT_SC_Init(f.init(3)), 1u);
+  EXPECT_EQ(log.count("ERROR: session running, Init refused [7]"), 1u);
+  // Word 22 is kept from an earlier session when this one gives 0, so either set-up may be used.
+  EXPECT_EQ(fakes::count("vmKtrRT_GLInitV1") + fakes::count("vmKtrRT_GLInitV1_1"), 1u);
+  EXPECT_EQ(run(f.centred()), 1);  // unsettled scene: rendered without a map
+  EXPECT_EQ(fakes::count("vmKtrRT_GLStartV1"), 1u);
+  EXPECT_EQ(vmKtrRT_SC_Deinit(), 0u);
+  EXPECT_EQ(vmKtrRT_SC_Deinit(), 0u);
+  EXPECT_EQ(log.count("ERROR...[8]"), 1u);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 1u);
+}
+
+TEST_F(Session, DepthRequestsWhileTheWorkerIsBusyAreDropped) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  fakes::setDelayMs("vmDpx2_Run_Express", 300);
+  // A still scene is stable from the seventh frame on and asks for depth on every frame: the
+  // first request that finds the worker waiting starts one map; the next ones come while it runs.
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred());
+    return fakes::count("vmDpx2_Run_Express") == 1;
+  }));
+  for (int i = 0; i < 3; ++i) run(f.centred());
+  usleep(400 * 1000);
+  EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
+}
+
+TEST_F(Session, StillFullHdSceneReachesRenderingWithAPublishedMap) {
+  Frames f(1920, 1080, 1280, 720, 320, 240);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  EXPECT_EQ(run(f.centred()), 1);
+  EXPECT_EQ(lastRender().args[2], 0);  // no map
+  EXPECT_EQ(lastRender().args[5], 1);  // noMapFlag
+  bool rendered = false;
+  for (int i = 0; i < 400 && !rendered; ++i) {
+    const int32_t r = run(f.centred());
+    rendered = r == 0 && lastRender().args[2] != 0;
+    if (!rendered) usleep(2000);
+  }
+  ASSERT_TRUE(rendered);
+  const auto call = lastRender();
+  EXPECT_EQ(call.args[3], 960);
+  EXPECT_EQ(call.args[4], 540);
+  EXPECT_FLOAT_EQ(call.fArg, 2.8f);
+  EXPECT_EQ(std::vector<int64_t>(call.args.begin() + 6, call.args.end()), (std::vector<int64_t>{910, 490, 1010, 590}));
+  // The map rendered with is the generator's, made at the focus in depth pixels (160, 120).
+  const auto gen = fakes::calls("vmKtrRT_GenRefocusMap")[0];
+  EXPECT_EQ(gen.args[2], 160);
+  EXPECT_EQ(gen.args[3], 120);
+  uint64_t want = 0;
+  for (int32_t i = 0; i < 320 * 240; ++i) want += fakes::refocusMapValue(i, 160, 120);
+  EXPECT_EQ(fakes::lastRenderedMapSum(), want);
+}
+
+TEST_F(Session, FocusMovedWhileTheWorkerIsBusyIsServedOnALaterFrame) {
+  Frames f(640, 480, 320, 240, 320, 240);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred());
+    return fakes::count("vmKtrRT_GenRefocusMap") > 0;
+  }));
+  fakes::setDelayMs("vmKtrRT_GenRefocusMap", 150);
+  // Focus (50, 50): the request is retried every frame until the worker takes it.
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.trigger(0, 100, 0, 100));
+    return fakes::calls("vmKtrRT_GenRefocusMap").back().args[2] == 25;
+  }));
+  // The call is recorded before the generator's delay: the worker is busy now.
+  run(f.trigger(400, 600, 200, 400));  // focus (500, 300) while the worker is busy
+  const size_t before = fakes::count("vmKtrRT_GenRefocusMap");
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.trigger(400, 600, 200, 400));
+    auto g = fakes::calls("vmKtrRT_GenRefocusMap");
+    return g.size() > before && g.back().args[2] == 250 && g.back().args[3] == 150;
+  }));
+}
+
+TEST_F(Session, RendererFailureIsReturnedNegated) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  fakes::setDefaultResult("vmKtrRT_GLStartV1", 7);
+  EXPECT_EQ(run(f.centred()), -7);
+  TriggerData t = f.centred();
+  t.mainImage.data = nullptr;
+  EXPECT_EQ(run(t), 0);
+  EXPECT_EQ(fakes::count("vmKtrRT_GLStartV1"), 1u);  // no render without a main preview
+}
+
+TEST_F(Session, DebugTextPictureEntry) {
+  setProp("persist.vm.ktrrt.sc.debug", "1");
+  setProp("persist.vm.ktrrt.sc.display", "1");
+  setProp("persist.vm.ktrrt.sc.info", "6");
+  Frames f(1920, 1080, 1280, 720, 320, 240);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  run(f.centred());
+  EXPECT_EQ(fakes::calls("vmKtrRT_GLShowDebugPicture").back().args, (std::vector<int64_t>{1, 0}));
+  const auto set = fakes::calls("vmKtrRT_GLSetDebugPicture");
+  ASSERT_EQ(set.size(), 1u);
+  const DebugPictureEntry* table = reinterpret_cast<const DebugPictureEntry*>(static_cast<intptr_t>(set[0].args[0]));
+  char a[128], b[128];
+  snprintf(a, sizeof a, "VCM[%5d:%5d] FR(%4d,%4d)-(%4d,%4d)", 300, 280, 910, 490, 1010, 590);
+  snprintf(b, sizeof b, "Scene[%2d] Status[%d]", 0, 2);
+  const int32_t w = 8 * static_cast<int32_t>(std::max(strlen(a), strlen(b)));
+  EXPECT_NE(table[0].data, nullptr);
+  EXPECT_EQ(table[0].width, w);
+  EXPECT_EQ(table[0].height, 24);
+  EXPECT_EQ(table[0].x, 1920 - 2 * w);
+  EXPECT_EQ(table[0].y, 1080 - 48);
+  EXPECT_EQ(table[0].displayWidth, 2 * w);
+  EXPECT_EQ(table[0].displayHeight, 48);
+  EXPECT_EQ(table[1].data, nullptr);
+  EXPECT_EQ(table[9].data, nullptr);
+}
+
+TEST_F(Session, DebugThumbnailsOfBothMapsAndTheHistogram) {
+  setProp("persist.vm.ktrrt.sc.debug", "1");
+  setProp("persist.vm.ktrrt.sc.display", "464");  // 0x1D0: both maps, histogram; overlay off
+  Frames f(1920, 1080, 1280, 720, 320, 240);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  const DebugPictureEntry* table = nullptr;
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred());
+    const auto set = fakes::calls("vmKtrRT_GLSetDebugPicture");
+    if (set.empty()) return false;
+    table = reinterpret_cast<const DebugPictureEntry*>(static_cast<intptr_t>(set.back().args[0]));
+    return table[2].data != nullptr;
+  }));
+  EXPECT_EQ(fakes::calls("vmKtrRT_GLShowDebugPicture").back().args, (std::vector<int64_t>{1, 0}));
+  EXPECT_EQ((std::vector<int32_t>{table[0].width, table[0].height, table[0].x, table[0].y, table[0].displayWidth,
+                                  table[0].displayHeight}),
+            (std::vector<int32_t>{320, 240, 0, 0, 80, 60}));
+  EXPECT_EQ((std::vector<int32_t>{table[1].width, table[1].height, table[1].x, table[1].y, table[1].displayWidth,
+                                  table[1].displayHeight}),
+            (std::vector<int32_t>{260, 260, 0, 60, 130, 390}));
+  EXPECT_EQ((std::vector<int32_t>{table[2].width, table[2].height, table[2].x, table[2].y, table[2].displayWidth,
+                                  table[2].displayHeight}),
+            (std::vector<int32_t>{320, 240, 0, 1080 - 60, 80, 60}));
+  EXPECT_EQ(table[3].data, nullptr);
+}
+
+TEST_F(Session, ShutDownWhileBothWorkersWait) {
+  setProp("persist.vm.log.ktrrt.sc", "2");
+  Frames f(64, 48, 64, 48, 32, 24);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
+  ASSERT_TRUE(
+      waitUntil([&] { return log.count("ID DMD_STATUS_READY[1]") == 1 && log.count("ID STATUS_READY[1]") == 1; }));
+  vmKtrRT_SC_Deinit();  // answers the last cost line's log result under these flags
+  EXPECT_EQ(log.count("End gen depth handler..."), 1u);
+  EXPECT_EQ(log.count("End gen refocus map handler..."), 1u);
+}
+
+TEST_F(Session, ChipDepthWithoutFilterNeedsNoDepthWorker) {
+  setProp("persist.vm.log.ktrrt.sc", "2");
+  Frames f(64, 48, 64, 48, 32, 24);
+  ASSERT_EQ(vmKtrRT_SC_Init(f.init(0x32)), 0u);  // chip, 10-bit samples, layout 2
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred(true));
+    return fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase") > 0;
+  }));
+  EXPECT_EQ(log.count("Start gen depth handler"), 0u);
+  EXPECT_EQ(log.count("depth_manager_trigger"), 0u);
+  EXPECT_EQ(fakes::count("vmDpx2_VersionInfo_Get_LV"), 0u);
+  EXPECT_EQ(fakes::count("vmKtrRT_GenRefocusMap"), 0u);
+  // Chip depth with the refocus map at the depth size, held back never (limit 0).
+  const auto gl =
+      fakes::count("vmKtrRT_GLInitV1") ? fakes::calls("vmKtrRT_GLInitV1") : fakes::calls("vmKtrRT_GLInitV1_1");
+  EXPECT_EQ(gl[0].args[8], 32);
+  TriggerData t = f.centred(true);
+  t.subImage.data = nullptr;
+  run(t);
+  EXPECT_GE(log.count("ERROR: no chip depth"), 1u);
+}
+
+TEST_F(Session, TemporalFilterSwitchedOffAtRunTime) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  InitData d = f.init(0x32);  // chip depth, 10-bit samples
+  d.isUsingTemporalFilter = 1;
+  ASSERT_EQ(vmKtrRT_SC_Init(d), 0u);
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred(true));
+    return fakes::count("vmZu_TemporalFilterU16_Run") > 0 &&
+           fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase") > 0;
+  }));
+  EXPECT_EQ(vmKtrRT_SC_Set_Function(0x04, 0), 0u);
+  const size_t filtered = fakes::count("vmZu_TemporalFilterU16_Run");
+  const size_t maps = fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase");
+  // New depth keeps arriving (each new map needs a newly published depth map) without the filter.
+  ASSERT_TRUE(waitUntil([&] {
+    f.paint(static_cast<int32_t>(fakes::count("vmKtrRT_GLStartV1")));  // the chip's samples change
+    run(f.centred(true));
+    return fakes::count("vmKtrRT_GenRefocusMap_VX4810_DispartyBase") > maps + 2;
+  }));
+  EXPECT_LE(fakes::count("vmZu_TemporalFilterU16_Run"), filtered + 1);  // at most one already under way
+  EXPECT_EQ(vmKtrRT_SC_Set_Function(0x04, 1), 0u);
+  ASSERT_TRUE(waitUntil([&] {
+    run(f.centred(true));
+    return fakes::count("vmZu_TemporalFilterU16_Run") > filtered + 1;
+  }));
+}
+
+}  // namespace
