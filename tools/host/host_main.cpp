@@ -130,8 +130,8 @@ bool newestDump(const std::string& dir, const std::string& kind, std::vector<uin
     char kindBuf[32];
     if (sscanf(name.c_str(), "%d-%31[a-z-]%n", &counter, kindBuf, &consumed) != 2) continue;
     std::string k = kindBuf;
-    // "depth-" matches the kind's prefix followed by the size's dash; trim it.
-    if (!k.empty() && k.back() == '-') k.pop_back();
+    // The kind is followed by a dash, and a negative first number brings a second one.
+    while (!k.empty() && k.back() == '-') k.pop_back();
     if (k != kind || counter < bestCounter) continue;
     bestCounter = counter;
     best = name;
