@@ -284,6 +284,8 @@ int main(int argc, char** argv) {
       fx = f.focusX, fy = f.focusY;
     } else if (config.focus == FocusMode::kFixed) {
       fx = config.focusX, fy = config.focusY;
+    } else if (config.focus == FocusMode::kCentre) {
+      source->subject(i, &fx, &fy);  // the subject when the scene knows it, else the centre
     } else if (config.focus == FocusMode::kTrack) {
       const double a = 2 * M_PI * i / std::max(1, frames);
       fx += static_cast<int32_t>(config.mainHeight / 6.0 * std::cos(a));

@@ -56,6 +56,25 @@ class SyntheticSource : public HostSource {
     return true;
   }
   int32_t frameCount() const override { return config_.frames; }
+  // The figure's torso, projected into the main view (the camera pair's own motion aside).
+  bool subject(int32_t frame, int32_t* x, int32_t* y) const override {
+    for (int32_t i = 0; i < spec_.objectCount && i < SCENE_MAX_OBJECTS; ++i) {
+      const SceneObject& o = spec_.objects[i];
+      if (o.kind != SCENE_FIGURE) continue;
+      float cx = o.center[0], cy = o.center[1] - 0.13f * o.size[1], cz = o.center[2];
+      if (spec_.motion == SCENE_OBJECT) {
+        cx += o.velocity[0] * spec_.motionAmount * frame;
+        cy += o.velocity[1] * spec_.motionAmount * frame;
+        cz += o.velocity[2] * spec_.motionAmount * frame;
+      }
+      if (cz <= 1.0f) return false;
+      const float f = scene_focal_px(&spec_, config_.mainWidth);
+      *x = std::min(config_.mainWidth - 1, std::max(0, static_cast<int32_t>(config_.mainWidth / 2.0f + f * cx / cz)));
+      *y = std::min(config_.mainHeight - 1, std::max(0, static_cast<int32_t>(config_.mainHeight / 2.0f + f * cy / cz)));
+      return true;
+    }
+    return false;
+  }
   bool frame(int32_t index, HostFrame* out, std::string* error) override {
     // A still scene is rendered once: every frame of it is the same picture (with the same noise).
     const int32_t sceneFrame = spec_.motion == SCENE_STILL ? 0 : index;

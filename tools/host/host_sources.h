@@ -32,6 +32,8 @@ class HostSource {
   // false with a message when the frame cannot be had: the run reports it and skips the frame.
   virtual bool frame(int32_t index, HostFrame* out, std::string* error) = 0;
   const std::vector<uint8_t>& calibration() const { return calibration_; }
+  // Where the scene's subject is in the main preview, when the source knows it.
+  virtual bool subject(int32_t /*frame*/, int32_t* /*x*/, int32_t* /*y*/) const { return false; }
 
  protected:
   std::vector<uint8_t> calibration_;
