@@ -1,0 +1,473 @@
+// stereo_kernels_impl.h - the stereo row kernels, written once. Each stereo_kernels_*.cpp
+// includes this file with VM_STEREO_VB set to the vector size in bytes (0: the plain scalar
+// reference), VM_STEREO_TABLE naming its table getter and VM_STEREO_NAME its name. Everything here has internal
+// linkage, so sets compiled for different instruction sets never mix.
+#ifndef VM_STEREO_VB
+#error "define VM_STEREO_VB and VM_STEREO_TABLE before including stereo_kernels_impl.h"
+#endif
+
+#include <string.h>
+
+#include "stereo_core.h"
+#include "stereo_kernels.h"
+
+#if VM_STEREO_VB > 0 && (defined(__SSE2__) || defined(__AVX2__))
+#include <immintrin.h>
+#define VM_STEREO_X86 1
+#elif VM_STEREO_VB > 0 && defined(__ARM_NEON)
+#include <arm_neon.h>
+#define VM_STEREO_NEON 1
+#endif
+
+namespace {
+
+inline int32_t clampi(int32_t v, int32_t lo, int32_t hi) {
+  return v < lo ? lo : v > hi ? hi : v;
+}
+
+inline uint32_t pop32(uint32_t v) {
+  v = v - ((v >> 1) & 0x55555555u);
+  v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
+  return (((v + (v >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
+}
+
+inline uint32_t pop64(uint64_t v) {
+  return pop32(uint32_t(v)) + pop32(uint32_t(v >> 32));
+}
+
+inline uint16_t sat_add16(uint16_t a, uint16_t b) {
+  uint16_t s = uint16_t(a + b);
+  return s < a ? uint16_t(0xFFFF) : s;
+}
+
+// Right view word for left pixel x at disparity index k: right[x - dmin - k] = reversed[t0 + k].
+inline int32_t reversed_origin(int32_t x, int32_t w, int32_t dmin) {
+  return w - 1 - x + dmin;
+}
+
+// Scalar pieces shared by every set (edge pixels and the parts that do not vectorise).
+
+template <typename Word>
+void census_row_scalar(const uint8_t* const* rows, int32_t x0, int32_t x1, const StereoCensusShape* s, uint64_t* out) {
+  const uint8_t* centre = rows[s->ry];
+  for (int32_t x = x0; x < x1; ++x) {
+    const int32_t c = centre[x];
+    Word bits = 0;
+    for (int32_t i = 0; i < s->count; ++i)
+      bits = Word(bits << 1) | Word(rows[s->ry + s->dy[i]][x + s->dx[i]] < c ? 1u : 0u);
+    out[x] = bits;
+  }
+}
+
+template <typename Word>
+void cost_pixel_scalar(Word l, const Word* rr, int32_t k0, int32_t k1, int32_t nd, int32_t bits, uint16_t* c) {
+  uint32_t total = 0;
+  for (int32_t k = k0; k < k1; ++k) {
+    uint16_t v = uint16_t(sizeof(Word) == 8 ? pop64(l ^ rr[k]) : pop32(uint32_t(l ^ rr[k])));
+    c[k] = v;
+    total += v;
+  }
+  uint16_t fill = k1 > k0 ? uint16_t(total / uint32_t(k1 - k0)) : uint16_t(bits / 2);
+  for (int32_t k = 0; k < k0; ++k) c[k] = fill;
+  for (int32_t k = k1; k < nd; ++k) c[k] = fill;
+}
+
+// Sub-pixel fit and the stored sample of a unique winner.
+inline int16_t refine(const uint16_t* s, int32_t best, int32_t nd, int32_t dmin) {
+  int32_t sub = 0;
+  if (best > 0 && best < nd - 1) {
+    int32_t a = s[best - 1], c = s[best + 1], den = a + c - 2 * int32_t(s[best]);
+    if (den > 0) {
+      int32_t num = (a - c) * STEREO_SUBPIXEL;
+      sub = (num >= 0 ? num + den : num - den) / (2 * den);
+    }
+    sub = clampi(sub, -STEREO_SUBPIXEL / 2, STEREO_SUBPIXEL / 2);
+  }
+  return int16_t((dmin + best) * STEREO_SUBPIXEL + sub);
+}
+
+#if VM_STEREO_VB == 0
+
+// ---- plain reference ----
+
+const int32_t kLanes = 1;
+
+void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, uint64_t* out) {
+  census_row_scalar<uint64_t>(rows, 0, width, s, out);
+}
+
+void cost_row(const void* left, const void* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits, bool wide,
+              uint16_t* cost) {
+  for (int32_t x = 0; x < w; ++x) {
+    // Valid k: 0 <= x - dmin - k < w  <=>  x - dmin - w < k <= x - dmin.
+    int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
+    int32_t t0 = reversed_origin(x, w, dmin);
+    if (wide)
+      cost_pixel_scalar<uint64_t>(static_cast<const uint64_t*>(left)[x],
+                                  static_cast<const uint64_t*>(rightReversed) + t0, k0, k1, nd, bits,
+                                  cost + size_t(x) * size_t(nd));
+    else
+      cost_pixel_scalar<uint32_t>(static_cast<const uint32_t*>(left)[x],
+                                  static_cast<const uint32_t*>(rightReversed) + t0, k0, k1, nd, bits,
+                                  cost + size_t(x) * size_t(nd));
+  }
+}
+
+// L(p, k) = C(p, k) + min(L(q, k), L(q, k +- 1) + P1, min L(q) + P2) - min L(q), `prev` and
+// `out` with sentinels at both ends. Adds L into the sums; returns min L(p).
+template <bool kSet>
+uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, uint16_t* out, const uint16_t* accIn,
+                   uint16_t* accOut, int32_t nd, uint16_t p1, uint16_t p2) {
+  const uint16_t* lp = prev + 1;
+  uint16_t* lo = out + 1;
+  uint16_t bound = uint16_t(minPrev + p2);
+  uint16_t newMin = 0xFFFF;
+  for (int32_t k = 0; k < nd; ++k) {
+    uint16_t a = lp[k] < bound ? lp[k] : bound;
+    uint16_t nb = lp[k - 1] < lp[k + 1] ? lp[k - 1] : lp[k + 1];
+    nb = uint16_t(nb + p1);
+    uint16_t v = a < nb ? a : nb;
+    uint16_t l = uint16_t(c[k] + v - minPrev);
+    lo[k] = l;
+    newMin = l < newMin ? l : newMin;
+    accOut[k] = kSet ? l : sat_add16(accIn[k], l);
+  }
+  return newMin;
+}
+
+void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
+                uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
+  for (int32_t x = 0; x < w; ++x) {
+    const uint16_t* s = sum + size_t(x) * size_t(nd);
+    uint16_t bestCost = 0xFFFF;
+    for (int32_t k = 0; k < nd; ++k) bestCost = s[k] < bestCost ? s[k] : bestCost;
+    int32_t best = 0;
+    while (s[best] != bestCost) ++best;
+    // Right view: pixel x - dmin - k sees this cost at disparity k; the first best wins.
+    int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
+    uint16_t* rm = rowMin + (x - dmin);
+    int16_t* rd = rowDisp + (x - dmin);
+    for (int32_t k = k0; k < k1; ++k) {
+      if (s[k] < rm[-k]) {
+        rm[-k] = s[k];
+        rd[-k] = int16_t(k);
+      }
+    }
+    // Uniqueness: the best cost away from the winner's neighbours.
+    uint16_t other = 0xFFFF;
+    for (int32_t k = 0; k < best - 1; ++k) other = s[k] < other ? s[k] : other;
+    for (int32_t k = best + 2; k < nd; ++k) other = s[k] < other ? s[k] : other;
+    if (uint32_t(other) * uint32_t(100 - uniqueness) < uint32_t(bestCost) * 100u) {
+      dl[x] = STEREO_INVALID;
+      kind[x] = 2;
+      continue;
+    }
+    dl[x] = refine(s, best, nd, dmin);
+    kind[x] = 0;
+  }
+}
+
+#else
+
+// ---- vectors of VM_STEREO_VB bytes ----
+
+const int32_t kLanes = VM_STEREO_VB / 2;  // 16-bit lanes
+typedef uint8_t VU8 __attribute__((vector_size(VM_STEREO_VB)));
+typedef uint16_t VU16 __attribute__((vector_size(VM_STEREO_VB)));
+typedef int16_t VI16 __attribute__((vector_size(VM_STEREO_VB)));
+typedef uint32_t VU32 __attribute__((vector_size(VM_STEREO_VB)));
+typedef uint64_t VU64 __attribute__((vector_size(VM_STEREO_VB)));
+
+template <typename V, typename T>
+inline V loadv(const T* p) {
+  V v;
+  memcpy(&v, p, sizeof(v));
+  return v;
+}
+
+template <typename V, typename T>
+inline void storev(T* p, V v) {
+  memcpy(p, &v, sizeof(v));
+}
+
+inline VU16 min16(VU16 a, VU16 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU16(_mm256_min_epu16(__m256i(a), __m256i(b)));
+#elif defined(VM_STEREO_X86) && defined(__SSE4_1__)
+  return VU16(_mm_min_epu16(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_X86)
+  return a - VU16(_mm_subs_epu16(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_NEON)
+  return VU16(vminq_u16(uint16x8_t(a), uint16x8_t(b)));
+#else
+  return a < b ? a : b;
+#endif
+}
+
+inline VU16 adds16(VU16 a, VU16 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU16(_mm256_adds_epu16(__m256i(a), __m256i(b)));
+#elif defined(VM_STEREO_X86)
+  return VU16(_mm_adds_epu16(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_NEON)
+  return VU16(vqaddq_u16(uint16x8_t(a), uint16x8_t(b)));
+#else
+  VU16 s = a + b;
+  return s | VU16(s < a);
+#endif
+}
+
+inline uint16_t hmin16(VU16 v) {
+#if VM_STEREO_VB == 32
+  v = min16(v, __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15, 0, 1, 2, 3, 4, 5, 6, 7));
+  v = min16(v, __builtin_shufflevector(v, v, 4, 5, 6, 7, 0, 1, 2, 3, 12, 13, 14, 15, 8, 9, 10, 11));
+  v = min16(v, __builtin_shufflevector(v, v, 2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
+  v = min16(v, __builtin_shufflevector(v, v, 1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14));
+#else
+  v = min16(v, __builtin_shufflevector(v, v, 4, 5, 6, 7, 0, 1, 2, 3));
+  v = min16(v, __builtin_shufflevector(v, v, 2, 3, 0, 1, 6, 7, 4, 5));
+  v = min16(v, __builtin_shufflevector(v, v, 1, 0, 3, 2, 5, 4, 7, 6));
+#endif
+  return v[0];
+}
+
+inline uint32_t hsum16(VU16 v) {
+  uint32_t t = 0;
+  for (int32_t i = 0; i < kLanes; ++i) t += v[i];
+  return t;
+}
+
+inline VU16 reverse16(VU16 v) {
+#if VM_STEREO_VB == 32
+  return __builtin_shufflevector(v, v, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2, 1, 0);
+#else
+  return __builtin_shufflevector(v, v, 7, 6, 5, 4, 3, 2, 1, 0);
+#endif
+}
+
+// The low 16 bits of each 32-bit lane of a and then b.
+inline VU16 narrow32(VU32 a, VU32 b) {
+  VU16 x = VU16(a), y = VU16(b);
+#if VM_STEREO_VB == 32
+  return __builtin_shufflevector(x, y, 0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+#else
+  return __builtin_shufflevector(x, y, 0, 2, 4, 6, 8, 10, 12, 14);
+#endif
+}
+
+inline VU32 narrow64(VU64 a, VU64 b) {
+  VU32 x = VU32(a), y = VU32(b);
+#if VM_STEREO_VB == 32
+  return __builtin_shufflevector(x, y, 0, 2, 4, 6, 8, 10, 12, 14);
+#else
+  return __builtin_shufflevector(x, y, 0, 2, 4, 6);
+#endif
+}
+
+inline VU16 iota16() {
+  VU16 v;
+  for (int32_t i = 0; i < kLanes; ++i) v[i] = uint16_t(i);
+  return v;
+}
+
+inline VU32 popcount32v(VU32 v) {
+  v = v - ((v >> 1) & 0x55555555u);
+  v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
+  v = (v + (v >> 4)) & 0x0F0F0F0Fu;
+  v = v + (v >> 8);
+  return (v + (v >> 16)) & 0x7Fu;
+}
+
+inline VU64 popcount64v(VU64 v) {
+  v = v - ((v >> 1) & 0x5555555555555555ull);
+  v = (v & 0x3333333333333333ull) + ((v >> 2) & 0x3333333333333333ull);
+  v = (v + (v >> 4)) & 0x0F0F0F0F0F0F0F0Full;
+  v = v + (v >> 8);
+  v = v + (v >> 16);
+  return (v + (v >> 32)) & 0x7Full;
+}
+
+// Census: per window offset one byte-wide comparison of VB pixels, appended to the byte that
+// holds that bit; bytes are joined into words at the end.
+void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, uint64_t* out) {
+  const int32_t bytes = (s->count + 7) / 8;
+  const uint8_t* centre = rows[s->ry];
+  int32_t x = 0;
+  for (; x + VM_STEREO_VB <= width; x += VM_STEREO_VB) {
+    const VU8 c = loadv<VU8>(centre + x);
+    VU8 acc[8] = {};
+    for (int32_t i = 0; i < s->count; ++i) {
+      const int32_t j = (s->count - 1 - i) >> 3;
+      const VU8 v = loadv<VU8>(rows[s->ry + s->dy[i]] + x + s->dx[i]);
+      acc[j] = acc[j] + acc[j] - VU8(v < c);  // a true comparison is all ones: minus one adds the bit
+    }
+    for (int32_t l = 0; l < VM_STEREO_VB; ++l) {
+      uint64_t word = 0;
+      for (int32_t j = 0; j < bytes; ++j) word |= uint64_t(acc[j][l]) << (8 * j);
+      out[x + l] = word;
+    }
+  }
+  census_row_scalar<uint64_t>(rows, x, width, s, out);
+}
+
+// kLanes costs starting at disparity index k of one pixel.
+inline VU16 cost_lanes(uint32_t l, const uint32_t* rr) {
+  const VU32 a = popcount32v(loadv<VU32>(rr) ^ l);
+  const VU32 b = popcount32v(loadv<VU32>(rr + kLanes / 2) ^ l);
+  return narrow32(a, b);
+}
+
+inline VU16 cost_lanes(uint64_t l, const uint64_t* rr) {
+  const int32_t q = kLanes / 4;
+  const VU32 a = narrow64(popcount64v(loadv<VU64>(rr) ^ l), popcount64v(loadv<VU64>(rr + q) ^ l));
+  const VU32 b = narrow64(popcount64v(loadv<VU64>(rr + 2 * q) ^ l), popcount64v(loadv<VU64>(rr + 3 * q) ^ l));
+  return narrow32(a, b);
+}
+
+template <typename Word>
+void cost_row_words(const Word* left, const Word* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits,
+                    uint16_t* cost) {
+  const VU16 iota = iota16();
+  for (int32_t x = 0; x < w; ++x) {
+    const int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
+    const Word* rr = rightReversed + reversed_origin(x, w, dmin);
+    uint16_t* c = cost + size_t(x) * size_t(nd);
+    const Word l = left[x];
+    if (k0 == 0 && k1 == nd) {
+      for (int32_t k = 0; k < nd; k += kLanes) storev(c + k, cost_lanes(l, rr + k));
+      continue;
+    }
+    // Near the sides: lanes whose right pixel is missing get the mean of the others.
+    VU16 total = {};
+    for (int32_t k = 0; k < nd; k += kLanes) {
+      const VU16 kv = iota + uint16_t(k);
+      const VU16 valid = VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
+      const VU16 v = cost_lanes(l, rr + k) & valid;
+      total += v;
+      storev(c + k, v);
+    }
+    const uint16_t fill = k1 > k0 ? uint16_t(hsum16(total) / uint32_t(k1 - k0)) : uint16_t(bits / 2);
+    for (int32_t k = 0; k < nd; k += kLanes) {
+      const VU16 kv = iota + uint16_t(k);
+      const VU16 valid = VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
+      storev(c + k, (loadv<VU16>(c + k) & valid) | ((VU16{} + fill) & ~valid));
+    }
+  }
+}
+
+void cost_row(const void* left, const void* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits, bool wide,
+              uint16_t* cost) {
+  if (wide)
+    cost_row_words<uint64_t>(static_cast<const uint64_t*>(left), static_cast<const uint64_t*>(rightReversed), w, nd,
+                             dmin, bits, cost);
+  else
+    cost_row_words<uint32_t>(static_cast<const uint32_t*>(left), static_cast<const uint32_t*>(rightReversed), w, nd,
+                             dmin, bits, cost);
+}
+
+template <bool kSet>
+uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, uint16_t* out, const uint16_t* accIn,
+                   uint16_t* accOut, int32_t nd, uint16_t p1, uint16_t p2) {
+  const VU16 bound = VU16{} + uint16_t(minPrev + p2), vp1 = VU16{} + p1, vmin = VU16{} + minPrev;
+  VU16 newMin = VU16{} + uint16_t(0xFFFF);
+  for (int32_t k = 0; k < nd; k += kLanes) {
+    const VU16 a = min16(loadv<VU16>(prev + 1 + k), bound);
+    const VU16 nb = min16(loadv<VU16>(prev + k), loadv<VU16>(prev + 2 + k)) + vp1;
+    const VU16 l = loadv<VU16>(c + k) + min16(a, nb) - vmin;
+    storev(out + 1 + k, l);
+    newMin = min16(newMin, l);
+    storev(accOut + k, kSet ? l : adds16(loadv<VU16>(accIn + k), l));
+  }
+  return hmin16(newMin);
+}
+
+void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
+                uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
+  const VU16 iota = iota16(), ones = VU16{} + uint16_t(0xFFFF);
+  for (int32_t x = 0; x < w; ++x) {
+    const uint16_t* s = sum + size_t(x) * size_t(nd);
+    VU16 m = ones;
+    for (int32_t k = 0; k < nd; k += kLanes) m = min16(m, loadv<VU16>(s + k));
+    const uint16_t bestCost = hmin16(m);
+    const VU16 bv = VU16{} + bestCost;
+    // First index of the minimum; the right view's best costs (lanes outside the image land in
+    // the scratch ends of rowMin / rowDisp), stored reversed because j falls as k rises.
+    VU16 first = ones;
+    for (int32_t k = 0; k < nd; k += kLanes) {
+      const VU16 v = loadv<VU16>(s + k), kv = iota + uint16_t(k);
+      first = min16(first, kv | ~VU16(v == bv));
+      const int32_t base = x - dmin - k - (kLanes - 1);
+      const VU16 rm = reverse16(loadv<VU16>(rowMin + base));
+      const VU16 rd = reverse16(loadv<VU16>(rowDisp + base));
+      const VU16 better = VU16(v < rm);
+      storev(rowMin + base, reverse16((v & better) | (rm & ~better)));
+      storev(rowDisp + base, reverse16((kv & better) | (rd & ~better)));
+    }
+    const int32_t best = hmin16(first);
+    const uint16_t lo = uint16_t(best - 1);
+    VU16 o = ones;
+    for (int32_t k = 0; k < nd; k += kLanes) {
+      const VU16 kv = iota + uint16_t(k);
+      o = min16(o, loadv<VU16>(s + k) | VU16(VU16(kv - lo) <= uint16_t(2)));
+    }
+    const uint16_t other = hmin16(o);
+    if (uint32_t(other) * uint32_t(100 - uniqueness) < uint32_t(bestCost) * 100u) {
+      dl[x] = STEREO_INVALID;
+      kind[x] = 2;
+      continue;
+    }
+    dl[x] = refine(s, best, nd, dmin);
+    kind[x] = 0;
+  }
+}
+
+#endif  // VM_STEREO_VB
+
+// One row of every path of a pass, pixel by pixel in the pass's order.
+void aggregate_row(const StereoAggregateRow* a) {
+  const int32_t w = a->width, h = a->height, nd = a->nd, y = a->y;
+  const size_t rowStride = size_t(nd) + 2, pathRows = size_t(w + 2) * rowStride, minStride = size_t(w + 2);
+  const uint8_t* imgRow = a->img + size_t(y) * size_t(a->stride);
+  const uint16_t p1 = uint16_t(a->p1);
+  for (int32_t xi = 0; xi < w; ++xi) {
+    const int32_t x = a->forward ? xi : w - 1 - xi;
+    const uint16_t* c = a->cost + size_t(x) * size_t(nd);
+    uint16_t* acc = a->accOut + size_t(x) * size_t(nd);
+    const uint16_t* accIn = a->accIn != nullptr ? a->accIn + size_t(x) * size_t(nd) : nullptr;
+    const int32_t pix = imgRow[x];
+    for (int32_t r = 0; r < a->paths; ++r) {
+      const int32_t dx = a->dirs[r][0], dy = a->dirs[r][1];
+      const int32_t qx = x + dx, qy = y + dy;
+      const bool inside = qx >= 0 && qx < w && qy >= 0 && qy < h;
+      const uint16_t* src;
+      uint16_t minQ, p2;
+      if (inside) {
+        // The penalty for a jump shrinks across intensity edges, where depth edges are likely.
+        int32_t g = pix - a->img[size_t(qy) * size_t(a->stride) + size_t(qx)];
+        p2 = a->p2ForStep[g < 0 ? -g : g];
+        src = (dy == 0 ? a->pathCur : a->pathPrev) + size_t(r) * pathRows + size_t(x + 1 + dx) * rowStride;
+        minQ = (dy == 0 ? a->minCur : a->minPrev)[size_t(r) * minStride + size_t(x + 1 + dx)];
+      } else {
+        // Path start: column 0 of the previous rows holds zeros, so L = C.
+        p2 = uint16_t(a->p2);
+        src = a->pathPrev + size_t(r) * pathRows;
+        minQ = 0;
+      }
+      uint16_t* dst = a->pathCur + size_t(r) * pathRows + size_t(x + 1) * rowStride;
+      uint16_t m;
+      if (r == 0 && accIn == nullptr)
+        m = path_step<true>(src, minQ, c, dst, nullptr, acc, nd, p1, p2);
+      else
+        m = path_step<false>(src, minQ, c, dst, r == 0 ? accIn : acc, acc, nd, p1, p2);
+      a->minCur[size_t(r) * minStride + size_t(x + 1)] = m;
+    }
+  }
+}
+
+const StereoKernels kTable = {VM_STEREO_NAME, kLanes, census_row, cost_row, aggregate_row, select_row};
+
+}  // namespace
+
+const StereoKernels* VM_STEREO_TABLE(void) {
+  return &kTable;
+}
