@@ -137,8 +137,17 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
     reset_rows(b->pathCur, b->minCur, paths, w, nd);
     for (int32_t yi = 0; yi < h; ++yi) {
       const int32_t y = forward ? yi : h - 1 - yi;
-      uint16_t* volumeRow = b->sum + size_t(y) * size_t(w) * size_t(nd);
-      costs_of_row(k, b, y);
+      const size_t rowCells = size_t(w) * size_t(nd);
+      uint16_t* volumeRow = b->sum + size_t(y) * rowCells;
+      // Costs are at most 64 (census bits): computed once, kept as bytes for the way back.
+      uint8_t* __restrict costRow = b->costs + size_t(y) * rowCells;
+      uint16_t* __restrict cost = b->cost;
+      if (forward) {
+        costs_of_row(k, b, y);
+        for (size_t i = 0; i < rowCells; ++i) costRow[i] = uint8_t(cost[i]);
+      } else {
+        for (size_t i = 0; i < rowCells; ++i) cost[i] = costRow[i];
+      }
       row.y = y;
       row.accIn = forward ? nullptr : volumeRow;
       row.accOut = forward ? volumeRow : b->rowSum;
@@ -316,6 +325,7 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->padded = static_cast<uint8_t*>(malloc(padded_bytes(p->width, p->height)));
   b->reversed = static_cast<uint64_t*>(calloc(scratch, 8));
   b->cost = static_cast<uint16_t*>(malloc(w * nd * 2));
+  b->costs = static_cast<uint8_t*>(malloc(volume));
   b->sum = static_cast<uint16_t*>(malloc(volume * 2));
   b->rowSum = static_cast<uint16_t*>(malloc(w * nd * 2));
   b->pathPrev = static_cast<uint16_t*>(malloc(rows * 2));
@@ -331,9 +341,9 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->stack = static_cast<int32_t*>(malloc(n * 4));
   b->holeKind = static_cast<uint8_t*>(malloc(n));
   b->bytes = bytes;
-  if (!b->censusL || !b->censusR || !b->padded || !b->reversed || !b->cost || !b->sum || !b->rowSum || !b->pathPrev ||
-      !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->candidates || !b->dispL ||
-      !b->dispR || !b->labels || !b->stack || !b->holeKind) {
+  if (!b->censusL || !b->censusR || !b->padded || !b->reversed || !b->cost || !b->costs || !b->sum || !b->rowSum ||
+      !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->candidates ||
+      !b->dispL || !b->dispR || !b->labels || !b->stack || !b->holeKind) {
     stereo_free(b);
     return false;
   }
@@ -346,6 +356,7 @@ void stereo_free(StereoBuffers* b) {
   free(b->padded);
   free(b->reversed);
   free(b->cost);
+  free(b->costs);
   free(b->sum);
   free(b->rowSum);
   free(b->pathPrev);

@@ -36,6 +36,7 @@ struct StereoBuffers {
   uint8_t* padded;     // (width + 2 x 4 + 32) x (height + 2 x 3): the image with repeated borders
   uint64_t* reversed;  // one right-view row reversed, with zero margins (see StereoCostRowFn)
   uint16_t* cost;      // width x disparities: the costs of the row being aggregated
+  uint8_t* costs;      // width x height x disparities: the costs, kept for the backward pass
   uint16_t* sum;       // width x height x disparities: forward paths, summed
   uint16_t* rowSum;    // width x disparities: all paths of the row being selected
   uint16_t p2ForStep[256];

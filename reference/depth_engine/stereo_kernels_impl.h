@@ -218,17 +218,26 @@ inline VU16 adds16(VU16 a, VU16 b) {
 }
 
 inline uint16_t hmin16(VU16 v) {
-#if VM_STEREO_VB == 32
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  // Halves, then the minimum of eight in one instruction.
+  const __m128i m = _mm_min_epu16(_mm256_castsi256_si128(__m256i(v)), _mm256_extracti128_si256(__m256i(v), 1));
+  return uint16_t(_mm_cvtsi128_si32(_mm_minpos_epu16(m)));
+#elif VM_STEREO_VB == 32
   v = min16(v, __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15, 0, 1, 2, 3, 4, 5, 6, 7));
   v = min16(v, __builtin_shufflevector(v, v, 4, 5, 6, 7, 0, 1, 2, 3, 12, 13, 14, 15, 8, 9, 10, 11));
   v = min16(v, __builtin_shufflevector(v, v, 2, 3, 0, 1, 6, 7, 4, 5, 10, 11, 8, 9, 14, 15, 12, 13));
   v = min16(v, __builtin_shufflevector(v, v, 1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14));
+  return v[0];
+#elif defined(VM_STEREO_X86) && defined(__SSE4_1__)
+  return uint16_t(_mm_cvtsi128_si32(_mm_minpos_epu16(__m128i(v))));
+#elif defined(VM_STEREO_NEON) && defined(__aarch64__)
+  return vminvq_u16(uint16x8_t(v));
 #else
   v = min16(v, __builtin_shufflevector(v, v, 4, 5, 6, 7, 0, 1, 2, 3));
   v = min16(v, __builtin_shufflevector(v, v, 2, 3, 0, 1, 6, 7, 4, 5));
   v = min16(v, __builtin_shufflevector(v, v, 1, 0, 3, 2, 5, 4, 7, 6));
-#endif
   return v[0];
+#endif
 }
 
 inline uint32_t hsum16(VU16 v) {
