@@ -8,7 +8,7 @@
 
 namespace {
 
-const int32_t kMaxPaths = 4;  // per pass
+const int32_t kMaxPaths = 5;  // path regions per pass: 4, or 4 + 1 in a single pass
 const uint16_t kSentinel = 0x3FFF;
 const int32_t kPadX = 4, kPadY = 3, kPadSlack = 32;  // the widest census window and vector slack
 
@@ -79,6 +79,17 @@ void reset_rows(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_
   memset(mins, 0, size_t(paths) * size_t(w + 2) * sizeof(uint16_t));
 }
 
+void reset_rows8(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_t nd) {
+  size_t stride = size_t(nd) + 2;
+  uint8_t* bytes = reinterpret_cast<uint8_t*>(rows);
+  for (int32_t i = 0; i < paths * (w + 2); ++i) {
+    uint8_t* r = bytes + size_t(i) * stride;
+    memset(r, 0, stride);
+    r[0] = r[nd + 1] = 0xFF;
+  }
+  memset(mins, 0, size_t(paths) * size_t(w + 2) * sizeof(uint16_t));
+}
+
 // Costs of row y into b->cost: the right row reversed so that each pixel's disparities read
 // forwards, then the kernel.
 void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y) {
@@ -102,15 +113,49 @@ void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y) {
   }
 }
 
-// The two passes. Forward (top to bottom) sums its paths into the volume; backward adds its
-// own into one row and selects that row's disparities at once, so the volume is written once
-// and read once.
+// Winner-take-all of row y from b->rowSum, the right view's disparities, then the left-right
+// check.
+void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y) {
+  const StereoParams& p = b->params;
+  const int32_t w = p.width;
+  const size_t margin = reversed_margin(p), scratch = size_t(w) + 2 * margin;
+  int16_t* dl = b->dispL + size_t(y) * size_t(w);
+  int16_t* dr = b->dispR + size_t(y) * size_t(w);
+  uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
+  for (size_t i = 0; i < scratch; ++i) b->rowMin[i] = 0xFFFF, b->rowDisp[i] = STEREO_INVALID;
+  k->select_row(b->rowSum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin,
+                b->rowDisp + margin);
+  memcpy(dr, b->rowDisp + margin, size_t(w) * sizeof(int16_t));
+  for (int32_t x = 0; x < w; ++x) {
+    if (dl[x] == STEREO_INVALID) continue;
+    int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
+    int32_t xr = x - p.minDisparity - d;
+    // Outside the sub view, or the right view disagrees: filled from neighbours later.
+    if (xr < 0 || xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1) {
+      dl[x] = STEREO_INVALID;
+      kind[x] = 1;
+    }
+  }
+}
+
+// Costs of row y as 16-bit values in b->cost and as bytes in `bytesOut`.
+void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut) {
+  costs_of_row(k, b, y);
+  const uint16_t* __restrict cost = b->cost;
+  const size_t cells = size_t(b->params.width) * size_t(b->params.disparities);
+  for (size_t i = 0; i < cells; ++i) bytesOut[i] = uint8_t(cost[i]);  // at most 64 (census bits)
+}
+
+// Semi-global aggregation and selection. Two passes: forward (top to bottom) sums its paths
+// into the volume; backward adds its own into one row and selects that row at once, so the
+// volume is written once and read once. One pass: the forward paths plus the right-to-left
+// path of the same row, selected at once; no volume at all.
 void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height, nd = p.disparities;
   static const int32_t kForward[4][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}};
   static const int32_t kBackward[4][2] = {{1, 0}, {0, 1}, {1, 1}, {-1, 1}};
-  const int32_t paths = p.paths >= 8 ? 4 : 2;
+  const int32_t paths = p.paths >= 8 ? 4 : 2;  // per pass
   for (int32_t g = 0; g < 256; ++g) {
     int32_t a = p.p2 * 24 / (24 + g);
     b->p2ForStep[g] = uint16_t(a > p.p1 + 1 ? a : p.p1 + 1);
@@ -120,66 +165,88 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
   row.width = w;
   row.height = h;
   row.nd = nd;
-  row.paths = paths;
   row.img = img;
   row.stride = stride;
   row.cost = b->cost;
   row.p1 = p.p1;
   row.p2 = p.p2;
   row.p2ForStep = b->p2ForStep;
-  const size_t margin = reversed_margin(p);
-  const size_t scratch = size_t(w) + 2 * margin;
-  for (int pass = 0; pass < 2; ++pass) {
+  // Bytes are exact while a pass's two path costs, each at most cost + p2, fit in 255.
+  const int32_t p2Max = p.p2 > p.p1 + 1 ? p.p2 : p.p1 + 1;
+  const bool bytes = paths == 2 && p.p1 >= 0 && p.p2 >= 0 && 2 * (stereo_census_bits(p.quality) + p2Max) <= 255 &&
+                     nd % k->byteLanes == 0;
+  const size_t rowCells = size_t(w) * size_t(nd);
+  const size_t region = size_t(w + 2) * size_t(nd + 2) * (bytes ? 1 : 2), minRegion = size_t(w + 2);
+  const int32_t passes = p.passes == 1 ? 1 : 2;
+  for (int pass = 0; pass < passes; ++pass) {
     const bool forward = pass == 0;
-    row.forward = forward;
-    row.dirs = forward ? kForward : kBackward;
-    reset_rows(b->pathPrev, b->minPrev, paths, w, nd);
-    reset_rows(b->pathCur, b->minCur, paths, w, nd);
+    const int32_t regions = passes == 1 ? paths + 1 : paths;  // one pass: the right-to-left path too
+    if (bytes) {
+      reset_rows8(b->pathPrev, b->minPrev, regions, w, nd);
+      reset_rows8(b->pathCur, b->minCur, regions, w, nd);
+    } else {
+      reset_rows(b->pathPrev, b->minPrev, regions, w, nd);
+      reset_rows(b->pathCur, b->minCur, regions, w, nd);
+    }
     for (int32_t yi = 0; yi < h; ++yi) {
       const int32_t y = forward ? yi : h - 1 - yi;
-      const size_t rowCells = size_t(w) * size_t(nd);
       uint16_t* volumeRow = b->sum + size_t(y) * rowCells;
-      // Costs are at most 64 (census bits): computed once, kept as bytes for the way back.
-      uint8_t* __restrict costRow = b->costs + size_t(y) * rowCells;
-      uint16_t* __restrict cost = b->cost;
+      uint8_t* sums8 = reinterpret_cast<uint8_t*>(b->sum) + (passes == 1 ? 0 : size_t(y) * rowCells);
+      // Costs are computed once; two passes keep them as bytes for the way back.
+      uint8_t* costRow = b->costs + (passes == 1 ? 0 : size_t(y) * rowCells);
       if (forward) {
-        costs_of_row(k, b, y);
-        for (size_t i = 0; i < rowCells; ++i) costRow[i] = uint8_t(cost[i]);
-      } else {
-        for (size_t i = 0; i < rowCells; ++i) cost[i] = costRow[i];
+        costs_both(k, b, y, costRow);
+      } else if (!bytes) {
+        for (size_t i = 0; i < rowCells; ++i) b->cost[i] = costRow[i];
       }
       row.y = y;
-      row.accIn = forward ? nullptr : volumeRow;
-      row.accOut = forward ? volumeRow : b->rowSum;
+      row.forward = forward;
+      row.dirs = forward ? kForward : kBackward;
+      row.paths = paths;
+      row.cost8 = costRow;
       row.pathPrev = b->pathPrev;
       row.pathCur = b->pathCur;
       row.minPrev = b->minPrev;
       row.minCur = b->minCur;
-      k->aggregate_row(&row);
+      const bool last = passes == 1 || !forward;  // this call completes the row's sums
+      if (bytes) {
+        row.acc8In = forward ? nullptr : sums8;
+        row.acc8Out = forward ? sums8 : nullptr;
+        row.accIn = nullptr;
+        row.accOut = forward ? nullptr : b->rowSum;
+        k->aggregate_row8(&row);
+      } else {
+        row.accIn = forward ? nullptr : volumeRow;
+        row.accOut = passes == 1 ? b->rowSum : forward ? volumeRow : b->rowSum;
+        k->aggregate_row(&row);
+      }
+      if (passes == 1) {
+        // The right-to-left path of this row, in its own region of the path rows.
+        static const int32_t kRightToLeft[1][2] = {{1, 0}};
+        StereoAggregateRow back = row;
+        back.forward = false;
+        back.dirs = kRightToLeft;
+        back.paths = 1;
+        back.pathPrev = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(b->pathPrev) + size_t(paths) * region);
+        back.pathCur = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(b->pathCur) + size_t(paths) * region);
+        back.minPrev = b->minPrev + size_t(paths) * minRegion;
+        back.minCur = b->minCur + size_t(paths) * minRegion;
+        back.accIn = b->rowSum;
+        back.accOut = b->rowSum;
+        back.acc8In = sums8;
+        back.acc8Out = nullptr;
+        if (bytes)
+          k->aggregate_row8(&back);
+        else
+          k->aggregate_row(&back);
+      }
       uint16_t* t = b->pathPrev;
       b->pathPrev = b->pathCur;
       b->pathCur = t;
       t = b->minPrev;
       b->minPrev = b->minCur;
       b->minCur = t;
-      if (forward) continue;
-      // Winner-take-all, the right view's disparities, then the left-right check.
-      int16_t* dl = b->dispL + size_t(y) * size_t(w);
-      int16_t* dr = b->dispR + size_t(y) * size_t(w);
-      uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
-      for (size_t i = 0; i < scratch; ++i) b->rowMin[i] = 0xFFFF, b->rowDisp[i] = STEREO_INVALID;
-      k->select_row(b->rowSum, w, nd, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin, b->rowDisp + margin);
-      memcpy(dr, b->rowDisp + margin, size_t(w) * sizeof(int16_t));
-      for (int32_t x = 0; x < w; ++x) {
-        if (dl[x] == STEREO_INVALID) continue;
-        int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
-        int32_t xr = x - p.minDisparity - d;
-        // Outside the sub view, or the right view disagrees: filled from neighbours later.
-        if (xr < 0 || xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1) {
-          dl[x] = STEREO_INVALID;
-          kind[x] = 1;
-        }
-      }
+      if (last) select_row_and_check(k, b, y);
     }
   }
 }
@@ -287,6 +354,9 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   p->disparities = disparities;
   p->quality = quality >= 2 ? 2 : 1;
   p->paths = 4;
+  // Standard: one pass (left-right, right-left, top-down paths), no cost volume; high quality:
+  // two passes and the full window.
+  p->passes = p->quality == 2 ? 2 : 1;
   // Penalties in census bits: tuned on real scenes (more paths did not pay for themselves).
   p->p1 = p->quality == 2 ? 32 : 16;
   p->p2 = p->quality == 2 ? 128 : 64;

@@ -20,6 +20,7 @@ struct StereoParams {
   int32_t disparities;   // a multiple of 8
   int32_t quality;       // 1: sparse 9x7 census (30 bits); 2: full 9x7 census (62 bits)
   int32_t paths;         // 4 (horizontal and vertical) or 8 (plus diagonals)
+  int32_t passes;        // 2: all paths; 1: one top-to-bottom pass, the bottom-to-top paths left out
   int32_t p1, p2;        // smoothness penalties (0 = the mode's defaults)
   int32_t uniqueness;    // percent
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size

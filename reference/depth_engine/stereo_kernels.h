@@ -48,6 +48,13 @@ struct StereoAggregateRow {
   uint16_t* minCur;
   int32_t p1, p2;             // p2 where the previous pixel is outside the image
   const uint16_t* p2ForStep;  // 256 entries: p2 by |luma step| between the pixel and its predecessor
+  // Byte form (aggregate_row8): path costs, their rows and the forward sums in bytes, exact
+  // when 2 x (census bits + largest p2) <= 255 with two paths per pass, since a path cost never
+  // exceeds the cost plus p2. Forward pass: cost8 -> acc8Out; backward pass: acc8In plus the
+  // paths -> accOut (16-bit). pathPrev / pathCur then hold bytes, with sentinels of 255.
+  const uint8_t* cost8;
+  const uint8_t* acc8In;
+  uint8_t* acc8Out;
 };
 typedef void (*StereoAggregateRowFn)(const StereoAggregateRow* a);
 
@@ -60,10 +67,12 @@ typedef void (*StereoSelectRowFn)(const uint16_t* sum, int32_t width, int32_t nd
 
 struct StereoKernels {
   const char* name;
-  int32_t lanes;  // 16-bit lanes per vector; nd must be a multiple of this
+  int32_t lanes;      // 16-bit lanes per vector; nd must be a multiple of this
+  int32_t byteLanes;  // 8-bit lanes; aggregate_row8 needs nd to be a multiple of this
   StereoCensusRowFn census_row;
   StereoCostRowFn cost_row;
   StereoAggregateRowFn aggregate_row;
+  StereoAggregateRowFn aggregate_row8;
   StereoSelectRowFn select_row;
 };
 

@@ -40,6 +40,11 @@ inline uint16_t sat_add16(uint16_t a, uint16_t b) {
   return s < a ? uint16_t(0xFFFF) : s;
 }
 
+inline uint8_t sat_add8(uint8_t a, uint8_t b) {
+  uint32_t t = uint32_t(a) + uint32_t(b);
+  return uint8_t(t > 255 ? 255 : t);
+}
+
 // Right view word for left pixel x at disparity index k: right[x - dmin - k] = reversed[t0 + k].
 inline int32_t reversed_origin(int32_t x, int32_t w, int32_t dmin) {
   return w - 1 - x + dmin;
@@ -90,7 +95,7 @@ inline int16_t refine(const uint16_t* s, int32_t best, int32_t nd, int32_t dmin)
 
 // ---- plain reference ----
 
-const int32_t kLanes = 1;
+const int32_t kLanes = 1, kByteLanes = 1;
 
 void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, uint64_t* out) {
   census_row_scalar<uint64_t>(rows, 0, width, s, out);
@@ -135,6 +140,29 @@ uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, ui
   return newMin;
 }
 
+// The same step in bytes. kMode 0: acc8 = L; 1: acc8 += L; 2: acc16 = acc8In + L; 3: acc16 += L.
+template <int kMode>
+uint8_t path_step8(const uint8_t* prev, uint8_t minPrev, const uint8_t* c, uint8_t* out, const uint8_t* acc8In,
+                   uint8_t* acc8, uint16_t* acc16, int32_t nd, uint8_t p1, uint8_t p2) {
+  const uint8_t* lp = prev + 1;
+  uint8_t* lo = out + 1;
+  uint8_t bound = uint8_t(minPrev + p2);
+  uint8_t newMin = 0xFF;
+  for (int32_t k = 0; k < nd; ++k) {
+    uint8_t a = lp[k] < bound ? lp[k] : bound;
+    uint8_t nb = sat_add8(lp[k - 1] < lp[k + 1] ? lp[k - 1] : lp[k + 1], p1);
+    uint8_t v = a < nb ? a : nb;
+    uint8_t l = uint8_t(c[k] + v - minPrev);
+    lo[k] = l;
+    newMin = l < newMin ? l : newMin;
+    if (kMode == 0) acc8[k] = l;
+    if (kMode == 1) acc8[k] = sat_add8(acc8[k], l);
+    if (kMode == 2) acc16[k] = sat_add16(acc8In[k], l);
+    if (kMode == 3) acc16[k] = sat_add16(acc16[k], l);
+  }
+  return newMin;
+}
+
 void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
                 uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
   for (int32_t x = 0; x < w; ++x) {
@@ -171,8 +199,9 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
 
 // ---- vectors of VM_STEREO_VB bytes ----
 
-const int32_t kLanes = VM_STEREO_VB / 2;  // 16-bit lanes
+const int32_t kLanes = VM_STEREO_VB / 2, kByteLanes = VM_STEREO_VB;
 typedef uint8_t VU8 __attribute__((vector_size(VM_STEREO_VB)));
+typedef uint8_t VU8H __attribute__((vector_size(VM_STEREO_VB / 2)));
 typedef uint16_t VU16 __attribute__((vector_size(VM_STEREO_VB)));
 typedef int16_t VI16 __attribute__((vector_size(VM_STEREO_VB)));
 typedef uint32_t VU32 __attribute__((vector_size(VM_STEREO_VB)));
@@ -238,6 +267,63 @@ inline uint16_t hmin16(VU16 v) {
   v = min16(v, __builtin_shufflevector(v, v, 1, 0, 3, 2, 5, 4, 7, 6));
   return v[0];
 #endif
+}
+
+inline VU8 min8(VU8 a, VU8 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU8(_mm256_min_epu8(__m256i(a), __m256i(b)));
+#elif defined(VM_STEREO_X86)
+  return VU8(_mm_min_epu8(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_NEON)
+  return VU8(vminq_u8(uint8x16_t(a), uint8x16_t(b)));
+#else
+  return a < b ? a : b;
+#endif
+}
+
+inline VU8 adds8(VU8 a, VU8 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU8(_mm256_adds_epu8(__m256i(a), __m256i(b)));
+#elif defined(VM_STEREO_X86)
+  return VU8(_mm_adds_epu8(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_NEON)
+  return VU8(vqaddq_u8(uint8x16_t(a), uint8x16_t(b)));
+#else
+  VU8 s = a + b;
+  return s | VU8(s < a);
+#endif
+}
+
+inline uint8_t hmin8(VU8 v) {
+#if defined(VM_STEREO_X86) && (VM_STEREO_VB == 32 || defined(__SSE4_1__))
+#if VM_STEREO_VB == 32
+  __m128i m = _mm_min_epu8(_mm256_castsi256_si128(__m256i(v)), _mm256_extracti128_si256(__m256i(v), 1));
+#else
+  __m128i m = __m128i(v);
+#endif
+  // Pairs of bytes into 16-bit lanes, then the minimum of eight in one instruction.
+  m = _mm_min_epu8(m, _mm_srli_epi16(m, 8));
+  m = _mm_and_si128(m, _mm_set1_epi16(0xFF));
+  return uint8_t(_mm_cvtsi128_si32(_mm_minpos_epu16(m)));
+#elif defined(VM_STEREO_NEON) && defined(__aarch64__)
+  return vminvq_u8(uint8x16_t(v));
+#else
+  uint8_t m = v[0];
+  for (int32_t i = 1; i < kByteLanes; ++i) m = v[i] < m ? v[i] : m;
+  return m;
+#endif
+}
+
+// Bytes kByteLanes / 2 .. of a vector (half 0 or 1) widened to 16 bits.
+inline VU16 widen8(VU8 v, int half) {
+#if VM_STEREO_VB == 32
+  const VU8H lo = __builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+  const VU8H hi = __builtin_shufflevector(v, v, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31);
+#else
+  const VU8H lo = __builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7);
+  const VU8H hi = __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15);
+#endif
+  return __builtin_convertvector(half == 0 ? lo : hi, VU16);
 }
 
 inline uint32_t hsum16(VU16 v) {
@@ -390,6 +476,30 @@ uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, ui
   return hmin16(newMin);
 }
 
+template <int kMode>
+uint8_t path_step8(const uint8_t* prev, uint8_t minPrev, const uint8_t* c, uint8_t* out, const uint8_t* acc8In,
+                   uint8_t* acc8, uint16_t* acc16, int32_t nd, uint8_t p1, uint8_t p2) {
+  const VU8 bound = VU8{} + uint8_t(minPrev + p2), vp1 = VU8{} + p1, vmin = VU8{} + minPrev;
+  VU8 newMin = VU8{} + uint8_t(0xFF);
+  for (int32_t k = 0; k < nd; k += kByteLanes) {
+    const VU8 a = min8(loadv<VU8>(prev + 1 + k), bound);
+    const VU8 nb = adds8(min8(loadv<VU8>(prev + k), loadv<VU8>(prev + 2 + k)), vp1);
+    const VU8 l = loadv<VU8>(c + k) + min8(a, nb) - vmin;
+    storev(out + 1 + k, l);
+    newMin = min8(newMin, l);
+    if (kMode == 0) storev(acc8 + k, l);
+    if (kMode == 1) storev(acc8 + k, adds8(loadv<VU8>(acc8 + k), l));
+    if (kMode >= 2) {
+      const uint16_t* from = kMode == 2 ? nullptr : acc16 + k;
+      VU16 s0 = kMode == 2 ? widen8(loadv<VU8>(acc8In + k), 0) : loadv<VU16>(from);
+      VU16 s1 = kMode == 2 ? widen8(loadv<VU8>(acc8In + k), 1) : loadv<VU16>(from + kLanes);
+      storev(acc16 + k, adds16(s0, widen8(l, 0)));
+      storev(acc16 + k + kLanes, adds16(s1, widen8(l, 1)));
+    }
+  }
+  return hmin8(newMin);
+}
+
 void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
                 uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
   const VU16 iota = iota16(), ones = VU16{} + uint16_t(0xFFFF);
@@ -473,7 +583,49 @@ void aggregate_row(const StereoAggregateRow* a) {
   }
 }
 
-const StereoKernels kTable = {VM_STEREO_NAME, kLanes, census_row, cost_row, aggregate_row, select_row};
+// The byte form of aggregate_row (see StereoAggregateRow).
+void aggregate_row8(const StereoAggregateRow* a) {
+  const int32_t w = a->width, h = a->height, nd = a->nd, y = a->y;
+  const size_t rowStride = size_t(nd) + 2, pathRows = size_t(w + 2) * rowStride, minStride = size_t(w + 2);
+  const uint8_t* imgRow = a->img + size_t(y) * size_t(a->stride);
+  uint8_t* pathPrev = reinterpret_cast<uint8_t*>(a->pathPrev);
+  uint8_t* pathCur = reinterpret_cast<uint8_t*>(a->pathCur);
+  const uint8_t p1 = uint8_t(a->p1);
+  for (int32_t xi = 0; xi < w; ++xi) {
+    const int32_t x = a->forward ? xi : w - 1 - xi;
+    const size_t at = size_t(x) * size_t(nd);
+    const uint8_t* c = a->cost8 + at;
+    const int32_t pix = imgRow[x];
+    for (int32_t r = 0; r < a->paths; ++r) {
+      const int32_t dx = a->dirs[r][0], dy = a->dirs[r][1];
+      const int32_t qx = x + dx, qy = y + dy;
+      const uint8_t* src;
+      uint8_t minQ, p2;
+      if (qx >= 0 && qx < w && qy >= 0 && qy < h) {
+        int32_t g = pix - a->img[size_t(qy) * size_t(a->stride) + size_t(qx)];
+        p2 = uint8_t(a->p2ForStep[g < 0 ? -g : g]);
+        src = (dy == 0 ? pathCur : pathPrev) + size_t(r) * pathRows + size_t(x + 1 + dx) * rowStride;
+        minQ = uint8_t((dy == 0 ? a->minCur : a->minPrev)[size_t(r) * minStride + size_t(x + 1 + dx)]);
+      } else {
+        p2 = uint8_t(a->p2);
+        src = pathPrev + size_t(r) * pathRows;
+        minQ = 0;
+      }
+      uint8_t* dst = pathCur + size_t(r) * pathRows + size_t(x + 1) * rowStride;
+      uint8_t m;
+      if (a->acc8In == nullptr)
+        m = r == 0 ? path_step8<0>(src, minQ, c, dst, nullptr, a->acc8Out + at, nullptr, nd, p1, p2)
+                   : path_step8<1>(src, minQ, c, dst, nullptr, a->acc8Out + at, nullptr, nd, p1, p2);
+      else
+        m = r == 0 ? path_step8<2>(src, minQ, c, dst, a->acc8In + at, nullptr, a->accOut + at, nd, p1, p2)
+                   : path_step8<3>(src, minQ, c, dst, nullptr, nullptr, a->accOut + at, nd, p1, p2);
+      a->minCur[size_t(r) * minStride + size_t(x + 1)] = m;
+    }
+  }
+}
+
+const StereoKernels kTable = {VM_STEREO_NAME, kLanes,        kByteLanes,     census_row,
+                              cost_row,       aggregate_row, aggregate_row8, select_row};
 
 }  // namespace
 
