@@ -8,7 +8,7 @@
 
 namespace {
 
-const int32_t kMaxPaths = 5;  // path regions per pass: 4, or 4 + 1 in a single pass
+const int32_t kMaxPaths = 4;  // path regions per pass
 const uint16_t kSentinel = 0x3FFF;
 const int32_t kPadX = 4, kPadY = 3, kPadSlack = 32;  // the widest census window and vector slack
 
@@ -171,16 +171,47 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
   row.p1 = p.p1;
   row.p2 = p.p2;
   row.p2ForStep = b->p2ForStep;
-  // Bytes are exact while a pass's two path costs, each at most cost + p2, fit in 255.
+  // Bytes are exact while c + min(...) stays within 255: path costs never exceed cost + p2, and
+  // a two-pass forward sum holds two of them.
   const int32_t p2Max = p.p2 > p.p1 + 1 ? p.p2 : p.p1 + 1;
-  const bool bytes = paths == 2 && p.p1 >= 0 && p.p2 >= 0 && 2 * (stereo_census_bits(p.quality) + p2Max) <= 255 &&
-                     nd % k->byteLanes == 0;
-  const size_t rowCells = size_t(w) * size_t(nd);
-  const size_t region = size_t(w + 2) * size_t(nd + 2) * (bytes ? 1 : 2), minRegion = size_t(w + 2);
   const int32_t passes = p.passes == 1 ? 1 : 2;
-  for (int pass = 0; pass < passes; ++pass) {
+  const bool bytes = p.bytePaths && (paths == 2 || passes == 1) && p.p1 >= 0 && p.p2 >= 0 &&
+                     2 * (stereo_census_bits(p.quality) + p2Max) <= 255 && nd % k->byteLanes == 0;
+  if (passes == 1) {
+    if (bytes) {
+      reset_rows8(b->pathPrev, b->minPrev, 3, w, nd);
+      reset_rows8(b->pathCur, b->minCur, 3, w, nd);
+    } else {
+      reset_rows(b->pathPrev, b->minPrev, 3, w, nd);
+      reset_rows(b->pathCur, b->minCur, 3, w, nd);
+    }
+    row.cost8 = b->costs;
+    row.accOut = b->rowSum;
+    for (int32_t y = 0; y < h; ++y) {
+      costs_both(k, b, y, b->costs);
+      row.y = y;
+      row.pathPrev = b->pathPrev;
+      row.pathCur = b->pathCur;
+      row.minPrev = b->minPrev;
+      row.minCur = b->minCur;
+      if (bytes)
+        k->aggregate_one_pass8(&row);
+      else
+        k->aggregate_one_pass16(&row);
+      uint16_t* t = b->pathPrev;
+      b->pathPrev = b->pathCur;
+      b->pathCur = t;
+      t = b->minPrev;
+      b->minPrev = b->minCur;
+      b->minCur = t;
+      select_row_and_check(k, b, y);
+    }
+    return;
+  }
+  const size_t rowCells = size_t(w) * size_t(nd);
+  for (int pass = 0; pass < 2; ++pass) {
     const bool forward = pass == 0;
-    const int32_t regions = passes == 1 ? paths + 1 : paths;  // one pass: the right-to-left path too
+    const int32_t regions = paths;
     if (bytes) {
       reset_rows8(b->pathPrev, b->minPrev, regions, w, nd);
       reset_rows8(b->pathCur, b->minCur, regions, w, nd);
@@ -191,9 +222,9 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
     for (int32_t yi = 0; yi < h; ++yi) {
       const int32_t y = forward ? yi : h - 1 - yi;
       uint16_t* volumeRow = b->sum + size_t(y) * rowCells;
-      uint8_t* sums8 = reinterpret_cast<uint8_t*>(b->sum) + (passes == 1 ? 0 : size_t(y) * rowCells);
-      // Costs are computed once; two passes keep them as bytes for the way back.
-      uint8_t* costRow = b->costs + (passes == 1 ? 0 : size_t(y) * rowCells);
+      uint8_t* sums8 = reinterpret_cast<uint8_t*>(b->sum) + size_t(y) * rowCells;
+      // Costs are computed once and kept as bytes for the way back.
+      uint8_t* costRow = b->costs + size_t(y) * rowCells;
       if (forward) {
         costs_both(k, b, y, costRow);
       } else if (!bytes) {
@@ -208,7 +239,6 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       row.pathCur = b->pathCur;
       row.minPrev = b->minPrev;
       row.minCur = b->minCur;
-      const bool last = passes == 1 || !forward;  // this call completes the row's sums
       if (bytes) {
         row.acc8In = forward ? nullptr : sums8;
         row.acc8Out = forward ? sums8 : nullptr;
@@ -217,28 +247,8 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
         k->aggregate_row8(&row);
       } else {
         row.accIn = forward ? nullptr : volumeRow;
-        row.accOut = passes == 1 ? b->rowSum : forward ? volumeRow : b->rowSum;
+        row.accOut = forward ? volumeRow : b->rowSum;
         k->aggregate_row(&row);
-      }
-      if (passes == 1) {
-        // The right-to-left path of this row, in its own region of the path rows.
-        static const int32_t kRightToLeft[1][2] = {{1, 0}};
-        StereoAggregateRow back = row;
-        back.forward = false;
-        back.dirs = kRightToLeft;
-        back.paths = 1;
-        back.pathPrev = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(b->pathPrev) + size_t(paths) * region);
-        back.pathCur = reinterpret_cast<uint16_t*>(reinterpret_cast<uint8_t*>(b->pathCur) + size_t(paths) * region);
-        back.minPrev = b->minPrev + size_t(paths) * minRegion;
-        back.minCur = b->minCur + size_t(paths) * minRegion;
-        back.accIn = b->rowSum;
-        back.accOut = b->rowSum;
-        back.acc8In = sums8;
-        back.acc8Out = nullptr;
-        if (bytes)
-          k->aggregate_row8(&back);
-        else
-          k->aggregate_row(&back);
       }
       uint16_t* t = b->pathPrev;
       b->pathPrev = b->pathCur;
@@ -246,7 +256,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       t = b->minPrev;
       b->minPrev = b->minCur;
       b->minCur = t;
-      if (last) select_row_and_check(k, b, y);
+      if (!forward) select_row_and_check(k, b, y);
     }
   }
 }
@@ -364,6 +374,7 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   p->speckleSize = clampi(width * height / 800, 8, 400);
   p->fill = true;
   p->simd = true;
+  p->bytePaths = true;
   return true;
 }
 

@@ -26,6 +26,7 @@ struct StereoParams {
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
   bool fill;             // fill holes so that the output is dense
   bool simd;             // the fastest kernels this processor runs; false: the plain reference
+  bool bytePaths;        // path costs in bytes where that is exact (same results, faster)
 };
 
 struct StereoBuffers {

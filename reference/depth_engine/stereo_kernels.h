@@ -73,6 +73,10 @@ struct StereoKernels {
   StereoCostRowFn cost_row;
   StereoAggregateRowFn aggregate_row;
   StereoAggregateRowFn aggregate_row8;
+  // One pass (left to right, top-down, right to left) of row y into accOut, 16-bit or byte
+  // form (cost / cost8 and the path rows accordingly); regions 0..2 of the path rows.
+  StereoAggregateRowFn aggregate_one_pass16;
+  StereoAggregateRowFn aggregate_one_pass8;
   StereoSelectRowFn select_row;
 };
 

@@ -195,6 +195,32 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
   }
 }
 
+// A path step without sums (the one-pass form sums its three paths afterwards), in bytes
+// (jumps saturate) or 16 bits (as path_step).
+template <typename T>
+T path_only(const T* prev, T minPrev, const T* c, T* out, int32_t nd, T p1, T p2) {
+  const T* lp = prev + 1;
+  T* lo = out + 1;
+  const T bound = T(minPrev + p2);
+  T newMin = T(~T(0));
+  for (int32_t k = 0; k < nd; ++k) {
+    T a = lp[k] < bound ? lp[k] : bound;
+    T m = lp[k - 1] < lp[k + 1] ? lp[k - 1] : lp[k + 1];
+    T nb = sizeof(T) == 1 ? T(sat_add8(uint8_t(m), uint8_t(p1))) : T(m + p1);
+    T v = a < nb ? a : nb;
+    T l = T(c[k] + v - minPrev);
+    lo[k] = l;
+    newMin = l < newMin ? l : newMin;
+  }
+  return newMin;
+}
+
+// out = (a + b) + c, saturating.
+template <typename T>
+void sum3(const T* a, const T* b, const T* c, uint16_t* out, int32_t nd) {
+  for (int32_t k = 0; k < nd; ++k) out[k] = sat_add16(sat_add16(a[k], b[k]), c[k]);
+}
+
 #else
 
 // ---- vectors of VM_STEREO_VB bytes ----
@@ -540,6 +566,54 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
   }
 }
 
+template <typename T>
+struct Lanes;
+template <>
+struct Lanes<uint8_t> {
+  typedef VU8 V;
+  static const int32_t n = kByteLanes;
+  static V vmin(V a, V b) { return min8(a, b); }
+  static V jump(V a, V b) { return adds8(a, b); }
+  static uint8_t hmin(V v) { return hmin8(v); }
+};
+template <>
+struct Lanes<uint16_t> {
+  typedef VU16 V;
+  static const int32_t n = kLanes;
+  static V vmin(V a, V b) { return min16(a, b); }
+  static V jump(V a, V b) { return a + b; }
+  static uint16_t hmin(V v) { return hmin16(v); }
+};
+
+template <typename T>
+T path_only(const T* prev, T minPrev, const T* c, T* out, int32_t nd, T p1, T p2) {
+  typedef Lanes<T> L;
+  typedef typename L::V V;
+  const V bound = V{} + T(minPrev + p2), vp1 = V{} + p1, vmin = V{} + minPrev;
+  V newMin = V{} + T(~T(0));
+  for (int32_t k = 0; k < nd; k += L::n) {
+    const V a = L::vmin(loadv<V>(prev + 1 + k), bound);
+    const V nb = L::jump(L::vmin(loadv<V>(prev + k), loadv<V>(prev + 2 + k)), vp1);
+    const V l = loadv<V>(c + k) + L::vmin(a, nb) - vmin;
+    storev(out + 1 + k, l);
+    newMin = L::vmin(newMin, l);
+  }
+  return L::hmin(newMin);
+}
+
+inline void sum3(const uint8_t* a, const uint8_t* b, const uint8_t* c, uint16_t* out, int32_t nd) {
+  for (int32_t k = 0; k < nd; k += kByteLanes) {
+    const VU8 va = loadv<VU8>(a + k), vb = loadv<VU8>(b + k), vc = loadv<VU8>(c + k);
+    storev(out + k, adds16(adds16(widen8(va, 0), widen8(vb, 0)), widen8(vc, 0)));
+    storev(out + k + kLanes, adds16(adds16(widen8(va, 1), widen8(vb, 1)), widen8(vc, 1)));
+  }
+}
+
+inline void sum3(const uint16_t* a, const uint16_t* b, const uint16_t* c, uint16_t* out, int32_t nd) {
+  for (int32_t k = 0; k < nd; k += kLanes)
+    storev(out + k, adds16(adds16(loadv<VU16>(a + k), loadv<VU16>(b + k)), loadv<VU16>(c + k)));
+}
+
 #endif  // VM_STEREO_VB
 
 // One row of every path of a pass, pixel by pixel in the pass's order.
@@ -624,8 +698,71 @@ void aggregate_row8(const StereoAggregateRow* a) {
   }
 }
 
-const StereoKernels kTable = {VM_STEREO_NAME, kLanes,        kByteLanes,     census_row,
-                              cost_row,       aggregate_row, aggregate_row8, select_row};
+// The one-pass form: the left-to-right, top-down and right-to-left paths of row y in regions
+// 0, 1 and 2 of the path rows, the two row directions walked together so that their serial
+// chains overlap, then accOut = (L0 + L1) + L2.
+template <typename T>
+void aggregate_one_pass(const StereoAggregateRow* a, const T* cost) {
+  const int32_t w = a->width, nd = a->nd, y = a->y;
+  const size_t rowStride = size_t(nd) + 2, region = size_t(w + 2) * rowStride, minStride = size_t(w + 2);
+  const uint8_t* imgRow = a->img + size_t(y) * size_t(a->stride);
+  const uint8_t* upRow = y > 0 ? imgRow - a->stride : imgRow;
+  T* prev = reinterpret_cast<T*>(a->pathPrev);
+  T* cur = reinterpret_cast<T*>(a->pathCur);
+  const T* zeros = prev;  // column 0 of region 0 is never written: a path start
+  const T p1 = T(a->p1), p2Start = T(a->p2);
+  T minLR = 0, minRL = 0;
+  for (int32_t xi = 0; xi < w; ++xi) {
+    // Left to right at x.
+    const int32_t x = xi;
+    const int32_t pix = imgRow[x];
+    int32_t g;
+    if (x > 0) {
+      g = pix - imgRow[x - 1];
+      minLR = path_only<T>(cur + size_t(x) * rowStride, minLR, cost + size_t(x) * size_t(nd),
+                           cur + size_t(x + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+    } else {
+      minLR = path_only<T>(zeros, T(0), cost, cur + rowStride, nd, p1, p2Start);
+    }
+    // Top-down at x.
+    T* vCur = cur + region + size_t(x + 1) * rowStride;
+    if (y > 0) {
+      g = pix - upRow[x];
+      a->minCur[minStride + size_t(x + 1)] =
+          path_only<T>(prev + region + size_t(x + 1) * rowStride, T(a->minPrev[minStride + size_t(x + 1)]),
+                       cost + size_t(x) * size_t(nd), vCur, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+    } else {
+      a->minCur[minStride + size_t(x + 1)] =
+          path_only<T>(zeros, T(0), cost + size_t(x) * size_t(nd), vCur, nd, p1, p2Start);
+    }
+    // Right to left at w - 1 - xi.
+    const int32_t xr = w - 1 - xi;
+    T* rCur = cur + 2 * region;
+    if (xr < w - 1) {
+      g = int32_t(imgRow[xr]) - imgRow[xr + 1];
+      minRL = path_only<T>(rCur + size_t(xr + 2) * rowStride, minRL, cost + size_t(xr) * size_t(nd),
+                           rCur + size_t(xr + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+    } else {
+      minRL =
+          path_only<T>(zeros, T(0), cost + size_t(xr) * size_t(nd), rCur + size_t(xr + 1) * rowStride, nd, p1, p2Start);
+    }
+  }
+  for (int32_t x = 0; x < w; ++x) {
+    const size_t at = size_t(x + 1) * rowStride + 1;
+    sum3(cur + at, cur + region + at, cur + 2 * region + at, a->accOut + size_t(x) * size_t(nd), nd);
+  }
+}
+
+void aggregate_one_pass16(const StereoAggregateRow* a) {
+  aggregate_one_pass<uint16_t>(a, a->cost);
+}
+
+void aggregate_one_pass8(const StereoAggregateRow* a) {
+  aggregate_one_pass<uint8_t>(a, a->cost8);
+}
+
+const StereoKernels kTable = {VM_STEREO_NAME, kLanes,         kByteLanes,           census_row,          cost_row,
+                              aggregate_row,  aggregate_row8, aggregate_one_pass16, aggregate_one_pass8, select_row};
 
 }  // namespace
 
