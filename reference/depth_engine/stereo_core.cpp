@@ -472,7 +472,11 @@ void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t he
 
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack) {
+  if (width < 1 || height < 1 || width > 8192 || height > 8192) return;
   const size_t n = size_t(width) * size_t(height);
+  // Row of index i without a division: i * recip >> 40 is exact for i < 2^26 and width <= 8192
+  // (the error stays below 2^-14 < 1 / width).
+  const uint64_t recip = ((uint64_t(1) << 40) + uint64_t(width) - 1) / uint64_t(width);
   for (size_t i = 0; i < n; ++i) labels[i] = 0;
   int32_t label = 0;
   for (size_t start = 0; start < n; ++start) {
@@ -487,7 +491,7 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
     while (head < top) {
       int32_t i = stack[head++];
       ++count;
-      int32_t x = i % width, y = i / width;
+      int32_t y = int32_t((uint64_t(uint32_t(i)) * recip) >> 40), x = i - y * width;
       const int32_t nb[4][2] = {{x - 1, y}, {x + 1, y}, {x, y - 1}, {x, y + 1}};
       for (const auto& q : nb) {
         if (q[0] < 0 || q[0] >= width || q[1] < 0 || q[1] >= height) continue;

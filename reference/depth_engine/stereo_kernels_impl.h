@@ -342,6 +342,13 @@ inline uint8_t hmin8(VU8 v) {
 
 // Bytes kByteLanes / 2 .. of a vector (half 0 or 1) widened to 16 bits.
 inline VU16 widen8(VU8 v, int half) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  const __m128i h = half == 0 ? _mm256_castsi256_si128(__m256i(v)) : _mm256_extracti128_si256(__m256i(v), 1);
+  return VU16(_mm256_cvtepu8_epi16(h));
+#elif defined(VM_STEREO_X86)
+  return half == 0 ? VU16(_mm_unpacklo_epi8(__m128i(v), _mm_setzero_si128()))
+                   : VU16(_mm_unpackhi_epi8(__m128i(v), _mm_setzero_si128()));
+#else
 #if VM_STEREO_VB == 32
   const VU8H lo = __builtin_shufflevector(v, v, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
   const VU8H hi = __builtin_shufflevector(v, v, 16, 17, 18, 19, 20, 21, 22, 23, 24, 25, 26, 27, 28, 29, 30, 31);
@@ -350,6 +357,7 @@ inline VU16 widen8(VU8 v, int half) {
   const VU8H hi = __builtin_shufflevector(v, v, 8, 9, 10, 11, 12, 13, 14, 15);
 #endif
   return __builtin_convertvector(half == 0 ? lo : hi, VU16);
+#endif
 }
 
 inline uint32_t hsum16(VU16 v) {
@@ -391,6 +399,33 @@ inline VU16 iota16() {
   return v;
 }
 
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+// Bit counts per byte from a 16-entry table (both 128-bit halves hold it).
+inline __m256i popcount_bytes(__m256i x) {
+  const __m256i table =
+      _mm256_setr_epi8(0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4, 0, 1, 1, 2, 1, 2, 2, 3, 1, 2, 2, 3, 2, 3, 3, 4);
+  const __m256i low = _mm256_set1_epi8(0x0F);
+  return _mm256_add_epi8(_mm256_shuffle_epi8(table, _mm256_and_si256(x, low)),
+                         _mm256_shuffle_epi8(table, _mm256_and_si256(_mm256_srli_epi16(x, 4), low)));
+}
+
+inline VU32 popcount32v(VU32 v) {
+  const __m256i pairs = _mm256_maddubs_epi16(popcount_bytes(__m256i(v)), _mm256_set1_epi8(1));
+  return VU32(_mm256_madd_epi16(pairs, _mm256_set1_epi16(1)));
+}
+
+inline VU64 popcount64v(VU64 v) {
+  return VU64(_mm256_sad_epu8(popcount_bytes(__m256i(v)), _mm256_setzero_si256()));
+}
+#elif defined(VM_STEREO_NEON)
+inline VU32 popcount32v(VU32 v) {
+  return VU32(vpaddlq_u16(vpaddlq_u8(vcntq_u8(uint8x16_t(v)))));
+}
+
+inline VU64 popcount64v(VU64 v) {
+  return VU64(vpaddlq_u32(vpaddlq_u16(vpaddlq_u8(vcntq_u8(uint8x16_t(v))))));
+}
+#else
 inline VU32 popcount32v(VU32 v) {
   v = v - ((v >> 1) & 0x55555555u);
   v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
@@ -407,6 +442,7 @@ inline VU64 popcount64v(VU64 v) {
   v = v + (v >> 16);
   return (v + (v >> 32)) & 0x7Full;
 }
+#endif
 
 // Census: per window offset one byte-wide comparison of VB pixels, appended to the byte that
 // holds that bit; bytes are joined into words at the end.
@@ -528,26 +564,25 @@ uint8_t path_step8(const uint8_t* prev, uint8_t minPrev, const uint8_t* c, uint8
 
 void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
                 uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
-  const VU16 iota = iota16(), ones = VU16{} + uint16_t(0xFFFF);
+  const VU16 iota = iota16(), reversedIota = reverse16(iota), ones = VU16{} + uint16_t(0xFFFF);
   for (int32_t x = 0; x < w; ++x) {
     const uint16_t* s = sum + size_t(x) * size_t(nd);
-    VU16 m = ones;
-    for (int32_t k = 0; k < nd; k += kLanes) m = min16(m, loadv<VU16>(s + k));
-    const uint16_t bestCost = hmin16(m);
-    const VU16 bv = VU16{} + bestCost;
-    // First index of the minimum; the right view's best costs (lanes outside the image land in
-    // the scratch ends of rowMin / rowDisp), stored reversed because j falls as k rises.
-    VU16 first = ones;
+    // Per lane: the minimum and the first index reaching it. The right view's best costs: lanes
+    // reversed because j falls as k rises; lanes outside the image land in the scratch ends.
+    VU16 m = ones, at = ones;
     for (int32_t k = 0; k < nd; k += kLanes) {
-      const VU16 v = loadv<VU16>(s + k), kv = iota + uint16_t(k);
-      first = min16(first, kv | ~VU16(v == bv));
+      const VU16 v = loadv<VU16>(s + k);
+      const VU16 lower = VU16(v < m);
+      m = min16(m, v);
+      at = ((iota + uint16_t(k)) & lower) | (at & ~lower);
       const int32_t base = x - dmin - k - (kLanes - 1);
-      const VU16 rm = reverse16(loadv<VU16>(rowMin + base));
-      const VU16 rd = reverse16(loadv<VU16>(rowDisp + base));
-      const VU16 better = VU16(v < rm);
-      storev(rowMin + base, reverse16((v & better) | (rm & ~better)));
-      storev(rowDisp + base, reverse16((kv & better) | (rd & ~better)));
+      const VU16 vr = reverse16(v), rm = loadv<VU16>(rowMin + base), rd = loadv<VU16>(rowDisp + base);
+      const VU16 better = VU16(vr < rm);
+      storev(rowMin + base, (vr & better) | (rm & ~better));
+      storev(rowDisp + base, ((reversedIota + uint16_t(k)) & better) | (rd & ~better));
     }
+    const uint16_t bestCost = hmin16(m);
+    const VU16 first = at | ~VU16(m == (VU16{} + bestCost));
     const int32_t best = hmin16(first);
     const uint16_t lo = uint16_t(best - 1);
     VU16 o = ones;
@@ -601,11 +636,12 @@ T path_only(const T* prev, T minPrev, const T* c, T* out, int32_t nd, T p1, T p2
   return L::hmin(newMin);
 }
 
+// The byte form is only used where two path costs fit a byte, so a + b is exact in bytes.
 inline void sum3(const uint8_t* a, const uint8_t* b, const uint8_t* c, uint16_t* out, int32_t nd) {
   for (int32_t k = 0; k < nd; k += kByteLanes) {
-    const VU8 va = loadv<VU8>(a + k), vb = loadv<VU8>(b + k), vc = loadv<VU8>(c + k);
-    storev(out + k, adds16(adds16(widen8(va, 0), widen8(vb, 0)), widen8(vc, 0)));
-    storev(out + k + kLanes, adds16(adds16(widen8(va, 1), widen8(vb, 1)), widen8(vc, 1)));
+    const VU8 ab = adds8(loadv<VU8>(a + k), loadv<VU8>(b + k)), vc = loadv<VU8>(c + k);
+    storev(out + k, adds16(widen8(ab, 0), widen8(vc, 0)));
+    storev(out + k + kLanes, adds16(widen8(ab, 1), widen8(vc, 1)));
   }
 }
 
