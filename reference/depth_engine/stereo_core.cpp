@@ -51,7 +51,8 @@ StereoCensusShape make_shape(bool sparse) {
   return s;
 }
 
-// The image with kPadX / kPadY repeated border pixels, then one census row per image row.
+// The image with kPadX / kPadY repeated border pixels, then one census row per image row
+// (32-bit words for shapes of at most 32 bits, else 64-bit).
 void census_image(const StereoKernels* k, const uint8_t* img, int32_t stride, int32_t w, int32_t h,
                   const StereoCensusShape* shape, uint8_t* padded, uint64_t* out) {
   const size_t ps = padded_stride(w);
@@ -65,7 +66,10 @@ void census_image(const StereoKernels* k, const uint8_t* img, int32_t stride, in
   const uint8_t* rows[2 * kPadY + 1];
   for (int32_t y = 0; y < h; ++y) {
     for (int32_t j = 0; j <= 2 * shape->ry; ++j) rows[j] = padded + size_t(y + kPadY - shape->ry + j) * ps + kPadX;
-    k->census_row(rows, w, shape, out + size_t(y) * size_t(w));
+    if (shape->count <= 32)
+      k->census_row(rows, w, shape, reinterpret_cast<uint32_t*>(out) + size_t(y) * size_t(w));
+    else
+      k->census_row(rows, w, shape, out + size_t(y) * size_t(w));
   }
 }
 
@@ -104,7 +108,7 @@ void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y) {
     k->cost_row(b->censusL + size_t(y) * size_t(w), rr, w, p.disparities, p.minDisparity, stereo_census_bits(p.quality),
                 true, b->cost);
   } else {
-    // 32-bit words: the census rows were packed by stereo_run.
+    // 32-bit words (the census of a narrow shape).
     const uint32_t* cr = reinterpret_cast<const uint32_t*>(b->censusR) + size_t(y) * size_t(w);
     uint32_t* rr = reinterpret_cast<uint32_t*>(b->reversed) + margin;
     for (int32_t t = 0; t < w; ++t) rr[t] = cr[w - 1 - t];
@@ -461,9 +465,18 @@ void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_
   // A tool and test entry: the engine's runs use the padded image allocated with the buffers.
   uint8_t* padded = static_cast<uint8_t*>(malloc(padded_bytes(width, height)));
   if (padded == nullptr) return;
-  census_image(kernels != nullptr ? kernels : stereo_kernels_plain(), img, stride, width, height,
-               stereo_census_shape(quality), padded, out);
+  const StereoCensusShape* shape = stereo_census_shape(quality);
+  census_image(kernels != nullptr ? kernels : stereo_kernels_plain(), img, stride, width, height, shape, padded, out);
   free(padded);
+  if (shape->count <= 32) {
+    // Widen the 32-bit words in place, from the end so that no word is overwritten unread.
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(out);
+    for (size_t i = size_t(width) * size_t(height); i-- > 0;) {
+      uint32_t v;
+      memcpy(&v, bytes + 4 * i, sizeof(v));
+      out[i] = v;
+    }
+  }
 }
 
 void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out) {
@@ -516,16 +529,6 @@ void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const
   const StereoCensusShape* shape = stereo_census_shape(p.quality);
   census_image(k, left, leftStride, w, h, shape, b->padded, b->censusL);
   census_image(k, right, rightStride, w, h, shape, b->padded, b->censusR);
-  if (p.quality < 2) {
-    // Narrow census: pack the words into 32 bits in place (each write lands before its read).
-    uint32_t* l32 = reinterpret_cast<uint32_t*>(b->censusL);
-    uint32_t* r32 = reinterpret_cast<uint32_t*>(b->censusR);
-    for (size_t i = 0; i < size_t(w) * size_t(h); ++i) {
-      uint32_t a = uint32_t(b->censusL[i]), c = uint32_t(b->censusR[i]);
-      l32[i] = a;
-      r32[i] = c;
-    }
-  }
   aggregate_and_select(k, b, left, leftStride);
   stereo_remove_speckles(b->dispL, w, h, p.speckleSize, STEREO_SUBPIXEL, b->labels, b->stack);
   const size_t n = size_t(w) * size_t(h);

@@ -17,10 +17,10 @@ struct StereoCensusShape {
   int8_t dx[STEREO_CENSUS_MAX_BITS], dy[STEREO_CENSUS_MAX_BITS];
 };
 
-// One row of census words. `rows[j]` is image row y - ry + j with rx repeated pixels on both
-// sides: rows[j][-rx .. width + rx - 1] readable, plus 32 bytes of slack at the right end.
-typedef void (*StereoCensusRowFn)(const uint8_t* const* rows, int32_t width, const StereoCensusShape* shape,
-                                  uint64_t* out);
+// One row of census words: 32-bit words when the shape has at most 32 bits, else 64-bit.
+// `rows[j]` is image row y - ry + j with rx repeated pixels on both sides: rows[j][-rx .. width
+// + rx - 1] readable, plus 32 bytes of slack at the right end.
+typedef void (*StereoCensusRowFn)(const uint8_t* const* rows, int32_t width, const StereoCensusShape* shape, void* out);
 
 // Costs of one row: cost[x * nd + k] = popcount(left[x] ^ right[x - dmin - k]) for the
 // disparities whose right pixel exists; the others get the mean of the pixel's real costs (or

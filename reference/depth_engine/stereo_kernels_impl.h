@@ -53,7 +53,7 @@ inline int32_t reversed_origin(int32_t x, int32_t w, int32_t dmin) {
 // Scalar pieces shared by every set (edge pixels and the parts that do not vectorise).
 
 template <typename Word>
-void census_row_scalar(const uint8_t* const* rows, int32_t x0, int32_t x1, const StereoCensusShape* s, uint64_t* out) {
+void census_row_scalar(const uint8_t* const* rows, int32_t x0, int32_t x1, const StereoCensusShape* s, Word* out) {
   const uint8_t* centre = rows[s->ry];
   for (int32_t x = x0; x < x1; ++x) {
     const int32_t c = centre[x];
@@ -97,8 +97,11 @@ inline int16_t refine(const uint16_t* s, int32_t best, int32_t nd, int32_t dmin)
 
 const int32_t kLanes = 1, kByteLanes = 1;
 
-void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, uint64_t* out) {
-  census_row_scalar<uint64_t>(rows, 0, width, s, out);
+void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, void* out) {
+  if (s->count <= 32)
+    census_row_scalar<uint32_t>(rows, 0, width, s, static_cast<uint32_t*>(out));
+  else
+    census_row_scalar<uint64_t>(rows, 0, width, s, static_cast<uint64_t*>(out));
 }
 
 void cost_row(const void* left, const void* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits, bool wide,
@@ -446,8 +449,43 @@ inline VU64 popcount64v(VU64 v) {
 
 // Census: per window offset one byte-wide comparison of VB pixels, appended to the byte that
 // holds that bit; bytes are joined into words at the end.
-void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, uint64_t* out) {
+// Four byte planes (bit 0..7, 8..15, ...) of VB pixels joined into VB 32-bit words.
+inline void join_words(const VU8* acc, uint32_t* out) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  const __m256i a0 = __m256i(acc[0]), a1 = __m256i(acc[1]), a2 = __m256i(acc[2]), a3 = __m256i(acc[3]);
+  const __m256i lo01 = _mm256_unpacklo_epi8(a0, a1), hi01 = _mm256_unpackhi_epi8(a0, a1);
+  const __m256i lo23 = _mm256_unpacklo_epi8(a2, a3), hi23 = _mm256_unpackhi_epi8(a2, a3);
+  const __m256i w0 = _mm256_unpacklo_epi16(lo01, lo23), w1 = _mm256_unpackhi_epi16(lo01, lo23);
+  const __m256i w2 = _mm256_unpacklo_epi16(hi01, hi23), w3 = _mm256_unpackhi_epi16(hi01, hi23);
+  // Each 128-bit half holds its own pixels: pixels 0..15 in the low halves, 16..31 in the high.
+  storev(out, _mm256_permute2x128_si256(w0, w1, 0x20));
+  storev(out + 8, _mm256_permute2x128_si256(w2, w3, 0x20));
+  storev(out + 16, _mm256_permute2x128_si256(w0, w1, 0x31));
+  storev(out + 24, _mm256_permute2x128_si256(w2, w3, 0x31));
+#elif VM_STEREO_VB == 16
+  const VU8 lo01 = __builtin_shufflevector(acc[0], acc[1], 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+  const VU8 hi01 =
+      __builtin_shufflevector(acc[0], acc[1], 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+  const VU8 lo23 = __builtin_shufflevector(acc[2], acc[3], 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6, 22, 7, 23);
+  const VU8 hi23 =
+      __builtin_shufflevector(acc[2], acc[3], 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13, 29, 14, 30, 15, 31);
+  storev(out, __builtin_shufflevector(VU16(lo01), VU16(lo23), 0, 8, 1, 9, 2, 10, 3, 11));
+  storev(out + 4, __builtin_shufflevector(VU16(lo01), VU16(lo23), 4, 12, 5, 13, 6, 14, 7, 15));
+  storev(out + 8, __builtin_shufflevector(VU16(hi01), VU16(hi23), 0, 8, 1, 9, 2, 10, 3, 11));
+  storev(out + 12, __builtin_shufflevector(VU16(hi01), VU16(hi23), 4, 12, 5, 13, 6, 14, 7, 15));
+#else
+  for (int32_t l = 0; l < VM_STEREO_VB; ++l)
+    out[l] = uint32_t(acc[0][l]) | uint32_t(acc[1][l]) << 8 | uint32_t(acc[2][l]) << 16 | uint32_t(acc[3][l]) << 24;
+#endif
+}
+
+// Census: per window offset one byte-wide comparison of VB pixels, appended to the byte that
+// holds that bit; bytes are joined into words at the end.
+void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusShape* s, void* out) {
   const int32_t bytes = (s->count + 7) / 8;
+  const bool narrow = s->count <= 32;
+  uint32_t* out32 = static_cast<uint32_t*>(out);
+  uint64_t* out64 = static_cast<uint64_t*>(out);
   const uint8_t* centre = rows[s->ry];
   int32_t x = 0;
   for (; x + VM_STEREO_VB <= width; x += VM_STEREO_VB) {
@@ -458,13 +496,20 @@ void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusSha
       const VU8 v = loadv<VU8>(rows[s->ry + s->dy[i]] + x + s->dx[i]);
       acc[j] = acc[j] + acc[j] - VU8(v < c);  // a true comparison is all ones: minus one adds the bit
     }
+    if (narrow) {
+      join_words(acc, out32 + x);
+      continue;
+    }
     for (int32_t l = 0; l < VM_STEREO_VB; ++l) {
       uint64_t word = 0;
       for (int32_t j = 0; j < bytes; ++j) word |= uint64_t(acc[j][l]) << (8 * j);
-      out[x + l] = word;
+      out64[x + l] = word;
     }
   }
-  census_row_scalar<uint64_t>(rows, x, width, s, out);
+  if (narrow)
+    census_row_scalar<uint32_t>(rows, x, width, s, out32);
+  else
+    census_row_scalar<uint64_t>(rows, x, width, s, out64);
 }
 
 // kLanes costs starting at disparity index k of one pixel.
@@ -571,15 +616,16 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
     // reversed because j falls as k rises; lanes outside the image land in the scratch ends.
     VU16 m = ones, at = ones;
     for (int32_t k = 0; k < nd; k += kLanes) {
+      // Unsigned "less than" as "the minimum moved": min and equality are single instructions.
       const VU16 v = loadv<VU16>(s + k);
-      const VU16 lower = VU16(v < m);
-      m = min16(m, v);
-      at = ((iota + uint16_t(k)) & lower) | (at & ~lower);
+      const VU16 lower = min16(m, v), kept = VU16(lower == m);
+      m = lower;
+      at = (at & kept) | ((iota + uint16_t(k)) & ~kept);
       const int32_t base = x - dmin - k - (kLanes - 1);
       const VU16 vr = reverse16(v), rm = loadv<VU16>(rowMin + base), rd = loadv<VU16>(rowDisp + base);
-      const VU16 better = VU16(vr < rm);
-      storev(rowMin + base, (vr & better) | (rm & ~better));
-      storev(rowDisp + base, ((reversedIota + uint16_t(k)) & better) | (rd & ~better));
+      const VU16 best = min16(rm, vr), same = VU16(best == rm);
+      storev(rowMin + base, best);
+      storev(rowDisp + base, (rd & same) | ((reversedIota + uint16_t(k)) & ~same));
     }
     const uint16_t bestCost = hmin16(m);
     const VU16 first = at | ~VU16(m == (VU16{} + bestCost));
@@ -588,7 +634,8 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
     VU16 o = ones;
     for (int32_t k = 0; k < nd; k += kLanes) {
       const VU16 kv = iota + uint16_t(k);
-      o = min16(o, loadv<VU16>(s + k) | VU16(VU16(kv - lo) <= uint16_t(2)));
+      const VU16 near = kv - lo;  // 0..2 for best - 1 .. best + 1
+      o = min16(o, loadv<VU16>(s + k) | VU16(min16(near, VU16{} + uint16_t(2)) == near));
     }
     const uint16_t other = hmin16(o);
     if (uint32_t(other) * uint32_t(100 - uniqueness) < uint32_t(bestCost) * 100u) {
