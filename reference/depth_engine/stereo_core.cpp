@@ -94,9 +94,9 @@ void reset_rows8(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32
   memset(mins, 0, size_t(paths) * size_t(w + 2) * sizeof(uint16_t));
 }
 
-// Costs of row y into b->cost: the right row reversed so that each pixel's disparities read
+// Costs of row y as bytes: the right row reversed so that each pixel's disparities read
 // forwards, then the kernel.
-void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y) {
+void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* out) {
   const StereoParams& p = b->params;
   const int32_t w = p.width;
   const bool wide = p.quality >= 2;
@@ -106,14 +106,14 @@ void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y) {
     uint64_t* rr = b->reversed + margin;
     for (int32_t t = 0; t < w; ++t) rr[t] = cr[w - 1 - t];
     k->cost_row(b->censusL + size_t(y) * size_t(w), rr, w, p.disparities, p.minDisparity, stereo_census_bits(p.quality),
-                true, b->cost);
+                true, out);
   } else {
     // 32-bit words (the census of a narrow shape).
     const uint32_t* cr = reinterpret_cast<const uint32_t*>(b->censusR) + size_t(y) * size_t(w);
     uint32_t* rr = reinterpret_cast<uint32_t*>(b->reversed) + margin;
     for (int32_t t = 0; t < w; ++t) rr[t] = cr[w - 1 - t];
     k->cost_row(reinterpret_cast<const uint32_t*>(b->censusL) + size_t(y) * size_t(w), rr, w, p.disparities,
-                p.minDisparity, stereo_census_bits(p.quality), false, b->cost);
+                p.minDisparity, stereo_census_bits(p.quality), false, out);
   }
 }
 
@@ -142,12 +142,13 @@ void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y) {
   }
 }
 
-// Costs of row y as 16-bit values in b->cost and as bytes in `bytesOut`.
-void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut) {
-  costs_of_row(k, b, y);
-  const uint16_t* __restrict cost = b->cost;
+// Costs of row y as bytes in `bytesOut` and, for the 16-bit aggregation, widened in b->cost.
+void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut, bool wide16) {
+  costs_of_row(k, b, y, bytesOut);
+  if (!wide16) return;
+  uint16_t* __restrict cost = b->cost;
   const size_t cells = size_t(b->params.width) * size_t(b->params.disparities);
-  for (size_t i = 0; i < cells; ++i) bytesOut[i] = uint8_t(cost[i]);  // at most 64 (census bits)
+  for (size_t i = 0; i < cells; ++i) cost[i] = bytesOut[i];
 }
 
 // Semi-global aggregation and selection. Two passes: forward (top to bottom) sums its paths
@@ -192,7 +193,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
     row.cost8 = b->costs;
     row.accOut = b->rowSum;
     for (int32_t y = 0; y < h; ++y) {
-      costs_both(k, b, y, b->costs);
+      costs_both(k, b, y, b->costs, !bytes);
       row.y = y;
       row.pathPrev = b->pathPrev;
       row.pathCur = b->pathCur;
@@ -230,7 +231,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       // Costs are computed once and kept as bytes for the way back.
       uint8_t* costRow = b->costs + size_t(y) * rowCells;
       if (forward) {
-        costs_both(k, b, y, costRow);
+        costs_both(k, b, y, costRow, !bytes);
       } else if (!bytes) {
         for (size_t i = 0; i < rowCells; ++i) b->cost[i] = costRow[i];
       }

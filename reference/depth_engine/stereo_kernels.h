@@ -22,13 +22,13 @@ struct StereoCensusShape {
 // + rx - 1] readable, plus 32 bytes of slack at the right end.
 typedef void (*StereoCensusRowFn)(const uint8_t* const* rows, int32_t width, const StereoCensusShape* shape, void* out);
 
-// Costs of one row: cost[x * nd + k] = popcount(left[x] ^ right[x - dmin - k]) for the
+// Costs of one row (bytes: at most 64): cost[x * nd + k] = popcount(left[x] ^ right[x - dmin - k]) for the
 // disparities whose right pixel exists; the others get the mean of the pixel's real costs (or
 // bits / 2 when there is none). `rightReversed[t]` holds right[width - 1 - t] for t in
 // 0..width-1 and zeros for t in -nd - |dmin| .. width + nd + |dmin| + 32. Words are 32 bits when
 // `wide` is false, else 64.
 typedef void (*StereoCostRowFn)(const void* left, const void* rightReversed, int32_t width, int32_t nd, int32_t dmin,
-                                int32_t bits, bool wide, uint16_t* cost);
+                                int32_t bits, bool wide, uint8_t* cost);
 
 // One row of path aggregation for `paths` directions whose previous pixel is (x + dx, y + dy)
 // with dy in {0, -1} seen in the pass's order (dx, dy already turned for a backward pass).

@@ -65,14 +65,14 @@ void census_row_scalar(const uint8_t* const* rows, int32_t x0, int32_t x1, const
 }
 
 template <typename Word>
-void cost_pixel_scalar(Word l, const Word* rr, int32_t k0, int32_t k1, int32_t nd, int32_t bits, uint16_t* c) {
+void cost_pixel_scalar(Word l, const Word* rr, int32_t k0, int32_t k1, int32_t nd, int32_t bits, uint8_t* c) {
   uint32_t total = 0;
   for (int32_t k = k0; k < k1; ++k) {
-    uint16_t v = uint16_t(sizeof(Word) == 8 ? pop64(l ^ rr[k]) : pop32(uint32_t(l ^ rr[k])));
+    uint8_t v = uint8_t(sizeof(Word) == 8 ? pop64(l ^ rr[k]) : pop32(uint32_t(l ^ rr[k])));
     c[k] = v;
     total += v;
   }
-  uint16_t fill = k1 > k0 ? uint16_t(total / uint32_t(k1 - k0)) : uint16_t(bits / 2);
+  uint8_t fill = k1 > k0 ? uint8_t(total / uint32_t(k1 - k0)) : uint8_t(bits / 2);
   for (int32_t k = 0; k < k0; ++k) c[k] = fill;
   for (int32_t k = k1; k < nd; ++k) c[k] = fill;
 }
@@ -105,7 +105,7 @@ void census_row(const uint8_t* const* rows, int32_t width, const StereoCensusSha
 }
 
 void cost_row(const void* left, const void* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits, bool wide,
-              uint16_t* cost) {
+              uint8_t* cost) {
   for (int32_t x = 0; x < w; ++x) {
     // Valid k: 0 <= x - dmin - k < w  <=>  x - dmin - w < k <= x - dmin.
     int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
@@ -526,39 +526,63 @@ inline VU16 cost_lanes(uint64_t l, const uint64_t* rr) {
   return narrow32(a, b);
 }
 
+inline void store_bytes(uint8_t* c, VU16 v) {
+  storev(c, __builtin_convertvector(v, VU8H));
+}
+
+// 32 costs of a pixel with 32-bit words straight to bytes: table bit counts, byte pairs and word
+// halves added, packed, and the 128-bit halves' interleave undone.
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+inline void cost_bytes32(uint32_t l, const uint32_t* rr, uint8_t* c) {
+  const __m256i lv = _mm256_set1_epi32(int32_t(l)), one = _mm256_set1_epi8(1);
+  __m256i h[4];
+  for (int32_t i = 0; i < 4; ++i)
+    h[i] = _mm256_maddubs_epi16(popcount_bytes(_mm256_xor_si256(loadv<__m256i>(rr + 8 * i), lv)), one);
+  const __m256i packed = _mm256_packus_epi16(_mm256_hadd_epi16(h[0], h[1]), _mm256_hadd_epi16(h[2], h[3]));
+  storev(c, _mm256_permutevar8x32_epi32(packed, _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7)));
+}
+#endif
+
+template <typename Word>
+inline void cost_bytes_inside(Word l, const Word* rr, int32_t nd, uint8_t* c) {
+  int32_t k = 0;
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  if (sizeof(Word) == 4)
+    for (; k + 32 <= nd; k += 32) cost_bytes32(uint32_t(l), reinterpret_cast<const uint32_t*>(rr) + k, c + k);
+#endif
+  for (; k < nd; k += kLanes) store_bytes(c + k, cost_lanes(l, rr + k));
+}
+
 template <typename Word>
 void cost_row_words(const Word* left, const Word* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits,
-                    uint16_t* cost) {
+                    uint8_t* cost) {
   const VU16 iota = iota16();
   for (int32_t x = 0; x < w; ++x) {
     const int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
     const Word* rr = rightReversed + reversed_origin(x, w, dmin);
-    uint16_t* c = cost + size_t(x) * size_t(nd);
+    uint8_t* c = cost + size_t(x) * size_t(nd);
     const Word l = left[x];
     if (k0 == 0 && k1 == nd) {
-      for (int32_t k = 0; k < nd; k += kLanes) storev(c + k, cost_lanes(l, rr + k));
+      cost_bytes_inside(l, rr, nd, c);
       continue;
     }
     // Near the sides: lanes whose right pixel is missing get the mean of the others.
     VU16 total = {};
     for (int32_t k = 0; k < nd; k += kLanes) {
       const VU16 kv = iota + uint16_t(k);
-      const VU16 valid = VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
-      const VU16 v = cost_lanes(l, rr + k) & valid;
-      total += v;
-      storev(c + k, v);
+      total += cost_lanes(l, rr + k) & VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
     }
     const uint16_t fill = k1 > k0 ? uint16_t(hsum16(total) / uint32_t(k1 - k0)) : uint16_t(bits / 2);
     for (int32_t k = 0; k < nd; k += kLanes) {
       const VU16 kv = iota + uint16_t(k);
       const VU16 valid = VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
-      storev(c + k, (loadv<VU16>(c + k) & valid) | ((VU16{} + fill) & ~valid));
+      store_bytes(c + k, (cost_lanes(l, rr + k) & valid) | ((VU16{} + fill) & ~valid));
     }
   }
 }
 
 void cost_row(const void* left, const void* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits, bool wide,
-              uint16_t* cost) {
+              uint8_t* cost) {
   if (wide)
     cost_row_words<uint64_t>(static_cast<const uint64_t*>(left), static_cast<const uint64_t*>(rightReversed), w, nd,
                              dmin, bits, cost);

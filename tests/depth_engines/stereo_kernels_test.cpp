@@ -51,13 +51,13 @@ TEST(StereoKernels, CensusMatchesTheReference) {
 
 // Costs of one row, with the right row reversed between zero margins as stereo_run lays it out.
 template <typename Word>
-std::vector<uint16_t> costs(const StereoKernels* k, const std::vector<Word>& left, const std::vector<Word>& right,
-                            int32_t nd, int32_t dmin, int32_t bits) {
+std::vector<uint8_t> costs(const StereoKernels* k, const std::vector<Word>& left, const std::vector<Word>& right,
+                           int32_t nd, int32_t dmin, int32_t bits) {
   const int32_t w = int32_t(left.size());
   const size_t margin = size_t(nd) + size_t(dmin < 0 ? -dmin : dmin) + 32;
   std::vector<Word> reversed(size_t(w) + 2 * margin, 0);
   for (int32_t t = 0; t < w; ++t) reversed[margin + size_t(t)] = right[size_t(w - 1 - t)];
-  std::vector<uint16_t> out(size_t(w) * size_t(nd), 0xABCD);
+  std::vector<uint8_t> out(size_t(w) * size_t(nd), 0xAB);
   k->cost_row(left.data(), reversed.data() + margin, w, nd, dmin, bits, sizeof(Word) == 8, out.data());
   return out;
 }
