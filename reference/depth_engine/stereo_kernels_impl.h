@@ -556,7 +556,6 @@ inline void cost_bytes_inside(Word l, const Word* rr, int32_t nd, uint8_t* c) {
 template <typename Word>
 void cost_row_words(const Word* left, const Word* rightReversed, int32_t w, int32_t nd, int32_t dmin, int32_t bits,
                     uint8_t* cost) {
-  const VU16 iota = iota16();
   for (int32_t x = 0; x < w; ++x) {
     const int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
     const Word* rr = rightReversed + reversed_origin(x, w, dmin);
@@ -566,18 +565,14 @@ void cost_row_words(const Word* left, const Word* rightReversed, int32_t w, int3
       cost_bytes_inside(l, rr, nd, c);
       continue;
     }
-    // Near the sides: lanes whose right pixel is missing get the mean of the others.
-    VU16 total = {};
-    for (int32_t k = 0; k < nd; k += kLanes) {
-      const VU16 kv = iota + uint16_t(k);
-      total += cost_lanes(l, rr + k) & VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
-    }
-    const uint16_t fill = k1 > k0 ? uint16_t(hsum16(total) / uint32_t(k1 - k0)) : uint16_t(bits / 2);
-    for (int32_t k = 0; k < nd; k += kLanes) {
-      const VU16 kv = iota + uint16_t(k);
-      const VU16 valid = VU16(kv >= uint16_t(k0)) & VU16(kv < uint16_t(k1));
-      store_bytes(c + k, (cost_lanes(l, rr + k) & valid) | ((VU16{} + fill) & ~valid));
-    }
+    // Near the sides: every lane computed (the margins are readable), then the lanes whose right
+    // pixel is missing get the mean of the others.
+    cost_bytes_inside(l, rr, nd, c);
+    uint32_t total = 0;
+    for (int32_t k = k0; k < k1; ++k) total += c[k];
+    const uint8_t fill = k1 > k0 ? uint8_t(total / uint32_t(k1 - k0)) : uint8_t(bits / 2);
+    memset(c, fill, size_t(k0));
+    memset(c + k1, fill, size_t(nd - k1));
   }
 }
 
