@@ -144,18 +144,41 @@ TEST(StereoKernels, WholeRunsMatchTheReferenceOnRandomPairs) {
   Rng r{17};
   for (const StereoKernels* k : vector_sets()) {
     for (int32_t quality : {1, 2}) {
-      for (int32_t paths : {4, 8}) {
-        StereoParams p;
-        ASSERT_TRUE(stereo_params_default(&p, 53, 21, paths == 4 ? -3 : 2, 32, quality));
-        p.paths = paths;
-        std::vector<uint8_t> left = random_image(r, p.width, p.height, 256), right = left;
-        for (size_t i = 0; i + 4 < right.size(); ++i) right[i] = left[i + 4];  // a 4-pixel shift plus noise
-        for (uint8_t& v : right) v = uint8_t(v ^ (r.next() % 8 == 0 ? 0x10 : 0));
-        EXPECT_EQ(run(stereo_kernels_plain(), p, left, right), run(k, p, left, right))
-            << k->name << " quality " << quality << " paths " << paths;
-        p.p2 = 60000;  // sums saturate
-        EXPECT_EQ(run(stereo_kernels_plain(), p, left, right), run(k, p, left, right)) << k->name << " saturating";
+      for (int32_t passes : {1, 2}) {
+        for (int32_t paths : {4, 8}) {
+          if (passes == 1 && paths == 8) continue;  // one pass always walks three paths
+          StereoParams p;
+          ASSERT_TRUE(stereo_params_default(&p, 53, 21, paths == 4 ? -3 : 2, 32, quality));
+          p.passes = passes;
+          p.paths = paths;
+          std::vector<uint8_t> left = random_image(r, p.width, p.height, 256), right = left;
+          for (size_t i = 0; i + 4 < right.size(); ++i) right[i] = left[i + 4];  // a 4-pixel shift plus noise
+          for (uint8_t& v : right) v = uint8_t(v ^ (r.next() % 8 == 0 ? 0x10 : 0));
+          const std::vector<int16_t> plain = run(stereo_kernels_plain(), p, left, right);
+          EXPECT_EQ(plain, run(k, p, left, right)) << k->name << " quality " << quality << " passes " << passes;
+          p.p2 = 60000;  // sums saturate
+          EXPECT_EQ(run(stereo_kernels_plain(), p, left, right), run(k, p, left, right)) << k->name << " saturating";
+        }
       }
+    }
+  }
+}
+
+// Byte path costs are used only where they are exact: the same maps as 16-bit ones.
+TEST(StereoKernels, BytePathCostsGiveTheSameMapsAsSixteenBit) {
+  Rng r{19};
+  std::vector<const StereoKernels*> sets = vector_sets();
+  sets.push_back(stereo_kernels_plain());
+  for (const StereoKernels* k : sets) {
+    for (int32_t passes : {1, 2}) {
+      StereoParams p;
+      ASSERT_TRUE(stereo_params_default(&p, 70, 24, 0, 64, 1));
+      p.passes = passes;
+      std::vector<uint8_t> left = random_image(r, p.width, p.height, 256), right = left;
+      for (size_t i = 0; i + 7 < right.size(); ++i) right[i] = uint8_t(left[i + 7] + (r.next() % 5));
+      const std::vector<int16_t> bytes = run(k, p, left, right);
+      p.bytePaths = false;
+      EXPECT_EQ(bytes, run(k, p, left, right)) << k->name << " passes " << passes;
     }
   }
 }
