@@ -267,63 +267,59 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
 }
 
 // Nearest valid pixel on each of four sides, then a choice per hole: similar luma, short
-// distance, and for occlusions (left-right failures) the farther surface.
+// distance, and for occlusions (left-right failures) the farther surface. The downward
+// neighbours come from one bottom-up scan; rows are then walked top-down carrying the upward
+// neighbour per column and finding the left / right ones per row. Choices are staged in dispR
+// so that none feeds a later one.
 __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height;
-  int16_t* d = b->dispL;
-  int16_t* cand = b->candidates;
+  const size_t n = size_t(w) * size_t(h);
+  const int16_t* d = b->dispL;
   const int16_t kNone = STEREO_INVALID;
-  // Row scans: left (slot 0) and right (slot 1).
-  for (int32_t y = 0; y < h; ++y) {
-    int16_t last = kNone;
-    int32_t lastX = 0;
-    for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) last = d[i], lastX = x;
-      cand[i * 8 + 0] = last;
-      cand[i * 8 + 1] = int16_t(x - lastX);
-    }
-    last = kNone;
-    for (int32_t x = w - 1; x >= 0; --x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) last = d[i], lastX = x;
-      cand[i * 8 + 2] = last;
-      cand[i * 8 + 3] = int16_t(lastX - x);
-    }
-  }
-  // Column scans: up (slot 2) and down (slot 3), with per-column state kept in the labels.
-  int32_t* lastY = b->labels;
+  int16_t* down = b->candidates;          // n x (value, distance)
+  int16_t* side = b->candidates + 2 * n;  // one row: left value, left distance, right value, right distance
+  int32_t* lastY = b->labels;             // per column: row and value of the last valid pixel seen
   int32_t* lastV = b->stack;
-  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
-  for (int32_t y = 0; y < h; ++y) {
-    for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) lastV[x] = d[i], lastY[x] = y;
-      cand[i * 8 + 4] = int16_t(lastV[x]);
-      cand[i * 8 + 5] = int16_t(y - lastY[x]);
-    }
-  }
   for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
   for (int32_t y = h - 1; y >= 0; --y) {
     for (int32_t x = 0; x < w; ++x) {
       size_t i = size_t(y) * size_t(w) + size_t(x);
       if (d[i] != kNone) lastV[x] = d[i], lastY[x] = y;
-      cand[i * 8 + 6] = int16_t(lastV[x]);
-      cand[i * 8 + 7] = int16_t(lastY[x] - y);
+      down[2 * i] = int16_t(lastV[x]);
+      down[2 * i + 1] = int16_t(lastY[x] - y);
     }
   }
+  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
   for (int32_t y = 0; y < h; ++y) {
+    const int16_t* dr = d + size_t(y) * size_t(w);
+    int16_t last = kNone;
+    int32_t lastX = 0;
     for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
+      if (dr[x] != kNone) last = dr[x], lastX = x;
+      side[4 * x] = last;
+      side[4 * x + 1] = int16_t(x - lastX);
+    }
+    last = kNone;
+    for (int32_t x = w - 1; x >= 0; --x) {
+      if (dr[x] != kNone) last = dr[x], lastX = x;
+      side[4 * x + 2] = last;
+      side[4 * x + 3] = int16_t(lastX - x);
+    }
+    const uint8_t* imgRow = img + size_t(y) * size_t(stride);
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * size_t(w) + size_t(x);
+      if (dr[x] != kNone) lastV[x] = dr[x], lastY[x] = y;
       b->dispR[i] = kNone;
-      if (d[i] != kNone) continue;
-      const int16_t* c = cand + i * 8;
+      if (dr[x] != kNone) continue;
+      // Candidates in the order left, right, up, down: (value, distance).
+      const int16_t c[8] = {side[4 * x],       side[4 * x + 1],       side[4 * x + 2], side[4 * x + 3],
+                            int16_t(lastV[x]), int16_t(y - lastY[x]), down[2 * i],     down[2 * i + 1]};
       int32_t vmin = 0x7FFF;
       for (int s = 0; s < 4; ++s)
         if (c[2 * s] != kNone && c[2 * s] < vmin) vmin = c[2 * s];
       if (vmin == 0x7FFF) continue;  // nothing valid in any direction
-      const int32_t pix = img[size_t(y) * size_t(stride) + size_t(x)];
+      const int32_t pix = imgRow[x];
       int32_t bestScore = 0x7FFFFFFF, bestV = vmin;
       for (int s = 0; s < 4; ++s) {
         if (c[2 * s] == kNone) continue;
@@ -339,11 +335,12 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
         if (b->holeKind[i] == 1) score += (c[2 * s] - vmin) * 8 / STEREO_SUBPIXEL;
         if (score < bestScore) bestScore = score, bestV = c[2 * s];
       }
-      b->dispR[i] = int16_t(bestV);  // staged: the choice must not feed later choices
+      b->dispR[i] = int16_t(bestV);
     }
   }
-  for (size_t i = 0; i < size_t(w) * size_t(h); ++i)
-    if (d[i] == kNone) d[i] = b->dispR[i];
+  int16_t* out = b->dispL;
+  for (size_t i = 0; i < n; ++i)
+    if (out[i] == kNone) out[i] = b->dispR[i];
 }
 
 }  // namespace
@@ -391,8 +388,8 @@ size_t stereo_bytes_needed(const StereoParams* p) {
   const uint64_t margin = reversed_margin(*p), scratch = w + 2 * margin;
   uint64_t rows = uint64_t(kMaxPaths) * (w + 2) * (nd + 2);
   uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 2 + n * nd * 2 +
-                   rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + n * 8 * 2 + n * 2 * 2 +
-                   n * 4 * 2 + n;
+                   rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + (2 * n + 4 * w) * 2 +
+                   n * 2 * 2 + n * 4 * 2 + n;
   if (total > (uint64_t(1) << 31)) return 0;  // also keeps 32-bit builds' size_t safe
   return size_t(total);
 }
@@ -420,7 +417,7 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->minCur = static_cast<uint16_t*>(malloc(mins * 2));
   b->rowMin = static_cast<uint16_t*>(malloc(scratch * 2));
   b->rowDisp = static_cast<int16_t*>(malloc(scratch * 2));
-  b->candidates = static_cast<int16_t*>(malloc(n * 8 * 2));
+  b->candidates = static_cast<int16_t*>(malloc((2 * n + 4 * w) * 2));
   b->dispL = static_cast<int16_t*>(malloc(n * 2));
   b->dispR = static_cast<int16_t*>(malloc(n * 2));
   b->labels = static_cast<int32_t*>(malloc(n * 4));

@@ -48,7 +48,7 @@ struct StereoBuffers {
   uint16_t* minCur;
   uint16_t* rowMin;     // best aggregated cost per right-view pixel, with scratch margins
   int16_t* rowDisp;     // its disparity index
-  int16_t* candidates;  // width x height x 8: value and distance of the nearest valid pixel per side
+  int16_t* candidates;  // hole filling: 2 x width x height (the pixel below), then 4 x width (one row)
   int16_t* dispL;       // fixed point, STEREO_INVALID where unknown
   int16_t* dispR;       // integer pixels of the right view (for the left-right check)
   int32_t* labels;
