@@ -8,7 +8,7 @@
 
 namespace {
 
-const int32_t kMaxPaths = 4;  // path regions per pass
+const int32_t kMaxPaths = 5;  // path regions: 4 per pass, 5 for a pair of rows in one pass
 const uint16_t kSentinel = 0x3FFF;
 const int32_t kPadX = 4, kPadY = 3, kPadSlack = 32;  // the widest census window and vector slack
 
@@ -119,7 +119,7 @@ void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* 
 
 // Winner-take-all of row y from b->rowSum, the right view's disparities, then the left-right
 // check.
-void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y) {
+void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, const uint16_t* sum) {
   const StereoParams& p = b->params;
   const int32_t w = p.width;
   const size_t margin = reversed_margin(p), scratch = size_t(w) + 2 * margin;
@@ -127,8 +127,7 @@ void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y) {
   int16_t* dr = b->dispR + size_t(y) * size_t(w);
   uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
   for (size_t i = 0; i < scratch; ++i) b->rowMin[i] = 0xFFFF, b->rowDisp[i] = STEREO_INVALID;
-  k->select_row(b->rowSum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin,
-                b->rowDisp + margin);
+  k->select_row(sum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin, b->rowDisp + margin);
   memcpy(dr, b->rowDisp + margin, size_t(w) * sizeof(int16_t));
   for (int32_t x = 0; x < w; ++x) {
     if (dl[x] == STEREO_INVALID) continue;
@@ -142,11 +141,12 @@ void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y) {
   }
 }
 
-// Costs of row y as bytes in `bytesOut` and, for the 16-bit aggregation, widened in b->cost.
-void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut, bool wide16) {
+// Costs of row y as bytes in `bytesOut` and, for the 16-bit aggregation, widened in `wide16`.
+void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut,
+                uint16_t* __restrict wide16) {
   costs_of_row(k, b, y, bytesOut);
-  if (!wide16) return;
-  uint16_t* __restrict cost = b->cost;
+  if (wide16 == nullptr) return;
+  uint16_t* __restrict cost = wide16;
   const size_t cells = size_t(b->params.width) * size_t(b->params.disparities);
   for (size_t i = 0; i < cells; ++i) cost[i] = bytesOut[i];
 }
@@ -184,17 +184,22 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
                      2 * (stereo_census_bits(p.quality) + p2Max) <= 255 && nd % k->byteLanes == 0;
   if (passes == 1) {
     if (bytes) {
-      reset_rows8(b->pathPrev, b->minPrev, 3, w, nd);
-      reset_rows8(b->pathCur, b->minCur, 3, w, nd);
+      reset_rows8(b->pathPrev, b->minPrev, 5, w, nd);
+      reset_rows8(b->pathCur, b->minCur, 5, w, nd);
     } else {
-      reset_rows(b->pathPrev, b->minPrev, 3, w, nd);
-      reset_rows(b->pathCur, b->minCur, 3, w, nd);
+      reset_rows(b->pathPrev, b->minPrev, 5, w, nd);
+      reset_rows(b->pathCur, b->minCur, 5, w, nd);
     }
     row.cost8 = b->costs;
     row.accOut = b->rowSum;
-    for (int32_t y = 0; y < h; ++y) {
-      costs_both(k, b, y, b->costs, !bytes);
+    const size_t cells = size_t(w) * size_t(nd);
+    for (int32_t y = 0; y < h;) {
+      // Rows in pairs (one more serial chain per loop); a last odd row alone.
+      const int32_t rows = y + 1 < h ? 2 : 1;
+      for (int32_t r = 0; r < rows; ++r)
+        costs_both(k, b, y + r, b->costs + size_t(r) * cells, bytes ? nullptr : b->cost + size_t(r) * cells);
       row.y = y;
+      row.rows = rows;
       row.pathPrev = b->pathPrev;
       row.pathCur = b->pathCur;
       row.minPrev = b->minPrev;
@@ -203,13 +208,16 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
         k->aggregate_one_pass8(&row);
       else
         k->aggregate_one_pass16(&row);
-      uint16_t* t = b->pathPrev;
-      b->pathPrev = b->pathCur;
-      b->pathCur = t;
-      t = b->minPrev;
-      b->minPrev = b->minCur;
-      b->minCur = t;
-      select_row_and_check(k, b, y);
+      if (rows == 1) {
+        uint16_t* t = b->pathPrev;
+        b->pathPrev = b->pathCur;
+        b->pathCur = t;
+        t = b->minPrev;
+        b->minPrev = b->minCur;
+        b->minCur = t;
+      }
+      for (int32_t r = 0; r < rows; ++r) select_row_and_check(k, b, y + r, b->rowSum + size_t(r) * cells);
+      y += rows;
     }
     return;
   }
@@ -231,7 +239,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       // Costs are computed once and kept as bytes for the way back.
       uint8_t* costRow = b->costs + size_t(y) * rowCells;
       if (forward) {
-        costs_both(k, b, y, costRow, !bytes);
+        costs_both(k, b, y, costRow, bytes ? nullptr : b->cost);
       } else if (!bytes) {
         for (size_t i = 0; i < rowCells; ++i) b->cost[i] = costRow[i];
       }
@@ -261,7 +269,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       t = b->minPrev;
       b->minPrev = b->minCur;
       b->minCur = t;
-      if (!forward) select_row_and_check(k, b, y);
+      if (!forward) select_row_and_check(k, b, y, b->rowSum);
     }
   }
 }
@@ -387,7 +395,7 @@ size_t stereo_bytes_needed(const StereoParams* p) {
   const uint64_t n = uint64_t(p->width) * uint64_t(p->height), w = uint64_t(p->width), nd = uint64_t(p->disparities);
   const uint64_t margin = reversed_margin(*p), scratch = w + 2 * margin;
   uint64_t rows = uint64_t(kMaxPaths) * (w + 2) * (nd + 2);
-  uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 2 + n * nd * 2 +
+  uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 4 + n * nd * 3 +
                    rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + (2 * n + 4 * w) * 2 +
                    n * 2 * 2 + n * 4 * 2 + n;
   if (total > (uint64_t(1) << 31)) return 0;  // also keeps 32-bit builds' size_t safe
@@ -407,10 +415,10 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->censusR = static_cast<uint64_t*>(malloc(n * 8));
   b->padded = static_cast<uint8_t*>(malloc(padded_bytes(p->width, p->height)));
   b->reversed = static_cast<uint64_t*>(calloc(scratch, 8));
-  b->cost = static_cast<uint16_t*>(malloc(w * nd * 2));
+  b->cost = static_cast<uint16_t*>(malloc(w * nd * 2 * 2));
   b->costs = static_cast<uint8_t*>(malloc(volume));
   b->sum = static_cast<uint16_t*>(malloc(volume * 2));
-  b->rowSum = static_cast<uint16_t*>(malloc(w * nd * 2));
+  b->rowSum = static_cast<uint16_t*>(malloc(w * nd * 2 * 2));
   b->pathPrev = static_cast<uint16_t*>(malloc(rows * 2));
   b->pathCur = static_cast<uint16_t*>(malloc(rows * 2));
   b->minPrev = static_cast<uint16_t*>(malloc(mins * 2));

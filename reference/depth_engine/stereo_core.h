@@ -37,10 +37,10 @@ struct StereoBuffers {
   uint64_t* censusR;
   uint8_t* padded;     // (width + 2 x 4 + 32) x (height + 2 x 3): the image with repeated borders
   uint64_t* reversed;  // one right-view row reversed, with zero margins (see StereoCostRowFn)
-  uint16_t* cost;      // width x disparities: the costs of the row being aggregated
+  uint16_t* cost;      // 2 x width x disparities: the costs of the rows being aggregated (16-bit form)
   uint8_t* costs;      // width x height x disparities: the costs, kept for the backward pass
   uint16_t* sum;       // width x height x disparities: forward paths, summed
-  uint16_t* rowSum;    // width x disparities: all paths of the row being selected
+  uint16_t* rowSum;    // 2 x width x disparities: all paths of the rows being selected
   uint16_t p2ForStep[256];
   uint16_t* pathPrev;  // per path: (width + 2) x (disparities + 2), previous row / pixel
   uint16_t* pathCur;

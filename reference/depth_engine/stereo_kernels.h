@@ -55,6 +55,7 @@ struct StereoAggregateRow {
   const uint8_t* cost8;
   const uint8_t* acc8In;
   uint8_t* acc8Out;
+  int32_t rows;  // one-pass form: 2 walks rows y and y + 1 together (costs and sums: two rows each)
 };
 typedef void (*StereoAggregateRowFn)(const StereoAggregateRow* a);
 
@@ -73,8 +74,9 @@ struct StereoKernels {
   StereoCostRowFn cost_row;
   StereoAggregateRowFn aggregate_row;
   StereoAggregateRowFn aggregate_row8;
-  // One pass (left to right, top-down, right to left) of row y into accOut, 16-bit or byte
-  // form (cost / cost8 and the path rows accordingly); regions 0..2 of the path rows.
+  // One pass (left to right, top-down, right to left) of row y (and y + 1 when rows is 2) into
+  // accOut, 16-bit or byte form (cost / cost8 and the path rows accordingly); regions 0..4 of
+  // the path rows.
   StereoAggregateRowFn aggregate_one_pass16;
   StereoAggregateRowFn aggregate_one_pass8;
   StereoSelectRowFn select_row;

@@ -800,67 +800,102 @@ void aggregate_row8(const StereoAggregateRow* a) {
   }
 }
 
-// The one-pass form: the left-to-right, top-down and right-to-left paths of row y in regions
-// 0, 1 and 2 of the path rows, the two row directions walked together so that their serial
-// chains overlap, then accOut = (L0 + L1) + L2.
-template <typename T>
+// The one-pass form: the left-to-right, top-down and right-to-left paths of row y (regions 0, 1
+// and 2 of the path rows), then accOut = (L0 + L1) + L2. The two row directions are walked
+// together so that their serial chains overlap; with a->rows == 2 row y + 1 joins in the same
+// loop (regions 3 and 4 for its row paths; its top-down path reads row y's from pathCur and
+// leaves its own in pathPrev, which then holds the rows above the next pair).
+template <typename T, int kRows>
 void aggregate_one_pass(const StereoAggregateRow* a, const T* cost) {
   const int32_t w = a->width, nd = a->nd, y = a->y;
   const size_t rowStride = size_t(nd) + 2, region = size_t(w + 2) * rowStride, minStride = size_t(w + 2);
+  const size_t cells = size_t(w) * size_t(nd);
   const uint8_t* imgRow = a->img + size_t(y) * size_t(a->stride);
   const uint8_t* upRow = y > 0 ? imgRow - a->stride : imgRow;
+  const uint8_t* imgRow2 = imgRow + (kRows == 2 ? a->stride : 0);
   T* prev = reinterpret_cast<T*>(a->pathPrev);
   T* cur = reinterpret_cast<T*>(a->pathCur);
   const T* zeros = prev;  // column 0 of region 0 is never written: a path start
+  const T* cost2 = cost + (kRows == 2 ? cells : 0);
   const T p1 = T(a->p1), p2Start = T(a->p2);
-  T minLR = 0, minRL = 0;
+  T minLR = 0, minRL = 0, minLR2 = 0, minRL2 = 0;
+  uint16_t* minVPrev = a->minPrev + minStride;
+  uint16_t* minVCur = a->minCur + minStride;
   for (int32_t xi = 0; xi < w; ++xi) {
     // Left to right at x.
     const int32_t x = xi;
-    const int32_t pix = imgRow[x];
+    const size_t cx = size_t(x) * size_t(nd);
     int32_t g;
     if (x > 0) {
-      g = pix - imgRow[x - 1];
-      minLR = path_only<T>(cur + size_t(x) * rowStride, minLR, cost + size_t(x) * size_t(nd),
-                           cur + size_t(x + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      g = int32_t(imgRow[x]) - imgRow[x - 1];
+      minLR = path_only<T>(cur + size_t(x) * rowStride, minLR, cost + cx, cur + size_t(x + 1) * rowStride, nd, p1,
+                           T(a->p2ForStep[g < 0 ? -g : g]));
+      if (kRows == 2) {
+        g = int32_t(imgRow2[x]) - imgRow2[x - 1];
+        minLR2 = path_only<T>(cur + 3 * region + size_t(x) * rowStride, minLR2, cost2 + cx,
+                              cur + 3 * region + size_t(x + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      }
     } else {
       minLR = path_only<T>(zeros, T(0), cost, cur + rowStride, nd, p1, p2Start);
+      if (kRows == 2) minLR2 = path_only<T>(zeros, T(0), cost2, cur + 3 * region + rowStride, nd, p1, p2Start);
     }
     // Top-down at x.
     T* vCur = cur + region + size_t(x + 1) * rowStride;
+    T* vPrev = prev + region + size_t(x + 1) * rowStride;
     if (y > 0) {
-      g = pix - upRow[x];
-      a->minCur[minStride + size_t(x + 1)] =
-          path_only<T>(prev + region + size_t(x + 1) * rowStride, T(a->minPrev[minStride + size_t(x + 1)]),
-                       cost + size_t(x) * size_t(nd), vCur, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      g = int32_t(imgRow[x]) - upRow[x];
+      minVCur[x + 1] =
+          path_only<T>(vPrev, T(minVPrev[x + 1]), cost + cx, vCur, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
     } else {
-      a->minCur[minStride + size_t(x + 1)] =
-          path_only<T>(zeros, T(0), cost + size_t(x) * size_t(nd), vCur, nd, p1, p2Start);
+      minVCur[x + 1] = path_only<T>(zeros, T(0), cost + cx, vCur, nd, p1, p2Start);
+    }
+    if (kRows == 2) {
+      // Row y's value at x has been read: row y + 1 takes its place.
+      g = int32_t(imgRow2[x]) - imgRow[x];
+      minVPrev[x + 1] =
+          path_only<T>(vCur, T(minVCur[x + 1]), cost2 + cx, vPrev, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
     }
     // Right to left at w - 1 - xi.
     const int32_t xr = w - 1 - xi;
+    const size_t cr = size_t(xr) * size_t(nd);
     T* rCur = cur + 2 * region;
+    T* rCur2 = cur + 4 * region;
     if (xr < w - 1) {
       g = int32_t(imgRow[xr]) - imgRow[xr + 1];
-      minRL = path_only<T>(rCur + size_t(xr + 2) * rowStride, minRL, cost + size_t(xr) * size_t(nd),
-                           rCur + size_t(xr + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      minRL = path_only<T>(rCur + size_t(xr + 2) * rowStride, minRL, cost + cr, rCur + size_t(xr + 1) * rowStride, nd,
+                           p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      if (kRows == 2) {
+        g = int32_t(imgRow2[xr]) - imgRow2[xr + 1];
+        minRL2 = path_only<T>(rCur2 + size_t(xr + 2) * rowStride, minRL2, cost2 + cr,
+                              rCur2 + size_t(xr + 1) * rowStride, nd, p1, T(a->p2ForStep[g < 0 ? -g : g]));
+      }
     } else {
-      minRL =
-          path_only<T>(zeros, T(0), cost + size_t(xr) * size_t(nd), rCur + size_t(xr + 1) * rowStride, nd, p1, p2Start);
+      minRL = path_only<T>(zeros, T(0), cost + cr, rCur + size_t(xr + 1) * rowStride, nd, p1, p2Start);
+      if (kRows == 2)
+        minRL2 = path_only<T>(zeros, T(0), cost2 + cr, rCur2 + size_t(xr + 1) * rowStride, nd, p1, p2Start);
     }
   }
   for (int32_t x = 0; x < w; ++x) {
     const size_t at = size_t(x + 1) * rowStride + 1;
     sum3(cur + at, cur + region + at, cur + 2 * region + at, a->accOut + size_t(x) * size_t(nd), nd);
+    if (kRows == 2)
+      sum3(cur + 3 * region + at, prev + region + at, cur + 4 * region + at, a->accOut + cells + size_t(x) * size_t(nd),
+           nd);
   }
 }
 
 void aggregate_one_pass16(const StereoAggregateRow* a) {
-  aggregate_one_pass<uint16_t>(a, a->cost);
+  if (a->rows == 2)
+    aggregate_one_pass<uint16_t, 2>(a, a->cost);
+  else
+    aggregate_one_pass<uint16_t, 1>(a, a->cost);
 }
 
 void aggregate_one_pass8(const StereoAggregateRow* a) {
-  aggregate_one_pass<uint8_t>(a, a->cost8);
+  if (a->rows == 2)
+    aggregate_one_pass<uint8_t, 2>(a, a->cost8);
+  else
+    aggregate_one_pass<uint8_t, 1>(a, a->cost8);
 }
 
 const StereoKernels kTable = {VM_STEREO_NAME, kLanes,         kByteLanes,           census_row,          cost_row,
