@@ -633,13 +633,22 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
     const uint16_t* s = sum + size_t(x) * size_t(nd);
     // Per lane: the minimum and the first index reaching it. The right view's best costs: lanes
     // reversed because j falls as k rises; lanes outside the image land in the scratch ends.
-    VU16 m = ones, at = ones;
+    // Per lane: the minimum, the first index reaching it, and the minimum of the lane's other
+    // entries (lanes start from the first block, so a lane of saturated sums still has an index).
+    VU16 m = ones, at = iota, second = ones;
     for (int32_t k = 0; k < nd; k += kLanes) {
-      // Unsigned "less than" as "the minimum moved": min and equality are single instructions.
       const VU16 v = loadv<VU16>(s + k);
-      const VU16 lower = min16(m, v), kept = VU16(lower == m);
-      m = lower;
-      at = (at & kept) | ((iota + uint16_t(k)) & ~kept);
+      if (k == 0) {
+        m = v;
+      } else {
+        // Unsigned "less than" as "the minimum moved": min and equality are single instructions.
+        const VU16 lower = min16(m, v), kept = VU16(lower == m);
+        second = (min16(second, v) & kept) | (m & ~kept);
+        m = lower;
+        at = (at & kept) | ((iota + uint16_t(k)) & ~kept);
+      }
+      // The right view's best costs: lanes reversed because j falls as k rises; lanes outside the
+      // image land in the scratch ends.
       const int32_t base = x - dmin - k - (kLanes - 1);
       const VU16 vr = reverse16(v), rm = loadv<VU16>(rowMin + base), rd = loadv<VU16>(rowDisp + base);
       const VU16 best = min16(rm, vr), same = VU16(best == rm);
@@ -647,15 +656,13 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
       storev(rowDisp + base, (rd & same) | ((reversedIota + uint16_t(k)) & ~same));
     }
     const uint16_t bestCost = hmin16(m);
-    const VU16 first = at | ~VU16(m == (VU16{} + bestCost));
-    const int32_t best = hmin16(first);
-    const uint16_t lo = uint16_t(best - 1);
-    VU16 o = ones;
-    for (int32_t k = 0; k < nd; k += kLanes) {
-      const VU16 kv = iota + uint16_t(k);
-      const VU16 near = kv - lo;  // 0..2 for best - 1 .. best + 1
-      o = min16(o, loadv<VU16>(s + k) | VU16(min16(near, VU16{} + uint16_t(2)) == near));
-    }
+    const int32_t best = hmin16(at | ~VU16(m == (VU16{} + bestCost)));
+    // Uniqueness: the best cost away from best - 1 .. best + 1. Those three indices sit in three
+    // different lanes, one per lane at most: a lane whose first minimum is one of them offers
+    // its other entries instead.
+    const VU16 near = at - uint16_t(best - 1);  // 0..2 for best - 1 .. best + 1
+    const VU16 excluded = VU16(min16(near, VU16{} + uint16_t(2)) == near);
+    const VU16 o = (second & excluded) | (m & ~excluded);
     const uint16_t other = hmin16(o);
     if (uint32_t(other) * uint32_t(100 - uniqueness) < uint32_t(bestCost) * 100u) {
       dl[x] = STEREO_INVALID;

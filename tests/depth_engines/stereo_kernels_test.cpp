@@ -92,14 +92,15 @@ struct Selected {
   std::vector<uint16_t> rowMin;
 };
 
-Selected select(const StereoKernels* k, const std::vector<uint16_t>& sum, int32_t w, int32_t nd, int32_t dmin) {
+Selected select(const StereoKernels* k, const std::vector<uint16_t>& sum, int32_t w, int32_t nd, int32_t dmin,
+                int32_t uniqueness) {
   const int32_t margin = nd + (dmin < 0 ? -dmin : dmin) + 32;
   Selected s;
   s.disp.assign(size_t(w), 0);
   s.kind.assign(size_t(w), 9);
   s.rowMin.assign(size_t(w + 2 * margin), 0xFFFF);
   s.rowDisp.assign(size_t(w + 2 * margin), STEREO_INVALID);
-  k->select_row(sum.data(), w, nd, dmin, 5, s.disp.data(), s.kind.data(), s.rowMin.data() + margin,
+  k->select_row(sum.data(), w, nd, dmin, uniqueness, s.disp.data(), s.kind.data(), s.rowMin.data() + margin,
                 s.rowDisp.data() + margin);
   // Only the right view's real pixels count; the margins are scratch.
   s.rowMin = std::vector<uint16_t>(s.rowMin.begin() + margin, s.rowMin.begin() + margin + w);
@@ -113,15 +114,21 @@ TEST(StereoKernels, SelectionMatchesTheReferenceWithTies) {
     for (int32_t nd : {16, 48}) {
       if (nd % k->lanes != 0) continue;
       for (int32_t dmin : {-3, 0, 4}) {
-        for (uint32_t range : {4u, 3000u, 65536u}) {  // a small range makes ties common
+        // A small range makes ties common; range 0: saturated sums (0xFFFF, a few 0xFFFE), so
+        // that whole pixels have no smaller value.
+        for (uint32_t range : {4u, 3000u, 65536u, 0u}) {
           const int32_t w = 45;
           std::vector<uint16_t> sum(size_t(w) * size_t(nd));
-          for (uint16_t& v : sum) v = uint16_t(r.next() % range);
-          Selected a = select(stereo_kernels_plain(), sum, w, nd, dmin), b = select(k, sum, w, nd, dmin);
-          EXPECT_EQ(a.disp, b.disp) << k->name << " nd " << nd << " dmin " << dmin << " range " << range;
-          EXPECT_EQ(a.kind, b.kind) << k->name;
-          EXPECT_EQ(a.rowMin, b.rowMin) << k->name;
-          EXPECT_EQ(a.rowDisp, b.rowDisp) << k->name;
+          for (uint16_t& v : sum)
+            v = range > 0 ? uint16_t(r.next() % range) : uint16_t(r.next() % 50 ? 0xFFFF : 0xFFFE);
+          for (int32_t uniqueness : {5, 0}) {
+            Selected a = select(stereo_kernels_plain(), sum, w, nd, dmin, uniqueness);
+            Selected b = select(k, sum, w, nd, dmin, uniqueness);
+            EXPECT_EQ(a.disp, b.disp) << k->name << " nd " << nd << " dmin " << dmin << " range " << range;
+            EXPECT_EQ(a.kind, b.kind) << k->name;
+            EXPECT_EQ(a.rowMin, b.rowMin) << k->name;
+            EXPECT_EQ(a.rowDisp, b.rowDisp) << k->name;
+          }
         }
       }
     }
