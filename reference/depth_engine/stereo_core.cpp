@@ -1,5 +1,6 @@
-// stereo_core.cpp - the plain reference matcher. Loops are written so that the compiler
-// vectorises the per-disparity work (16-bit lanes); there is no separate SIMD path.
+// stereo_core.cpp - the stereo matcher: the order of the stages and the buffers. The row
+// kernels (census, costs, aggregation, winner-take-all) come from stereo_kernels_*.cpp; the
+// filtering stages after them are plain C++.
 #include "stereo_core.h"
 
 #include <stdlib.h>
@@ -7,82 +8,69 @@
 
 namespace {
 
-const int32_t kMaxPaths = 4;  // per pass
+const int32_t kMaxPaths = 5;  // path regions: 4 per pass, 5 for a pair of rows in one pass
 const uint16_t kSentinel = 0x3FFF;
-
-inline uint16_t sat_add16(uint16_t a, uint16_t b) {
-  uint16_t s = uint16_t(a + b);
-  return s < a ? uint16_t(0xFFFF) : s;
-}
-
-inline uint32_t pop32(uint32_t v) {
-  v = v - ((v >> 1) & 0x55555555u);
-  v = (v & 0x33333333u) + ((v >> 2) & 0x33333333u);
-  return (((v + (v >> 4)) & 0x0F0F0F0Fu) * 0x01010101u) >> 24;
-}
-
-inline uint32_t pop64(uint64_t v) {
-  return pop32(uint32_t(v)) + pop32(uint32_t(v >> 32));
-}
+const int32_t kPadX = 4, kPadY = 3, kPadSlack = 32;  // the widest census window and vector slack
 
 inline int32_t clampi(int32_t v, int32_t lo, int32_t hi) {
   return v < lo ? lo : v > hi ? hi : v;
 }
 
-// Costs of one row: census Hamming distance per disparity; disparities that fall outside the
-// right view get the mean of the pixel's real costs, so that aggregation decides there.
-template <bool kWide>
-__attribute__((noinline)) void cost_row(const StereoParams& p, const uint64_t* cl, const uint64_t* cr, uint16_t* cost) {
-  const int32_t w = p.width, nd = p.disparities, dmin = p.minDisparity;
-  for (int32_t x = 0; x < w; ++x) {
-    uint16_t* c = cost + size_t(x) * size_t(nd);
-    // Valid k: 0 <= x - dmin - k < w  <=>  x - dmin - w < k <= x - dmin.
-    int32_t k0 = clampi(x - dmin - w + 1, 0, nd), k1 = clampi(x - dmin + 1, 0, nd);
-    uint32_t total = 0;
-    if (kWide) {
-      const uint64_t l = cl[x];
-      const uint64_t* r = cr + (x - dmin);
-      for (int32_t k = k0; k < k1; ++k) {
-        uint16_t v = uint16_t(pop64(l ^ r[-k]));
-        c[k] = v;
-        total += v;
-      }
-    } else {
-      // Narrow census: stereo_run packed the words into 32 bits in place.
-      const uint32_t l = reinterpret_cast<const uint32_t*>(cl)[x];
-      const uint32_t* r = reinterpret_cast<const uint32_t*>(cr) + (x - dmin);
-      for (int32_t k = k0; k < k1; ++k) {
-        uint16_t v = uint16_t(pop32(l ^ r[-k]));
-        c[k] = v;
-        total += v;
-      }
-    }
-    uint16_t fillCost = k1 > k0 ? uint16_t(total / uint32_t(k1 - k0)) : uint16_t(stereo_census_bits(p.quality) / 2);
-    for (int32_t k = 0; k < k0; ++k) c[k] = fillCost;
-    for (int32_t k = k1; k < nd; ++k) c[k] = fillCost;
-  }
+inline int32_t absi(int32_t v) {
+  return v < 0 ? -v : v;
 }
 
-// One step of one path: L(p, k) = C(p, k) + min(L(q, k), L(q, k +- 1) + P1, min L(q) + P2) - min L(q).
-// `prev` and `out` hold nd + 2 values with sentinels at both ends. Adds L into `acc`.
-template <bool kFirst>
-inline uint16_t path_step(const uint16_t* prev, uint16_t minPrev, const uint16_t* c, uint16_t* out, uint16_t* acc,
-                          int32_t nd, uint16_t p1, uint16_t p2) {
-  const uint16_t* lp = prev + 1;
-  uint16_t* lo = out + 1;
-  uint16_t bound = uint16_t(minPrev + p2);
-  uint16_t newMin = 0xFFFF;
-  for (int32_t k = 0; k < nd; ++k) {
-    uint16_t a = lp[k] < bound ? lp[k] : bound;
-    uint16_t nb = lp[k - 1] < lp[k + 1] ? lp[k - 1] : lp[k + 1];
-    nb = uint16_t(nb + p1);
-    uint16_t v = a < nb ? a : nb;
-    uint16_t l = uint16_t(c[k] + v - minPrev);
-    lo[k] = l;
-    newMin = l < newMin ? l : newMin;
-    acc[k] = kFirst ? l : sat_add16(acc[k], l);
+size_t padded_stride(int32_t w) {
+  return size_t(w) + 2 * kPadX + kPadSlack;
+}
+
+size_t padded_bytes(int32_t w, int32_t h) {
+  return padded_stride(w) * size_t(h + 2 * kPadY);
+}
+
+// Margins of the reversed right row and of the right view's best-cost row (scratch for lanes
+// whose pixel is outside the image).
+size_t reversed_margin(const StereoParams& p) {
+  return size_t(p.disparities) + size_t(absi(p.minDisparity)) + 32;
+}
+
+StereoCensusShape make_shape(bool sparse) {
+  StereoCensusShape s;
+  memset(&s, 0, sizeof(s));
+  s.rx = 4;
+  s.ry = 3;
+  for (int32_t dy = -3; dy <= 3; ++dy) {
+    for (int32_t dx = -4; dx <= 4; ++dx) {
+      if (dx == 0 && dy == 0) continue;
+      if (sparse && ((dx + dy) & 1) != 0) continue;  // checkerboard: half the comparisons, same reach
+      s.dx[s.count] = int8_t(dx);
+      s.dy[s.count] = int8_t(dy);
+      ++s.count;
+    }
   }
-  return newMin;
+  return s;
+}
+
+// The image with kPadX / kPadY repeated border pixels, then one census row per image row
+// (32-bit words for shapes of at most 32 bits, else 64-bit).
+void census_image(const StereoKernels* k, const uint8_t* img, int32_t stride, int32_t w, int32_t h,
+                  const StereoCensusShape* shape, uint8_t* padded, uint64_t* out) {
+  const size_t ps = padded_stride(w);
+  for (int32_t py = 0; py < h + 2 * kPadY; ++py) {
+    const uint8_t* src = img + size_t(clampi(py - kPadY, 0, h - 1)) * size_t(stride);
+    uint8_t* dst = padded + size_t(py) * ps;
+    memset(dst, src[0], kPadX);
+    memcpy(dst + kPadX, src, size_t(w));
+    memset(dst + kPadX + w, src[w - 1], size_t(kPadX + kPadSlack));
+  }
+  const uint8_t* rows[2 * kPadY + 1];
+  for (int32_t y = 0; y < h; ++y) {
+    for (int32_t j = 0; j <= 2 * shape->ry; ++j) rows[j] = padded + size_t(y + kPadY - shape->ry + j) * ps + kPadX;
+    if (shape->count <= 32)
+      k->census_row(rows, w, shape, reinterpret_cast<uint32_t*>(out) + size_t(y) * size_t(w));
+    else
+      k->census_row(rows, w, shape, out + size_t(y) * size_t(w));
+  }
 }
 
 void reset_rows(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_t nd) {
@@ -95,183 +83,251 @@ void reset_rows(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_
   memset(mins, 0, size_t(paths) * size_t(w + 2) * sizeof(uint16_t));
 }
 
-// One pass over the image: forward (top to bottom, left to right) or backward, aggregating the
-// paths whose previous pixel is at (x + dx, y + dy).
-__attribute__((noinline)) void aggregate_pass(StereoBuffers* b, const uint8_t* img, int32_t stride, bool forward,
-                                              const int32_t (*dirs)[2], int32_t paths, bool firstPass) {
+void reset_rows8(uint16_t* rows, uint16_t* mins, int32_t paths, int32_t w, int32_t nd) {
+  size_t stride = size_t(nd) + 2;
+  uint8_t* bytes = reinterpret_cast<uint8_t*>(rows);
+  for (int32_t i = 0; i < paths * (w + 2); ++i) {
+    uint8_t* r = bytes + size_t(i) * stride;
+    memset(r, 0, stride);
+    r[0] = r[nd + 1] = 0xFF;
+  }
+  memset(mins, 0, size_t(paths) * size_t(w + 2) * sizeof(uint16_t));
+}
+
+// Costs of row y as bytes: the right row reversed so that each pixel's disparities read
+// forwards, then the kernel.
+void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* out) {
   const StereoParams& p = b->params;
-  const int32_t w = p.width, h = p.height, nd = p.disparities;
-  const size_t rowStride = size_t(nd) + 2, pathRows = size_t(w + 2) * rowStride;
-  reset_rows(b->pathPrev, b->minPrev, paths, w, nd);
-  reset_rows(b->pathCur, b->minCur, paths, w, nd);
-  const uint16_t p1 = uint16_t(p.p1);
-  for (int32_t yi = 0; yi < h; ++yi) {
-    const int32_t y = forward ? yi : h - 1 - yi;
-    for (int32_t xi = 0; xi < w; ++xi) {
-      const int32_t x = forward ? xi : w - 1 - xi;
-      const size_t at = size_t(y) * size_t(w) + size_t(x);
-      const uint16_t* c = b->cost + at * size_t(nd);
-      uint16_t* acc = b->sum + at * size_t(nd);
-      const int32_t pix = img[size_t(y) * size_t(stride) + size_t(x)];
-      for (int32_t r = 0; r < paths; ++r) {
-        const int32_t dx = dirs[r][0], dy = dirs[r][1];
-        const int32_t qx = x + dx, qy = y + dy;
-        const bool inside = qx >= 0 && qx < w && qy >= 0 && qy < h;
-        // Penalty for a jump shrinks across intensity edges, where depth edges are likely.
-        uint16_t p2 = uint16_t(p.p2);
-        if (inside) {
-          int32_t g = pix - img[size_t(qy) * size_t(stride) + size_t(qx)];
-          g = g < 0 ? -g : g;
-          int32_t a = p.p2 * 24 / (24 + g);
-          p2 = uint16_t(a > p.p1 + 1 ? a : p.p1 + 1);
-        }
-        const uint16_t* src =
-            (dy == 0 ? b->pathCur : b->pathPrev) + size_t(r) * pathRows + size_t(x + 1 + dx) * rowStride;
-        uint16_t minQ = (dy == 0 ? b->minCur : b->minPrev)[size_t(r) * size_t(w + 2) + size_t(x + 1 + dx)];
-        if (!inside) {
-          // Path start: the padding entries hold zeros, so L = C.
-          src = b->pathPrev + size_t(r) * pathRows;  // column 0 of the previous rows is always zero
-          minQ = 0;
-        }
-        uint16_t* dst = b->pathCur + size_t(r) * pathRows + size_t(x + 1) * rowStride;
-        b->minCur[size_t(r) * size_t(w + 2) + size_t(x + 1)] =
-            firstPass && r == 0 ? path_step<true>(src, minQ, c, dst, acc, nd, p1, p2)
-                                : path_step<false>(src, minQ, c, dst, acc, nd, p1, p2);
-      }
-    }
-    uint16_t* t = b->pathPrev;
-    b->pathPrev = b->pathCur;
-    b->pathCur = t;
-    t = b->minPrev;
-    b->minPrev = b->minCur;
-    b->minCur = t;
+  const int32_t w = p.width;
+  const bool wide = p.quality >= 2;
+  const size_t margin = reversed_margin(p);
+  if (wide) {
+    const uint64_t* cr = b->censusR + size_t(y) * size_t(w);
+    uint64_t* rr = b->reversed + margin;
+    for (int32_t t = 0; t < w; ++t) rr[t] = cr[w - 1 - t];
+    k->cost_row(b->censusL + size_t(y) * size_t(w), rr, w, p.disparities, p.minDisparity, stereo_census_bits(p.quality),
+                true, out);
+  } else {
+    // 32-bit words (the census of a narrow shape).
+    const uint32_t* cr = reinterpret_cast<const uint32_t*>(b->censusR) + size_t(y) * size_t(w);
+    uint32_t* rr = reinterpret_cast<uint32_t*>(b->reversed) + margin;
+    for (int32_t t = 0; t < w; ++t) rr[t] = cr[w - 1 - t];
+    k->cost_row(reinterpret_cast<const uint32_t*>(b->censusL) + size_t(y) * size_t(w), rr, w, p.disparities,
+                p.minDisparity, stereo_census_bits(p.quality), false, out);
   }
 }
 
-// Winner-take-all with uniqueness and parabola sub-pixel; the right view's integer disparity from
-// the same aggregated costs; then the left-right check.
-__attribute__((noinline)) void select_disparities(StereoBuffers* b) {
+// Winner-take-all of row y from b->rowSum, the right view's disparities, then the left-right
+// check.
+void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, const uint16_t* sum) {
+  const StereoParams& p = b->params;
+  const int32_t w = p.width;
+  const size_t margin = reversed_margin(p), scratch = size_t(w) + 2 * margin;
+  int16_t* dl = b->dispL + size_t(y) * size_t(w);
+  int16_t* dr = b->dispR + size_t(y) * size_t(w);
+  uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
+  for (size_t i = 0; i < scratch; ++i) b->rowMin[i] = 0xFFFF, b->rowDisp[i] = STEREO_INVALID;
+  k->select_row(sum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin, b->rowDisp + margin);
+  memcpy(dr, b->rowDisp + margin, size_t(w) * sizeof(int16_t));
+  for (int32_t x = 0; x < w; ++x) {
+    if (dl[x] == STEREO_INVALID) continue;
+    int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
+    int32_t xr = x - p.minDisparity - d;
+    // Outside the sub view, or the right view disagrees: filled from neighbours later.
+    if (xr < 0 || xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1) {
+      dl[x] = STEREO_INVALID;
+      kind[x] = 1;
+    }
+  }
+}
+
+// Costs of row y as bytes in `bytesOut` and, for the 16-bit aggregation, widened in `wide16`.
+void costs_both(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* __restrict bytesOut,
+                uint16_t* __restrict wide16) {
+  costs_of_row(k, b, y, bytesOut);
+  if (wide16 == nullptr) return;
+  uint16_t* __restrict cost = wide16;
+  const size_t cells = size_t(b->params.width) * size_t(b->params.disparities);
+  for (size_t i = 0; i < cells; ++i) cost[i] = bytesOut[i];
+}
+
+// Semi-global aggregation and selection. Two passes: forward (top to bottom) sums its paths
+// into the volume; backward adds its own into one row and selects that row at once, so the
+// volume is written once and read once. One pass: the forward paths plus the right-to-left
+// path of the same row, selected at once; no volume at all.
+void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height, nd = p.disparities;
-  for (int32_t y = 0; y < h; ++y) {
-    int16_t* dl = b->dispL + size_t(y) * size_t(w);
-    int16_t* dr = b->dispR + size_t(y) * size_t(w);
-    uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
-    for (int32_t x = 0; x < w; ++x) {
-      b->rowMin[x] = 0xFFFF;
-      dr[x] = STEREO_INVALID;
+  static const int32_t kForward[4][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}};
+  static const int32_t kBackward[4][2] = {{1, 0}, {0, 1}, {1, 1}, {-1, 1}};
+  const int32_t paths = p.paths >= 8 ? 4 : 2;  // per pass
+  for (int32_t g = 0; g < 256; ++g) {
+    int32_t a = p.p2 * 24 / (24 + g);
+    b->p2ForStep[g] = uint16_t(a > p.p1 + 1 ? a : p.p1 + 1);
+  }
+  StereoAggregateRow row;
+  memset(&row, 0, sizeof(row));
+  row.width = w;
+  row.height = h;
+  row.nd = nd;
+  row.img = img;
+  row.stride = stride;
+  row.cost = b->cost;
+  row.p1 = p.p1;
+  row.p2 = p.p2;
+  row.p2ForStep = b->p2ForStep;
+  // Bytes are exact while c + min(...) stays within 255: path costs never exceed cost + p2, and
+  // a two-pass forward sum holds two of them.
+  const int32_t p2Max = p.p2 > p.p1 + 1 ? p.p2 : p.p1 + 1;
+  const int32_t passes = p.passes == 1 ? 1 : 2;
+  const bool bytes = p.bytePaths && (paths == 2 || passes == 1) && p.p1 >= 0 && p.p2 >= 0 &&
+                     2 * (stereo_census_bits(p.quality) + p2Max) <= 255 && nd % k->byteLanes == 0;
+  if (passes == 1) {
+    if (bytes) {
+      reset_rows8(b->pathPrev, b->minPrev, 5, w, nd);
+      reset_rows8(b->pathCur, b->minCur, 5, w, nd);
+    } else {
+      reset_rows(b->pathPrev, b->minPrev, 5, w, nd);
+      reset_rows(b->pathCur, b->minCur, 5, w, nd);
     }
-    for (int32_t x = 0; x < w; ++x) {
-      const uint16_t* s = b->sum + (size_t(y) * size_t(w) + size_t(x)) * size_t(nd);
-      // Minimum first (a plain reduction), then its first index.
-      uint16_t bestCost = 0xFFFF;
-      for (int32_t k = 0; k < nd; ++k) bestCost = s[k] < bestCost ? s[k] : bestCost;
-      int32_t best = 0;
-      while (s[best] != bestCost) ++best;
-      // Right view: pixel x - dmin - k sees this cost at disparity k (branch-free update).
-      int32_t k0 = clampi(x - p.minDisparity - w + 1, 0, nd), k1 = clampi(x - p.minDisparity + 1, 0, nd);
-      uint16_t* rm = b->rowMin + (x - p.minDisparity);
-      int16_t* rd = dr + (x - p.minDisparity);
-      for (int32_t k = k0; k < k1; ++k) {
-        bool better = s[k] < rm[-k];
-        rm[-k] = better ? s[k] : rm[-k];
-        rd[-k] = better ? int16_t(k) : rd[-k];
+    row.cost8 = b->costs;
+    row.accOut = b->rowSum;
+    const size_t cells = size_t(w) * size_t(nd);
+    for (int32_t y = 0; y < h;) {
+      // Rows in pairs (one more serial chain per loop); a last odd row alone.
+      const int32_t rows = y + 1 < h ? 2 : 1;
+      for (int32_t r = 0; r < rows; ++r)
+        costs_both(k, b, y + r, b->costs + size_t(r) * cells, bytes ? nullptr : b->cost + size_t(r) * cells);
+      row.y = y;
+      row.rows = rows;
+      row.pathPrev = b->pathPrev;
+      row.pathCur = b->pathCur;
+      row.minPrev = b->minPrev;
+      row.minCur = b->minCur;
+      if (bytes)
+        k->aggregate_one_pass8(&row);
+      else
+        k->aggregate_one_pass16(&row);
+      if (rows == 1) {
+        uint16_t* t = b->pathPrev;
+        b->pathPrev = b->pathCur;
+        b->pathCur = t;
+        t = b->minPrev;
+        b->minPrev = b->minCur;
+        b->minCur = t;
       }
-      // Uniqueness: the best cost away from the winner's neighbours.
-      uint16_t other = 0xFFFF;
-      for (int32_t k = 0; k < best - 1; ++k) other = s[k] < other ? s[k] : other;
-      for (int32_t k = best + 2; k < nd; ++k) other = s[k] < other ? s[k] : other;
-      bool unique = uint32_t(other) * uint32_t(100 - p.uniqueness) >= uint32_t(bestCost) * 100u;
-      if (!unique) {
-        dl[x] = STEREO_INVALID;
-        kind[x] = 2;
-        continue;
-      }
-      int32_t sub = 0;
-      if (best > 0 && best < nd - 1) {
-        int32_t a = s[best - 1], c = s[best + 1], den = a + c - 2 * int32_t(bestCost);
-        if (den > 0) {
-          int32_t num = (a - c) * STEREO_SUBPIXEL;
-          sub = (num >= 0 ? num + den : num - den) / (2 * den);
-        }
-        sub = clampi(sub, -STEREO_SUBPIXEL / 2, STEREO_SUBPIXEL / 2);
-      }
-      dl[x] = int16_t((p.minDisparity + best) * STEREO_SUBPIXEL + sub);
-      kind[x] = 0;
+      for (int32_t r = 0; r < rows; ++r) select_row_and_check(k, b, y + r, b->rowSum + size_t(r) * cells);
+      y += rows;
     }
-    for (int32_t x = 0; x < w; ++x) {
-      if (dl[x] == STEREO_INVALID) continue;
-      int32_t k = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
-      int32_t xr = x - p.minDisparity - k;
-      if (xr < 0 || xr >= w) {
-        dl[x] = STEREO_INVALID;  // the sub view cannot see it: filled from neighbours later
-        kind[x] = 1;
-      } else if (dr[xr] == STEREO_INVALID || abs(dr[xr] - k) > 1) {
-        dl[x] = STEREO_INVALID;
-        kind[x] = 1;
+    return;
+  }
+  const size_t rowCells = size_t(w) * size_t(nd);
+  for (int pass = 0; pass < 2; ++pass) {
+    const bool forward = pass == 0;
+    const int32_t regions = paths;
+    if (bytes) {
+      reset_rows8(b->pathPrev, b->minPrev, regions, w, nd);
+      reset_rows8(b->pathCur, b->minCur, regions, w, nd);
+    } else {
+      reset_rows(b->pathPrev, b->minPrev, regions, w, nd);
+      reset_rows(b->pathCur, b->minCur, regions, w, nd);
+    }
+    for (int32_t yi = 0; yi < h; ++yi) {
+      const int32_t y = forward ? yi : h - 1 - yi;
+      uint16_t* volumeRow = b->sum + size_t(y) * rowCells;
+      uint8_t* sums8 = reinterpret_cast<uint8_t*>(b->sum) + size_t(y) * rowCells;
+      // Costs are computed once and kept as bytes for the way back.
+      uint8_t* costRow = b->costs + size_t(y) * rowCells;
+      if (forward) {
+        costs_both(k, b, y, costRow, bytes ? nullptr : b->cost);
+      } else if (!bytes) {
+        for (size_t i = 0; i < rowCells; ++i) b->cost[i] = costRow[i];
       }
+      row.y = y;
+      row.forward = forward;
+      row.dirs = forward ? kForward : kBackward;
+      row.paths = paths;
+      row.cost8 = costRow;
+      row.pathPrev = b->pathPrev;
+      row.pathCur = b->pathCur;
+      row.minPrev = b->minPrev;
+      row.minCur = b->minCur;
+      if (bytes) {
+        row.acc8In = forward ? nullptr : sums8;
+        row.acc8Out = forward ? sums8 : nullptr;
+        row.accIn = nullptr;
+        row.accOut = forward ? nullptr : b->rowSum;
+        k->aggregate_row8(&row);
+      } else {
+        row.accIn = forward ? nullptr : volumeRow;
+        row.accOut = forward ? volumeRow : b->rowSum;
+        k->aggregate_row(&row);
+      }
+      uint16_t* t = b->pathPrev;
+      b->pathPrev = b->pathCur;
+      b->pathCur = t;
+      t = b->minPrev;
+      b->minPrev = b->minCur;
+      b->minCur = t;
+      if (!forward) select_row_and_check(k, b, y, b->rowSum);
     }
   }
 }
 
 // Nearest valid pixel on each of four sides, then a choice per hole: similar luma, short
-// distance, and for occlusions (left-right failures) the farther surface.
+// distance, and for occlusions (left-right failures) the farther surface. The downward
+// neighbours come from one bottom-up scan; rows are then walked top-down carrying the upward
+// neighbour per column and finding the left / right ones per row. Choices are staged in dispR
+// so that none feeds a later one.
 __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height;
-  int16_t* d = b->dispL;
-  int16_t* cand = b->candidates;
+  const size_t n = size_t(w) * size_t(h);
+  const int16_t* d = b->dispL;
   const int16_t kNone = STEREO_INVALID;
-  // Row scans: left (slot 0) and right (slot 1).
-  for (int32_t y = 0; y < h; ++y) {
-    int16_t last = kNone;
-    int32_t lastX = 0;
-    for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) last = d[i], lastX = x;
-      cand[i * 8 + 0] = last;
-      cand[i * 8 + 1] = int16_t(x - lastX);
-    }
-    last = kNone;
-    for (int32_t x = w - 1; x >= 0; --x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) last = d[i], lastX = x;
-      cand[i * 8 + 2] = last;
-      cand[i * 8 + 3] = int16_t(lastX - x);
-    }
-  }
-  // Column scans: up (slot 2) and down (slot 3), with per-column state kept in the labels.
-  int32_t* lastY = b->labels;
+  int16_t* down = b->candidates;          // n x (value, distance)
+  int16_t* side = b->candidates + 2 * n;  // one row: left value, left distance, right value, right distance
+  int32_t* lastY = b->labels;             // per column: row and value of the last valid pixel seen
   int32_t* lastV = b->stack;
-  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
-  for (int32_t y = 0; y < h; ++y) {
-    for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) lastV[x] = d[i], lastY[x] = y;
-      cand[i * 8 + 4] = int16_t(lastV[x]);
-      cand[i * 8 + 5] = int16_t(y - lastY[x]);
-    }
-  }
   for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
   for (int32_t y = h - 1; y >= 0; --y) {
     for (int32_t x = 0; x < w; ++x) {
       size_t i = size_t(y) * size_t(w) + size_t(x);
       if (d[i] != kNone) lastV[x] = d[i], lastY[x] = y;
-      cand[i * 8 + 6] = int16_t(lastV[x]);
-      cand[i * 8 + 7] = int16_t(lastY[x] - y);
+      down[2 * i] = int16_t(lastV[x]);
+      down[2 * i + 1] = int16_t(lastY[x] - y);
     }
   }
+  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
   for (int32_t y = 0; y < h; ++y) {
+    const int16_t* dr = d + size_t(y) * size_t(w);
+    int16_t last = kNone;
+    int32_t lastX = 0;
     for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
+      if (dr[x] != kNone) last = dr[x], lastX = x;
+      side[4 * x] = last;
+      side[4 * x + 1] = int16_t(x - lastX);
+    }
+    last = kNone;
+    for (int32_t x = w - 1; x >= 0; --x) {
+      if (dr[x] != kNone) last = dr[x], lastX = x;
+      side[4 * x + 2] = last;
+      side[4 * x + 3] = int16_t(lastX - x);
+    }
+    const uint8_t* imgRow = img + size_t(y) * size_t(stride);
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * size_t(w) + size_t(x);
+      if (dr[x] != kNone) lastV[x] = dr[x], lastY[x] = y;
       b->dispR[i] = kNone;
-      if (d[i] != kNone) continue;
-      const int16_t* c = cand + i * 8;
+      if (dr[x] != kNone) continue;
+      // Candidates in the order left, right, up, down: (value, distance).
+      const int16_t c[8] = {side[4 * x],       side[4 * x + 1],       side[4 * x + 2], side[4 * x + 3],
+                            int16_t(lastV[x]), int16_t(y - lastY[x]), down[2 * i],     down[2 * i + 1]};
       int32_t vmin = 0x7FFF;
       for (int s = 0; s < 4; ++s)
         if (c[2 * s] != kNone && c[2 * s] < vmin) vmin = c[2 * s];
       if (vmin == 0x7FFF) continue;  // nothing valid in any direction
-      const int32_t pix = img[size_t(y) * size_t(stride) + size_t(x)];
+      const int32_t pix = imgRow[x];
       int32_t bestScore = 0x7FFFFFFF, bestV = vmin;
       for (int s = 0; s < 4; ++s) {
         if (c[2 * s] == kNone) continue;
@@ -287,17 +343,23 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
         if (b->holeKind[i] == 1) score += (c[2 * s] - vmin) * 8 / STEREO_SUBPIXEL;
         if (score < bestScore) bestScore = score, bestV = c[2 * s];
       }
-      b->dispR[i] = int16_t(bestV);  // staged: the choice must not feed later choices
+      b->dispR[i] = int16_t(bestV);
     }
   }
-  for (size_t i = 0; i < size_t(w) * size_t(h); ++i)
-    if (d[i] == kNone) d[i] = b->dispR[i];
+  int16_t* out = b->dispL;
+  for (size_t i = 0; i < n; ++i)
+    if (out[i] == kNone) out[i] = b->dispR[i];
 }
 
 }  // namespace
 
+const StereoCensusShape* stereo_census_shape(int32_t quality) {
+  static const StereoCensusShape kSparse = make_shape(true), kFull = make_shape(false);
+  return quality >= 2 ? &kFull : &kSparse;
+}
+
 int32_t stereo_census_bits(int32_t quality) {
-  return quality >= 2 ? 62 : 24;
+  return stereo_census_shape(quality)->count;
 }
 
 bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32_t minDisparity, int32_t disparities,
@@ -311,23 +373,31 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   p->minDisparity = minDisparity;
   p->disparities = disparities;
   p->quality = quality >= 2 ? 2 : 1;
-  p->p1 = p->quality == 2 ? 18 : 4;
-  p->p2 = p->quality == 2 ? 200 : 48;
+  p->paths = 4;
+  // Standard: one pass (left-right, right-left, top-down paths), no cost volume; high quality:
+  // two passes and the full window.
+  p->passes = p->quality == 2 ? 2 : 1;
+  // Penalties in census bits: tuned on real scenes (more paths did not pay for themselves).
+  p->p1 = p->quality == 2 ? 32 : 16;
+  p->p2 = p->quality == 2 ? 128 : 64;
   p->uniqueness = 5;
   p->speckleSize = clampi(width * height / 800, 8, 400);
   p->fill = true;
+  p->simd = true;
+  p->bytePaths = true;
   return true;
 }
 
 size_t stereo_bytes_needed(const StereoParams* p) {
   if (p == nullptr || p->width < 8 || p->height < 8 || p->width > 8192 || p->height > 8192 || p->disparities < 8 ||
-      p->disparities > 1024)
+      p->disparities > 1024 || p->minDisparity < -1024 || p->minDisparity > 1024)
     return 0;
-  uint64_t n = uint64_t(p->width) * uint64_t(p->height);
-  uint64_t volume = n * uint64_t(p->disparities);
-  uint64_t rows = uint64_t(kMaxPaths) * uint64_t(p->width + 2) * uint64_t(p->disparities + 2);
-  uint64_t total = n * 8 * 2 + volume * 2 * 2 + rows * 2 * 2 + uint64_t(kMaxPaths) * uint64_t(p->width + 2) * 2 * 2 +
-                   uint64_t(p->width) * 2 + n * 8 * 2 + n * 2 * 2 + n * 4 * 2 + n;
+  const uint64_t n = uint64_t(p->width) * uint64_t(p->height), w = uint64_t(p->width), nd = uint64_t(p->disparities);
+  const uint64_t margin = reversed_margin(*p), scratch = w + 2 * margin;
+  uint64_t rows = uint64_t(kMaxPaths) * (w + 2) * (nd + 2);
+  uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 4 + n * nd * 3 +
+                   rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + (2 * n + 4 * w) * 2 +
+                   n * 2 * 2 + n * 4 * 2 + n;
   if (total > (uint64_t(1) << 31)) return 0;  // also keeps 32-bit builds' size_t safe
   return size_t(total);
 }
@@ -337,27 +407,34 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   size_t bytes = stereo_bytes_needed(p);
   if (bytes == 0) return false;
   b->params = *p;
-  size_t n = size_t(p->width) * size_t(p->height), volume = n * size_t(p->disparities);
-  size_t rows = size_t(kMaxPaths) * size_t(p->width + 2) * size_t(p->disparities + 2);
-  size_t mins = size_t(kMaxPaths) * size_t(p->width + 2);
+  const size_t w = size_t(p->width), nd = size_t(p->disparities);
+  const size_t n = w * size_t(p->height), volume = n * nd;
+  const size_t rows = size_t(kMaxPaths) * (w + 2) * (nd + 2), mins = size_t(kMaxPaths) * (w + 2);
+  const size_t scratch = w + 2 * reversed_margin(*p);
   b->censusL = static_cast<uint64_t*>(malloc(n * 8));
   b->censusR = static_cast<uint64_t*>(malloc(n * 8));
-  b->cost = static_cast<uint16_t*>(malloc(volume * 2));
+  b->padded = static_cast<uint8_t*>(malloc(padded_bytes(p->width, p->height)));
+  b->reversed = static_cast<uint64_t*>(calloc(scratch, 8));
+  b->cost = static_cast<uint16_t*>(malloc(w * nd * 2 * 2));
+  b->costs = static_cast<uint8_t*>(malloc(volume));
   b->sum = static_cast<uint16_t*>(malloc(volume * 2));
+  b->rowSum = static_cast<uint16_t*>(malloc(w * nd * 2 * 2));
   b->pathPrev = static_cast<uint16_t*>(malloc(rows * 2));
   b->pathCur = static_cast<uint16_t*>(malloc(rows * 2));
   b->minPrev = static_cast<uint16_t*>(malloc(mins * 2));
   b->minCur = static_cast<uint16_t*>(malloc(mins * 2));
-  b->rowMin = static_cast<uint16_t*>(malloc(size_t(p->width) * 2));
-  b->candidates = static_cast<int16_t*>(malloc(n * 8 * 2));
+  b->rowMin = static_cast<uint16_t*>(malloc(scratch * 2));
+  b->rowDisp = static_cast<int16_t*>(malloc(scratch * 2));
+  b->candidates = static_cast<int16_t*>(malloc((2 * n + 4 * w) * 2));
   b->dispL = static_cast<int16_t*>(malloc(n * 2));
   b->dispR = static_cast<int16_t*>(malloc(n * 2));
   b->labels = static_cast<int32_t*>(malloc(n * 4));
   b->stack = static_cast<int32_t*>(malloc(n * 4));
   b->holeKind = static_cast<uint8_t*>(malloc(n));
   b->bytes = bytes;
-  if (!b->censusL || !b->censusR || !b->cost || !b->sum || !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur ||
-      !b->rowMin || !b->candidates || !b->dispL || !b->dispR || !b->labels || !b->stack || !b->holeKind) {
+  if (!b->censusL || !b->censusR || !b->padded || !b->reversed || !b->cost || !b->costs || !b->sum || !b->rowSum ||
+      !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->candidates ||
+      !b->dispL || !b->dispR || !b->labels || !b->stack || !b->holeKind) {
     stereo_free(b);
     return false;
   }
@@ -367,13 +444,18 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
 void stereo_free(StereoBuffers* b) {
   free(b->censusL);
   free(b->censusR);
+  free(b->padded);
+  free(b->reversed);
   free(b->cost);
+  free(b->costs);
   free(b->sum);
+  free(b->rowSum);
   free(b->pathPrev);
   free(b->pathCur);
   free(b->minPrev);
   free(b->minCur);
   free(b->rowMin);
+  free(b->rowDisp);
   free(b->candidates);
   free(b->dispL);
   free(b->dispR);
@@ -383,33 +465,37 @@ void stereo_free(StereoBuffers* b) {
   memset(b, 0, sizeof(*b));
 }
 
-void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out) {
-  const int32_t rx = quality >= 2 ? 4 : 2, ry = quality >= 2 ? 3 : 2;
-  const uint8_t* rows[7];
-  for (int32_t y = 0; y < height; ++y) {
-    // Borders repeat the edge pixels: rows are clamped here, columns below near the sides.
-    for (int32_t dy = -ry; dy <= ry; ++dy) rows[dy + ry] = img + size_t(clampi(y + dy, 0, height - 1)) * size_t(stride);
-    const uint8_t* centreRow = img + size_t(y) * size_t(stride);
-    for (int32_t x = 0; x < width; ++x) {
-      const int32_t centre = centreRow[x];
-      const bool inner = x >= rx && x + rx < width;
-      uint64_t bits = 0;
-      for (int32_t dy = -ry; dy <= ry; ++dy) {
-        const uint8_t* row = rows[dy + ry];
-        for (int32_t dx = -rx; dx <= rx; ++dx) {
-          if (dx == 0 && dy == 0) continue;
-          const int32_t v = inner ? row[x + dx] : row[clampi(x + dx, 0, width - 1)];
-          bits = (bits << 1) | (v < centre ? 1u : 0u);
-        }
-      }
-      out[size_t(y) * size_t(width) + size_t(x)] = bits;
+void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_t stride, int32_t width, int32_t height,
+                        int32_t quality, uint64_t* out) {
+  if (img == nullptr || out == nullptr || width < 1 || height < 1 || width > 8192 || height > 8192) return;
+  // A tool and test entry: the engine's runs use the padded image allocated with the buffers.
+  uint8_t* padded = static_cast<uint8_t*>(malloc(padded_bytes(width, height)));
+  if (padded == nullptr) return;
+  const StereoCensusShape* shape = stereo_census_shape(quality);
+  census_image(kernels != nullptr ? kernels : stereo_kernels_plain(), img, stride, width, height, shape, padded, out);
+  free(padded);
+  if (shape->count <= 32) {
+    // Widen the 32-bit words in place, from the end so that no word is overwritten unread.
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(out);
+    for (size_t i = size_t(width) * size_t(height); i-- > 0;) {
+      uint32_t v;
+      memcpy(&v, bytes + 4 * i, sizeof(v));
+      out[i] = v;
     }
   }
 }
 
+void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out) {
+  stereo_census_with(nullptr, img, stride, width, height, quality, out);
+}
+
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack) {
+  if (width < 1 || height < 1 || width > 8192 || height > 8192) return;
   const size_t n = size_t(width) * size_t(height);
+  // Row of index i without a division: i * recip >> 40 is exact for i < 2^26 and width <= 8192
+  // (the error stays below 2^-14 < 1 / width).
+  const uint64_t recip = ((uint64_t(1) << 40) + uint64_t(width) - 1) / uint64_t(width);
   for (size_t i = 0; i < n; ++i) labels[i] = 0;
   int32_t label = 0;
   for (size_t start = 0; start < n; ++start) {
@@ -424,7 +510,7 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
     while (head < top) {
       int32_t i = stack[head++];
       ++count;
-      int32_t x = i % width, y = i / width;
+      int32_t y = int32_t((uint64_t(uint32_t(i)) * recip) >> 40), x = i - y * width;
       const int32_t nb[4][2] = {{x - 1, y}, {x + 1, y}, {x, y - 1}, {x, y + 1}};
       for (const auto& q : nb) {
         if (q[0] < 0 || q[0] >= width || q[1] < 0 || q[1] >= height) continue;
@@ -442,33 +528,14 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
                 int16_t* disparity) {
   const StereoParams& p = b->params;
-  const int32_t w = p.width, h = p.height, nd = p.disparities;
-  stereo_census(left, leftStride, w, h, p.quality, b->censusL);
-  stereo_census(right, rightStride, w, h, p.quality, b->censusR);
-  for (int32_t y = 0; y < h; ++y) {
-    const uint64_t* cl = b->censusL + size_t(y) * size_t(w);
-    const uint64_t* cr = b->censusR + size_t(y) * size_t(w);
-    uint16_t* cost = b->cost + size_t(y) * size_t(w) * size_t(nd);
-    if (p.quality >= 2) {
-      cost_row<true>(p, cl, cr, cost);
-    } else {
-      // Pack this row's 24-bit words into 32 bits in place (each write lands at or before its read).
-      uint32_t* l32 = reinterpret_cast<uint32_t*>(b->censusL + size_t(y) * size_t(w));
-      uint32_t* r32 = reinterpret_cast<uint32_t*>(b->censusR + size_t(y) * size_t(w));
-      for (int32_t x = 0; x < w; ++x) {
-        uint32_t a = uint32_t(cl[x]), c = uint32_t(cr[x]);
-        l32[x] = a;
-        r32[x] = c;
-      }
-      cost_row<false>(p, cl, cr, cost);
-    }
-  }
-  static const int32_t kForward8[4][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}};
-  static const int32_t kBackward8[4][2] = {{1, 0}, {0, 1}, {1, 1}, {-1, 1}};
-  const int32_t paths = p.quality >= 2 ? 4 : 2;
-  aggregate_pass(b, left, leftStride, true, kForward8, paths, true);
-  aggregate_pass(b, left, leftStride, false, kBackward8, paths, false);
-  select_disparities(b);
+  const int32_t w = p.width, h = p.height;
+  const StereoKernels* k = b->kernels;
+  if (k == nullptr || p.disparities % k->lanes != 0)
+    k = p.simd ? stereo_kernels_best(p.disparities) : stereo_kernels_plain();
+  const StereoCensusShape* shape = stereo_census_shape(p.quality);
+  census_image(k, left, leftStride, w, h, shape, b->padded, b->censusL);
+  census_image(k, right, rightStride, w, h, shape, b->padded, b->censusR);
+  aggregate_and_select(k, b, left, leftStride);
   stereo_remove_speckles(b->dispL, w, h, p.speckleSize, STEREO_SUBPIXEL, b->labels, b->stack);
   const size_t n = size_t(w) * size_t(h);
   for (size_t i = 0; i < n; ++i)

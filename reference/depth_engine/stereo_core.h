@@ -8,6 +8,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "stereo_kernels.h"
+
 // Disparities inside the matcher are fixed point with this many steps per pixel.
 #define STEREO_SUBPIXEL 16
 #define STEREO_INVALID (-1)
@@ -16,26 +18,37 @@ struct StereoParams {
   int32_t width, height;
   int32_t minDisparity;  // pixels; the search covers minDisparity .. minDisparity + disparities - 1
   int32_t disparities;   // a multiple of 8
-  int32_t quality;       // 1: 5x5 census, 4 paths; 2: 9x7 census, 8 paths
+  int32_t quality;       // 1: sparse 9x7 census (30 bits); 2: full 9x7 census (62 bits)
+  int32_t paths;         // 4 (horizontal and vertical) or 8 (plus diagonals)
+  int32_t passes;        // 2: all paths; 1: one top-to-bottom pass, the bottom-to-top paths left out
   int32_t p1, p2;        // smoothness penalties (0 = the mode's defaults)
   int32_t uniqueness;    // percent
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
   bool fill;             // fill holes so that the output is dense
+  bool simd;             // the fastest kernels this processor runs; false: the plain reference
+  bool bytePaths;        // path costs in bytes where that is exact (same results, faster)
 };
 
 struct StereoBuffers {
   StereoParams params;
-  size_t bytes;  // total of everything below
+  const StereoKernels* kernels;  // a kernel set forced by tests; null: chosen by params.simd
+  size_t bytes;                  // total of everything below
   uint64_t* censusL;
   uint64_t* censusR;
-  uint16_t* cost;      // width x height x disparities
-  uint16_t* sum;       // width x height x disparities
+  uint8_t* padded;     // (width + 2 x 4 + 32) x (height + 2 x 3): the image with repeated borders
+  uint64_t* reversed;  // one right-view row reversed, with zero margins (see StereoCostRowFn)
+  uint16_t* cost;      // 2 x width x disparities: the costs of the rows being aggregated (16-bit form)
+  uint8_t* costs;      // width x height x disparities: the costs, kept for the backward pass
+  uint16_t* sum;       // width x height x disparities: forward paths, summed
+  uint16_t* rowSum;    // 2 x width x disparities: all paths of the rows being selected
+  uint16_t p2ForStep[256];
   uint16_t* pathPrev;  // per path: (width + 2) x (disparities + 2), previous row / pixel
   uint16_t* pathCur;
   uint16_t* minPrev;  // per path: (width + 2) minima of the rows above
   uint16_t* minCur;
-  uint16_t* rowMin;     // width: best aggregated cost per right-view pixel
-  int16_t* candidates;  // width x height x 8: value and distance of the nearest valid pixel per side
+  uint16_t* rowMin;     // best aggregated cost per right-view pixel, with scratch margins
+  int16_t* rowDisp;     // its disparity index
+  int16_t* candidates;  // hole filling: 2 x width x height (the pixel below), then 4 x width (one row)
   int16_t* dispL;       // fixed point, STEREO_INVALID where unknown
   int16_t* dispR;       // integer pixels of the right view (for the left-right check)
   int32_t* labels;
@@ -58,9 +71,12 @@ void stereo_free(StereoBuffers* b);
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
                 int16_t* disparity);
 
-// Stages, exposed for tests.
+// Stages, exposed for tests. `kernels` null means the plain reference.
 void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t height, int32_t quality, uint64_t* out);
-// Census bits for the quality mode (24 or 62).
+void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_t stride, int32_t width, int32_t height,
+                        int32_t quality, uint64_t* out);
+// The census window of a quality mode (30 or 62 bits).
+const StereoCensusShape* stereo_census_shape(int32_t quality);
 int32_t stereo_census_bits(int32_t quality);
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack);

@@ -337,10 +337,9 @@ int32_t flow_controller_trigger(TriggerData data) {
       if (ctx->isUsingTemporalFilter == 1) depth_manager_trigger(ctx);
     }
   } else if (wantDepth) {
-    // A busy worker drops the request, and the sub frame would go unused: it is copied only
-    // for a worker that waits. (One that starts waiting just now finds the frames used and
-    // waits for the next trigger.)
-    if (depth_manager_worker_waiting(ctx)) flow_controller_fill_trigger_data_depth_requirement(ctx, &data);
+    // The sub frame is taken on every frame that asks for depth, busy worker or not: its dumps
+    // and the frame a worker finds when it wakes stay those of the latest depth frame.
+    flow_controller_fill_trigger_data_depth_requirement(ctx, &data);
     depth_manager_trigger(ctx);
   }
   const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
