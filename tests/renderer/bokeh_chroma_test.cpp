@@ -96,7 +96,8 @@ TEST(RenderChroma, LayoutsGiveTheSamePlanes) {
     const int32_t w = sz[0], h = sz[1], mw = 80, mh = 10;
     std::vector<uint8_t> map(static_cast<size_t>(mw) * mh), nearMask(map.size(), 0);
     for (int32_t y = 0; y < mh; ++y)
-      for (int32_t x = 0; x < mw; ++x) map[static_cast<size_t>(y) * mw + x] = static_cast<uint8_t>((x * 7 + y * 13) & 255);
+      for (int32_t x = 0; x < mw; ++x)
+        map[static_cast<size_t>(y) * mw + x] = static_cast<uint8_t>((x * 7 + y * 13) & 255);
     for (int32_t x = 60; x < 64; ++x) nearMask[static_cast<size_t>(mh / 2) * mw + x] = 1;  // one near patch
     const Frame source = make_textured(w, h, 5);
     const uint8_t* masks[] = {nullptr, nearMask.data()};
@@ -107,18 +108,18 @@ TEST(RenderChroma, LayoutsGiveTheSamePlanes) {
         Frame f = source;
         Frame planar = source;
         put_chroma(f, format, get_chroma(planar, 2));  // the same picture in this layout
-        render_bokeh(&g_renderer.work, f.luma(), f.chroma(), w, h, renderer_chroma_layout(format), map.data(), mask,
-                     mw, mh, 1.4f);
+        render_bokeh(&g_renderer.work, f.luma(), f.chroma(), w, h, renderer_chroma_layout(format), map.data(), mask, mw,
+                     mh, 1.4f);
         const Planes out = get_chroma(f, format);
         if (format == 2) {
           reference = out;
           EXPECT_FALSE(out.v == get_chroma(planar, 2).v) << w;  // something was blurred
         } else {
           for (size_t i = 0; i < out.u.size(); ++i) {
-            ASSERT_LE(std::abs(out.u[i] - reference.u[i]), 1) << w << " format " << format << " mask " << (mask != nullptr)
-                                                              << " at " << i;
-            ASSERT_LE(std::abs(out.v[i] - reference.v[i]), 1) << w << " format " << format << " mask " << (mask != nullptr)
-                                                              << " at " << i;
+            ASSERT_LE(std::abs(out.u[i] - reference.u[i]), 1)
+                << w << " format " << format << " mask " << (mask != nullptr) << " at " << i;
+            ASSERT_LE(std::abs(out.v[i] - reference.v[i]), 1)
+                << w << " format " << format << " mask " << (mask != nullptr) << " at " << i;
           }
         }
         vmKtrRT_GLClose();
