@@ -205,8 +205,11 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
                    const float* tGiven, const float* guide, const float* coc, const float* colour, int32_t gy0,
                    int32_t gy1, float fy, int32_t ooff, float* T, float* B, float* A, float* Fp) {
   constexpr float kTScale = S / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  // Sample x of a line with F samples per grid cell sits at grid position (x + 0.5) / F - 0.5.
+  // With F even the block's samples fall between two cells at (k + 0.5) / F; with F = 1 (chroma
+  // on the 2 x 2 grid) each sample sits on its cell.
   float weights[F];
-  for (int32_t k = 0; k < F; ++k) weights[k] = (k + 0.5f) / F;
+  for (int32_t k = 0; k < F; ++k) weights[k] = F % 2 == 0 ? (k + 0.5f) / F : static_cast<float>(k) / F;
   {
     const int32_t x0 = b * F + F / 2;
     const int32_t k0 = x0 < 0 ? -x0 : 0;
@@ -366,9 +369,22 @@ inline void chroma_block_vector(const float* tLuma, int32_t x0, float f0, float 
   memcpy(bo, &b, sizeof(b));
 }
 
-// first, second: padded interpolated grid rows of the channel stored first and second.
+// first, second: padded interpolated grid rows of the channel stored first and second. On the
+// 4 x 4 grid a cell holds two chroma samples per row and the line is interpolated; on the 2 x 2
+// grid chroma sample x sits on grid cell x and takes its value as it is.
+template <int32_t S>
 void prepare_chroma_line(int32_t cw, int32_t gw, const float* first, const float* second, const float* tLuma, float* T,
                          float* B, bool plain) {
+  static_assert(S == 2 || S == 4, "grid cells of 2 or 4 pixels");
+  if (S == 2) {
+    const int32_t n = cw < gw ? cw : gw;
+    for (int32_t x = 0; x < n; ++x) {
+      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
+      B[2 * x] = first[x];
+      B[2 * x + 1] = second[x];
+    }
+    return;
+  }
   const int32_t last = cw - 3 < 0 ? -1 : (cw - 3) / 2;
   for (int32_t b = -1; b < gw; ++b) {
     const int32_t x0 = 2 * b + 1;
@@ -478,7 +494,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
       const int32_t firstChannel = ca.u < ca.v ? 1 : 2;  // plane index of the channel stored first
       lerp_rows(work->blurred + firstChannel * plane, gw, cy0, cy1, cfy, 1, bv);
       lerp_rows(work->blurred + (3 - firstChannel) * plane, gw, cy0, cy1, cfy, 1, fv);
-      prepare_chroma_line(cw, gw, bv, fv, tRow, cRow, bRow, work->plainOnly != 0);
+      prepare_chroma_line<S>(cw, gw, bv, fv, tRow, cRow, bRow, work->plainOnly != 0);
       blend_run((ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride, 2 * cw, cRow, bRow, nullptr,
                 nullptr);
       continue;
