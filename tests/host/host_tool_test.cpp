@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <map>
@@ -35,7 +36,8 @@ Result runTool(const std::string& args) {
 }
 
 std::string tempDir(const std::string& name) {
-  const std::string d = testing::TempDir() + "/vmktr_host_" + name;
+  // One folder per process: several builds' suites may run at once on one machine.
+  const std::string d = testing::TempDir() + "/vmktr_host_" + std::to_string(getpid()) + "_" + name;
   std::string cmd = "rm -rf '" + d + "' && mkdir -p '" + d + "'";
   EXPECT_EQ(system(cmd.c_str()), 0);
   return d;
