@@ -1,5 +1,6 @@
 // Host stand-ins: property store limits and sources, log return values and sinks.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -27,7 +28,7 @@ TEST_F(HostPlatform, PropertyValuesAreCutAtThePlatformMaximum) {
 }
 
 TEST_F(HostPlatform, PropertiesFromFileAndList) {
-  const std::string path = testing::TempDir() + "/props.txt";
+  const std::string path = testing::TempDir() + "/props_" + std::to_string(getpid()) + ".txt";
   {
     std::ofstream f(path);
     f << "# comment\npersist.a = 5\npersist.b=from-file\n\nnot a property\n";
@@ -49,7 +50,7 @@ TEST_F(HostPlatform, PropertiesFromFileAndList) {
 }
 
 TEST_F(HostPlatform, LogReturnsBytesAndWritesBriefStyleToAFile) {
-  const std::string path = testing::TempDir() + "/log.txt";
+  const std::string path = testing::TempDir() + "/log_" + std::to_string(getpid()) + ".txt";
   std::remove(path.c_str());
   setenv("VM_HOST_LOG", path.c_str(), 1);
   const int n = __android_log_print(6, "System.out", "hello %d\n", 7);

@@ -1,9 +1,8 @@
 // The system library with the reference depth engine, temporal filter and renderer, driven only
 // through its five exported functions on a synthetic still scene: the depth it publishes (read
 // back from its own depth dump) is scored against the scene's ground truth.
-#include <gtest/gtest.h>
-
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cmath>
