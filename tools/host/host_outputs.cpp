@@ -14,7 +14,8 @@
 #include <png.h>
 #endif
 
-std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height) {
+std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height,
+                           int compression) {
 #ifdef VM_HAVE_PNG
   FILE* f = fopen(pngPath.c_str(), "wb");
   if (f == nullptr) return "";
@@ -26,7 +27,7 @@ std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32
     return "";
   }
   png_init_io(png, f);
-  png_set_compression_level(png, 1);  // frames are many and large: speed over size
+  png_set_compression_level(png, compression);
   png_set_IHDR(png, info, static_cast<png_uint_32>(width), static_cast<png_uint_32>(height), 8, PNG_COLOR_TYPE_RGB,
                PNG_INTERLACE_NONE, PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
   png_write_info(png, info);
@@ -140,7 +141,7 @@ std::string host_write_contact_sheet(const std::string& path, const std::vector<
                static_cast<size_t>(kTileW) * 3);
     }
   }
-  return host_write_rgb(path, sheet.data(), sheetW, sheetH);
+  return host_write_rgb(path, sheet.data(), sheetW, sheetH, 9);
 }
 
 double host_percentile(std::vector<double> values, double p) {

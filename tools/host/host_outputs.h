@@ -11,7 +11,9 @@
 
 // RGB 8-bit interleaved. PNG when built with libpng, else a PPM next to the asked name.
 // Returns the path written, or "" on failure.
-std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height);
+// compression: zlib level 0..9 (frames are many and large: 1; a single sheet: 9).
+std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height,
+                           int compression = 1);
 
 class VideoWriter {
  public:
