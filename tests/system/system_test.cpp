@@ -82,7 +82,7 @@ TEST_F(SystemOnReferenceEngines, StillSceneDepthIsWithinTheEnginesBound) {
 
   std::vector<uint16_t> depth;
   int32_t renders = 0;
-  for (int frame = 0; frame < 400 && (depth.empty() || frame < 40); ++frame) {
+  for (int frame = 0; frame < 600 && (depth.empty() || renders == 0 || frame < 40); ++frame) {
     work = main;  // the library renders in place
     TriggerData t{};
     t.vcmMain = t.vcmSub = 300;
