@@ -525,6 +525,83 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
 
 }  // namespace
 
+// Largest near radius within reach, separably (rows, then columns): out = the largest r of the
+// samples s along the axis with r >= |distance to s|. The plain code gathers over the whole reach
+// at every sample; the fast code spreads each near sample over its own reach along the row (near
+// samples are few and mostly small), and then whole rows at once over the column (4 lanes, rows
+// without a near sample skipped). Both take maxima of the same values, so they agree exactly.
+void render_near_dilate(const float* nearRadius, int32_t gw, int32_t gh, float* tmp, float* out, int32_t plain) {
+  const int32_t reach = static_cast<int32_t>(kMaxGridRadius + 0.5f);
+  const size_t plane = static_cast<size_t>(gw) * gh;
+  if (plain) {
+    for (int32_t gy = 0; gy < gh; ++gy) {
+      for (int32_t gx = 0; gx < gw; ++gx) {
+        float m = 0.0f;
+        const int32_t x0 = gx - reach < 0 ? 0 : gx - reach, x1 = gx + reach >= gw ? gw - 1 : gx + reach;
+        for (int32_t x = x0; x <= x1; ++x) {
+          const float r = nearRadius[static_cast<size_t>(gy) * gw + x];
+          if (r >= static_cast<float>(abs(x - gx)) && r > m) m = r;
+        }
+        tmp[static_cast<size_t>(gy) * gw + gx] = m;
+      }
+    }
+    for (int32_t gy = 0; gy < gh; ++gy) {
+      for (int32_t gx = 0; gx < gw; ++gx) {
+        float m = 0.0f;
+        const int32_t y0 = gy - reach < 0 ? 0 : gy - reach, y1 = gy + reach >= gh ? gh - 1 : gy + reach;
+        for (int32_t y = y0; y <= y1; ++y) {
+          const float r = tmp[static_cast<size_t>(y) * gw + gx];
+          if (r >= static_cast<float>(abs(y - gy)) && r > m) m = r;
+        }
+        out[static_cast<size_t>(gy) * gw + gx] = m;
+      }
+    }
+    return;
+  }
+  memset(out, 0, plane * sizeof(float));
+  for (int32_t gy = 0; gy < gh; ++gy) {
+    const float* src = nearRadius + static_cast<size_t>(gy) * gw;
+    float* t = tmp + static_cast<size_t>(gy) * gw;
+    memset(t, 0, static_cast<size_t>(gw) * sizeof(float));
+    float rowMax = 0.0f;
+    for (int32_t x = 0; x < gw; ++x) {
+      const float r = src[x];
+      if (!(r > 0.0f)) continue;  // zero (not near) and NaN never count
+      // r >= d for a whole distance d exactly when floor(r) >= d; clamped before converting.
+      const int32_t k = r >= static_cast<float>(reach) ? reach : static_cast<int32_t>(r);
+      const int32_t lo = x - k < 0 ? 0 : x - k, hi = x + k >= gw ? gw - 1 : x + k;
+      for (int32_t g = lo; g <= hi; ++g) t[g] = r > t[g] ? r : t[g];
+      rowMax = r > rowMax ? r : rowMax;
+    }
+    if (rowMax <= 0.0f) continue;
+    // Spread this row over the rows within its largest radius: a sample reaches the row d away
+    // when its value is at least d.
+    const int32_t k = rowMax >= static_cast<float>(reach) ? reach : static_cast<int32_t>(rowMax);
+    const int32_t y0 = gy - k < 0 ? 0 : gy - k, y1 = gy + k >= gh ? gh - 1 : gy + k;
+    for (int32_t y = y0; y <= y1; ++y) {
+      const float d = static_cast<float>(abs(y - gy));
+      float* o = out + static_cast<size_t>(y) * gw;
+      const Vec4 dv = {d, d, d, d};
+      int32_t x = 0;
+      for (; x + 4 <= gw; x += 4) {
+        Vec4 v, m;
+        memcpy(&v, t + x, sizeof(v));
+        memcpy(&m, o + x, sizeof(m));
+        // v where v >= d, else 0; then the larger of that and what is there (all values >= 0).
+        const Vec4 reached = reinterpret_cast<Vec4>(reinterpret_cast<Vec4i>(v) & (v >= dv));
+        const Vec4i larger = reached > m;
+        m = reinterpret_cast<Vec4>((reinterpret_cast<Vec4i>(reached) & larger) |
+                                   (reinterpret_cast<Vec4i>(m) & ~larger));
+        memcpy(o + x, &m, sizeof(m));
+      }
+      for (; x < gw; ++x) {
+        const float v = t[x] >= d ? t[x] : 0.0f;
+        o[x] = v > o[x] ? v : o[x];
+      }
+    }
+  }
+}
+
 float render_max_radius(int32_t frameWidth, float fNumber) {
   if (!(fNumber == fNumber)) fNumber = kReferenceFNumber;  // NaN
   fNumber = clampf(fNumber, kMinFNumber, kMaxFNumber);
@@ -741,31 +818,7 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   float* front = work->front;
   if (anyNear) {
     float* dil = work->nearDilated;
-    // Largest near radius within reach, separably (rows, then columns).
-    const int32_t reach = static_cast<int32_t>(kMaxGridRadius + 0.5f);
-    float* tmp = front;  // scratch for the row pass
-    for (int32_t gy = 0; gy < gh; ++gy) {
-      for (int32_t gx = 0; gx < gw; ++gx) {
-        float m = 0.0f;
-        const int32_t x0 = gx - reach < 0 ? 0 : gx - reach, x1 = gx + reach >= gw ? gw - 1 : gx + reach;
-        for (int32_t x = x0; x <= x1; ++x) {
-          const float r = nearRadius[static_cast<size_t>(gy) * gw + x];
-          if (r >= static_cast<float>(abs(x - gx)) && r > m) m = r;
-        }
-        tmp[static_cast<size_t>(gy) * gw + gx] = m;
-      }
-    }
-    for (int32_t gy = 0; gy < gh; ++gy) {
-      for (int32_t gx = 0; gx < gw; ++gx) {
-        float m = 0.0f;
-        const int32_t y0 = gy - reach < 0 ? 0 : gy - reach, y1 = gy + reach >= gh ? gh - 1 : gy + reach;
-        for (int32_t y = y0; y <= y1; ++y) {
-          const float r = tmp[static_cast<size_t>(y) * gw + gx];
-          if (r >= static_cast<float>(abs(y - gy)) && r > m) m = r;
-        }
-        dil[static_cast<size_t>(gy) * gw + gx] = m;
-      }
-    }
+    render_near_dilate(nearRadius, gw, gh, front, dil, work->plainOnly != 0);  // front: row-pass scratch
     for (size_t i = 0; i < plane; ++i) {
       const float cover = clampf((nearRadius[i] - 0.25f) / 0.75f, 0.0f, 1.0f);
       weight[i] = nearRadius[i] > 0.0f ? static_cast<uint32_t>(cover * kCoverScale + 0.5f) : 0;

@@ -1,6 +1,7 @@
 // The CPU renderer: untouched frames, blur where the map says, no bleeding of the sharp subject,
 // highlights that bloom into discs, foreground spreading over the subject, chroma layouts.
 #include <cmath>
+#include <cstring>
 
 #include "renderer_test_util.h"
 
@@ -177,6 +178,45 @@ TEST(RenderVectorKernels, EqualToThePlainPath) {
     const Frame original = make_textured(w, h, 21);
     EXPECT_FALSE(a.data == original.data);
     vmKtrRT_GLClose();
+  }
+}
+
+// The foreground spread: the fast code (row scatter, 4-lane column pass) gives exactly the
+// plain gather's values, on planes of exactly the given size (narrower than one vector too),
+// with radii on whole numbers (the reach boundary), past the largest reach, zero and NaN.
+TEST(RenderNearDilate, FastEqualsPlain) {
+  const int32_t sizes[][2] = {{1, 1}, {3, 5}, {7, 2}, {37, 29}, {64, 61}, {130, 9}};
+  uint32_t seed = 99;
+  auto next = [&seed] {
+    seed = seed * 1664525u + 1013904223u;
+    return seed >> 8;
+  };
+  for (const auto& sz : sizes) {
+    const int32_t gw = sz[0], gh = sz[1];
+    const size_t n = static_cast<size_t>(gw) * gh;
+    for (int32_t density : {1, 5, 30, 100}) {
+      std::vector<float> radius(n, 0.0f);
+      for (float& r : radius) {
+        if (static_cast<int32_t>(next() % 100) >= density) continue;
+        const uint32_t kind = next() % 8;
+        // Mostly small radii (as in frames) so that the reach's boundaries are seen, not covered
+        // by larger neighbours; some whole numbers, a few large ones.
+        r = kind == 0   ? static_cast<float>(next() % 26)  // up to past the reach
+            : kind == 1 ? (next() % 16 == 0 ? 40.0f : NAN)
+            : kind <= 3 ? static_cast<float>(1 + next() % 4)
+                        : 0.25f + static_cast<float>(next() % 400) / 100.0f;
+      }
+      std::vector<float> tmpA(n), outA(n, -1.0f), tmpB(n), outB(n, -2.0f);
+      render_near_dilate(radius.data(), gw, gh, tmpA.data(), outA.data(), 0);
+      render_near_dilate(radius.data(), gw, gh, tmpB.data(), outB.data(), 1);
+      ASSERT_EQ(0, memcmp(outA.data(), outB.data(), n * sizeof(float))) << gw << "x" << gh << " " << density;
+      // Not trivially zero: a sample's own radius is always reached.
+      for (size_t i = 0; i < n; ++i) {
+        if (radius[i] > 0.0f) {
+          ASSERT_GE(outA[i], radius[i]) << i;
+        }
+      }
+    }
   }
 }
 
