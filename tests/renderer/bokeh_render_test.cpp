@@ -181,6 +181,44 @@ TEST(RenderVectorKernels, EqualToThePlainPath) {
   }
 }
 
+// The same with a foreground (a near corner through the generator): the fast spread and the
+// luma blocks on lines the foreground reaches give the plain code's bytes too.
+TEST(RenderVectorKernels, EqualToThePlainPathWithAForeground) {
+  constexpr int32_t w = 1286, h = 724, mw = 160, mh = 90;
+  for (int32_t format : {0, 2}) {
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, format, 0));
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+    std::vector<uint16_t> depth(mw * mh);
+    for (int32_t y = 0; y < mh; ++y)
+      for (int32_t x = 0; x < mw; ++x) {
+        const bool subject = std::abs(x - mw / 2) < 30 && std::abs(y - mh / 2) < 25;
+        const bool near = x < 50 && y > 55;
+        depth[y * mw + x] = static_cast<uint16_t>(near ? 620 + (50 - x) * 4 : (subject ? 600 : 150));
+      }
+    std::vector<uint8_t> map(mw * mh);
+    uint16_t lo, hi, target;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), mw / 2, mh / 2, &lo, &hi, &target));
+    ASSERT_EQ(600, target);
+    Frame a = make_textured(w, h, 5);
+    Frame b = a;
+    const Frame original = a;
+    g_renderer.work.plainOnly = 0;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(a.luma(), a.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
+    // The foreground layer was made (some alpha), so its paths ran.
+    const RenderWork& work = g_renderer.work;
+    float alpha = 0.0f;
+    for (size_t i = 0; i < static_cast<size_t>(work.gridWidth) * work.gridHeight; ++i)
+      alpha = work.front[4 * i + 3] > alpha ? work.front[4 * i + 3] : alpha;
+    EXPECT_GT(alpha, 0.5f);
+    g_renderer.work.plainOnly = 1;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(b.luma(), b.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
+    EXPECT_TRUE(a.data == b.data) << "format " << format;
+    EXPECT_FALSE(a.data == original.data);
+    g_renderer.work.plainOnly = 0;
+    vmKtrRT_GLClose();
+  }
+}
+
 // The foreground spread: the fast code (row scatter, 4-lane column pass) gives exactly the
 // plain gather's values, on planes of exactly the given size (narrower than one vector too),
 // with radii on whole numbers (the reach boundary), past the largest reach, zero and NaN.
