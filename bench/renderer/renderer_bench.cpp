@@ -2,6 +2,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -111,6 +113,40 @@ void BM_StartV1_1080p_GeneratedMapNear(benchmark::State& state) {
   vmKtrRT_GLClose();
 }
 BENCHMARK(BM_StartV1_1080p_GeneratedMapNear)->Arg(14)->Arg(28)->Unit(benchmark::kMillisecond);
+
+// The same with a depth map from a run of the host tool (a 320 x 240 16-bit "depth" dump named
+// by VMKTR_BENCH_DEPTH), the generator's map from it, focus in the middle; skipped without one.
+void BM_StartV1_1080p_DepthFile(benchmark::State& state) {
+  static Scene scene;
+  const char* path = getenv("VMKTR_BENCH_DEPTH");
+  std::vector<uint16_t> depth(kMw * kMh);
+  FILE* f = path ? fopen(path, "rb") : nullptr;
+  const size_t got = f ? fread(depth.data(), sizeof(uint16_t), depth.size(), f) : 0;
+  if (f) fclose(f);
+  if (got != depth.size()) {
+    state.SkipWithError("VMKTR_BENCH_DEPTH names no 320x240 16-bit depth file");
+    for (auto _ : state) {
+    }
+    return;
+  }
+  setup();
+  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+  std::vector<uint8_t> map(kMw * kMh);
+  uint16_t lo, hi, target;
+  vmKtrRT_GenRefocusMap(map.data(), depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
+  for (auto _ : state) {
+    state.PauseTiming();
+    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
+    state.ResumeTiming();
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map.data(), kW / 2, kH / 2,
+                                        fNumber, 0, 0, 0, kW, kH);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_StartV1_1080p_DepthFile)->Arg(14)->Unit(benchmark::kMillisecond);
 
 void BM_MemcpyFrame1080p(benchmark::State& state) {
   std::vector<uint8_t> a(kW * kH * 3 / 2, 1), b(a.size());
