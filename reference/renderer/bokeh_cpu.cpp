@@ -452,6 +452,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
   const RowInputs in{cv, bv, av, fv, cmin, cmax, false};
   int32_t minMaxRow = -1;
   float rowMax = 0.0f;
+  bool pairAlpha = false;
 
   for (int32_t y = 0; y < height; ++y) {
     const float gyf = clampf((y + 0.5f) / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
@@ -465,10 +466,18 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
         cmax[g] = a > b ? a : b;
         rowMax = cmax[g] > rowMax ? cmax[g] : rowMax;
       }
+      // Whether the foreground reaches either grid row: where it reaches neither, every
+      // interpolated alpha of the lines between them is 0.
+      pairAlpha = false;
+      if (anyNear) {
+        const float* f0 = work->front + static_cast<size_t>(gy0) * gw * 4 + 3;
+        const float* f1 = work->front + static_cast<size_t>(gy1) * gw * 4 + 3;
+        for (int32_t g = 0; g < gw && !pairAlpha; ++g) pairAlpha = f0[4 * g] > 0.0f || f1[4 * g] > 0.0f;
+      }
       minMaxRow = gy0;
     }
     RowInputs row = in;
-    if (anyNear) {
+    if (pairAlpha) {
       lerp_rows(work->front + 3, gw, gy0, gy1, fy, 4, av);
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
