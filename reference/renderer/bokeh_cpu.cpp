@@ -323,12 +323,13 @@ inline void luma_block_vector(float c0, float dc, float b0, float db, float* to,
 // A luma line on a 4 x 4 grid: interior blocks whose four radii agree and that no foreground
 // reaches take the block kernel (on a line the foreground reaches, with zero alpha), the rest
 // (ends, edges of the map, the foreground) the general per-block code.
+template <bool kFront>
 void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* guide,
                        const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy, float* T, float* B,
                        float* A, float* Fp, bool plain) {
   const int32_t last = count - 6 < 0 ? -1 : (count - 6) / 4;
   for (int32_t b = -1; b < gw; ++b) {
-    if (b >= 0 && b <= last && !(in.front && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f))) {
+    if (b >= 0 && b <= last && !(kFront && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f))) {
       const float hi = in.cmax[b] > in.cmax[b + 1] ? in.cmax[b] : in.cmax[b + 1];
       const float lo = in.cmin[b] < in.cmin[b + 1] ? in.cmin[b] : in.cmin[b + 1];
       if (hi - lo <= kGuideMinStep) {
@@ -339,13 +340,14 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
         } else {
           luma_block_vector(c0, dc, b0, db, T + b * 4 + 2, B + b * 4 + 2);
         }
-        if (in.front) {
+        if (kFront) {
           for (int32_t k = 0; k < 4; ++k) A[b * 4 + 2 + k] = 0.0f, Fp[b * 4 + 2 + k] = 0.0f;
         }
         continue;
       }
     }
-    prepare_block<4, 1, 4>(b, count, gw, in, lumaRow, nullptr, guide, coc, colour, gy0, gy1, fy, 0, T, B, A, Fp);
+    prepare_block<4, 1, 4>(b, count, gw, in, lumaRow, nullptr, guide, coc, colour, gy0, gy1, fy, 0, T, B,
+                           kFront ? A : nullptr, kFront ? Fp : nullptr);
   }
 }
 
@@ -486,9 +488,12 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
-    if (S == 4) {
-      prepare_luma_line(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, aRow, fRow,
-                        work->plainOnly != 0);
+    if (S == 4 && row.front) {
+      prepare_luma_line<true>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, aRow, fRow,
+                              work->plainOnly != 0);
+    } else if (S == 4) {
+      prepare_luma_line<false>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, nullptr,
+                               nullptr, work->plainOnly != 0);
     } else {
       prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
                             fRow);
