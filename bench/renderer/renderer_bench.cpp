@@ -2,6 +2,8 @@
 #include <benchmark/benchmark.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -32,6 +34,12 @@ struct Scene {
       }
   }
 };
+
+// Disparity of the near object: a little nearer than the subject (600) at its far edge, much
+// nearer at the frame's corner, so that its blur radius ramps up to the largest.
+int32_t near_disparity(int32_t x, int32_t y) {
+  return 650 + (kMw / 3 - x) * 2 + (y - kMh * 3 / 4) * 2;
+}
 
 void setup() {
   vmKtrRT_GLClose();
@@ -76,6 +84,69 @@ void BM_StartV1_1080p_GeneratedMap(benchmark::State& state) {
   vmKtrRT_GLClose();
 }
 BENCHMARK(BM_StartV1_1080p_GeneratedMap)->Unit(benchmark::kMillisecond);
+
+// The same with something nearer than the subject (lower left quarter, as a table edge or a
+// hand before the camera): the foreground layer is spread and composited too.
+void BM_StartV1_1080p_GeneratedMapNear(benchmark::State& state) {
+  static Scene scene;
+  static std::vector<uint16_t> depth = [] {
+    std::vector<uint16_t> d = scene.depth;
+    for (int32_t y = kMh * 3 / 4; y < kMh; ++y)
+      for (int32_t x = 0; x < kMw / 3; ++x) d[y * kMw + x] = static_cast<uint16_t>(near_disparity(x, y));
+    return d;
+  }();
+  setup();
+  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+  std::vector<uint8_t> map(kMw * kMh);
+  uint16_t lo, hi, target;
+  vmKtrRT_GenRefocusMap(map.data(), depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
+  for (auto _ : state) {
+    state.PauseTiming();
+    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
+    state.ResumeTiming();
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map.data(), kW / 2, kH / 2,
+                                        fNumber, 0, 0, 0, kW, kH);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_StartV1_1080p_GeneratedMapNear)->Arg(14)->Arg(28)->Unit(benchmark::kMillisecond);
+
+// The same with a depth map from a run of the host tool (a 320 x 240 16-bit "depth" dump named
+// by VMKTR_BENCH_DEPTH), the generator's map from it, focus in the middle; skipped without one.
+void BM_StartV1_1080p_DepthFile(benchmark::State& state) {
+  static Scene scene;
+  const char* path = getenv("VMKTR_BENCH_DEPTH");
+  std::vector<uint16_t> depth(kMw * kMh);
+  FILE* f = path ? fopen(path, "rb") : nullptr;
+  const size_t got = f ? fread(depth.data(), sizeof(uint16_t), depth.size(), f) : 0;
+  if (f) fclose(f);
+  if (got != depth.size()) {
+    state.SkipWithError("VMKTR_BENCH_DEPTH names no 320x240 16-bit depth file");
+    for (auto _ : state) {
+    }
+    return;
+  }
+  setup();
+  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+  std::vector<uint8_t> map(kMw * kMh);
+  uint16_t lo, hi, target;
+  vmKtrRT_GenRefocusMap(map.data(), depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
+  for (auto _ : state) {
+    state.PauseTiming();
+    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
+    state.ResumeTiming();
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map.data(), kW / 2, kH / 2,
+                                        fNumber, 0, 0, 0, kW, kH);
+    benchmark::DoNotOptimize(r);
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
+  vmKtrRT_GLClose();
+}
+BENCHMARK(BM_StartV1_1080p_DepthFile)->Arg(14)->Unit(benchmark::kMillisecond);
 
 void BM_MemcpyFrame1080p(benchmark::State& state) {
   std::vector<uint8_t> a(kW * kH * 3 / 2, 1), b(a.size());

@@ -320,14 +320,16 @@ inline void luma_block_vector(float c0, float dc, float b0, float db, float* to,
   memcpy(bo, &b, sizeof(b));
 }
 
-// A luma line without foreground on a 4 x 4 grid: interior blocks whose four radii agree take
-// the block kernel, the rest (ends, edges of the map) the general per-block code.
+// A luma line on a 4 x 4 grid: interior blocks whose four radii agree and that no foreground
+// reaches take the block kernel (on a line the foreground reaches, with zero alpha), the rest
+// (ends, edges of the map, the foreground) the general per-block code.
+template <bool kFront>
 void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* guide,
                        const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy, float* T, float* B,
-                       bool plain) {
+                       float* A, float* Fp, bool plain) {
   const int32_t last = count - 6 < 0 ? -1 : (count - 6) / 4;
   for (int32_t b = -1; b < gw; ++b) {
-    if (b >= 0 && b <= last) {
+    if (b >= 0 && b <= last && !(kFront && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f))) {
       const float hi = in.cmax[b] > in.cmax[b + 1] ? in.cmax[b] : in.cmax[b + 1];
       const float lo = in.cmin[b] < in.cmin[b + 1] ? in.cmin[b] : in.cmin[b + 1];
       if (hi - lo <= kGuideMinStep) {
@@ -338,11 +340,14 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
         } else {
           luma_block_vector(c0, dc, b0, db, T + b * 4 + 2, B + b * 4 + 2);
         }
+        if (kFront) {
+          for (int32_t k = 0; k < 4; ++k) A[b * 4 + 2 + k] = 0.0f, Fp[b * 4 + 2 + k] = 0.0f;
+        }
         continue;
       }
     }
-    prepare_block<4, 1, 4>(b, count, gw, in, lumaRow, nullptr, guide, coc, colour, gy0, gy1, fy, 0, T, B, nullptr,
-                           nullptr);
+    prepare_block<4, 1, 4>(b, count, gw, in, lumaRow, nullptr, guide, coc, colour, gy0, gy1, fy, 0, T, B,
+                           kFront ? A : nullptr, kFront ? Fp : nullptr);
   }
 }
 
@@ -449,6 +454,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
   const RowInputs in{cv, bv, av, fv, cmin, cmax, false};
   int32_t minMaxRow = -1;
   float rowMax = 0.0f;
+  bool pairAlpha = false;
 
   for (int32_t y = 0; y < height; ++y) {
     const float gyf = clampf((y + 0.5f) / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
@@ -462,10 +468,18 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
         cmax[g] = a > b ? a : b;
         rowMax = cmax[g] > rowMax ? cmax[g] : rowMax;
       }
+      // Whether the foreground reaches either grid row: where it reaches neither, every
+      // interpolated alpha of the lines between them is 0.
+      pairAlpha = false;
+      if (anyNear) {
+        const float* f0 = work->front + static_cast<size_t>(gy0) * gw * 4 + 3;
+        const float* f1 = work->front + static_cast<size_t>(gy1) * gw * 4 + 3;
+        for (int32_t g = 0; g < gw && !pairAlpha; ++g) pairAlpha = f0[4 * g] > 0.0f || f1[4 * g] > 0.0f;
+      }
       minMaxRow = gy0;
     }
     RowInputs row = in;
-    if (anyNear) {
+    if (pairAlpha) {
       lerp_rows(work->front + 3, gw, gy0, gy1, fy, 4, av);
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
@@ -474,8 +488,12 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
-    if (S == 4 && !row.front) {
-      prepare_luma_line(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, work->plainOnly != 0);
+    if (S == 4 && row.front) {
+      prepare_luma_line<true>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, aRow, fRow,
+                              work->plainOnly != 0);
+    } else if (S == 4) {
+      prepare_luma_line<false>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, nullptr,
+                               nullptr, work->plainOnly != 0);
     } else {
       prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
                             fRow);
@@ -524,6 +542,83 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
 }
 
 }  // namespace
+
+// Largest near radius within reach, separably (rows, then columns): out = the largest r of the
+// samples s along the axis with r >= |distance to s|. The plain code gathers over the whole reach
+// at every sample; the fast code spreads each near sample over its own reach along the row (near
+// samples are few and mostly small), and then whole rows at once over the column (4 lanes, rows
+// without a near sample skipped). Both take maxima of the same values, so they agree exactly.
+void render_near_dilate(const float* nearRadius, int32_t gw, int32_t gh, float* tmp, float* out, int32_t plain) {
+  const int32_t reach = static_cast<int32_t>(kMaxGridRadius + 0.5f);
+  const size_t plane = static_cast<size_t>(gw) * gh;
+  if (plain) {
+    for (int32_t gy = 0; gy < gh; ++gy) {
+      for (int32_t gx = 0; gx < gw; ++gx) {
+        float m = 0.0f;
+        const int32_t x0 = gx - reach < 0 ? 0 : gx - reach, x1 = gx + reach >= gw ? gw - 1 : gx + reach;
+        for (int32_t x = x0; x <= x1; ++x) {
+          const float r = nearRadius[static_cast<size_t>(gy) * gw + x];
+          if (r >= static_cast<float>(abs(x - gx)) && r > m) m = r;
+        }
+        tmp[static_cast<size_t>(gy) * gw + gx] = m;
+      }
+    }
+    for (int32_t gy = 0; gy < gh; ++gy) {
+      for (int32_t gx = 0; gx < gw; ++gx) {
+        float m = 0.0f;
+        const int32_t y0 = gy - reach < 0 ? 0 : gy - reach, y1 = gy + reach >= gh ? gh - 1 : gy + reach;
+        for (int32_t y = y0; y <= y1; ++y) {
+          const float r = tmp[static_cast<size_t>(y) * gw + gx];
+          if (r >= static_cast<float>(abs(y - gy)) && r > m) m = r;
+        }
+        out[static_cast<size_t>(gy) * gw + gx] = m;
+      }
+    }
+    return;
+  }
+  memset(out, 0, plane * sizeof(float));
+  for (int32_t gy = 0; gy < gh; ++gy) {
+    const float* src = nearRadius + static_cast<size_t>(gy) * gw;
+    float* t = tmp + static_cast<size_t>(gy) * gw;
+    memset(t, 0, static_cast<size_t>(gw) * sizeof(float));
+    float rowMax = 0.0f;
+    for (int32_t x = 0; x < gw; ++x) {
+      const float r = src[x];
+      if (!(r > 0.0f)) continue;  // zero (not near) and NaN never count
+      // r >= d for a whole distance d exactly when floor(r) >= d; clamped before converting.
+      const int32_t k = r >= static_cast<float>(reach) ? reach : static_cast<int32_t>(r);
+      const int32_t lo = x - k < 0 ? 0 : x - k, hi = x + k >= gw ? gw - 1 : x + k;
+      for (int32_t g = lo; g <= hi; ++g) t[g] = r > t[g] ? r : t[g];
+      rowMax = r > rowMax ? r : rowMax;
+    }
+    if (rowMax <= 0.0f) continue;
+    // Spread this row over the rows within its largest radius: a sample reaches the row d away
+    // when its value is at least d.
+    const int32_t k = rowMax >= static_cast<float>(reach) ? reach : static_cast<int32_t>(rowMax);
+    const int32_t y0 = gy - k < 0 ? 0 : gy - k, y1 = gy + k >= gh ? gh - 1 : gy + k;
+    for (int32_t y = y0; y <= y1; ++y) {
+      const float d = static_cast<float>(abs(y - gy));
+      float* o = out + static_cast<size_t>(y) * gw;
+      const Vec4 dv = {d, d, d, d};
+      int32_t x = 0;
+      for (; x + 4 <= gw; x += 4) {
+        Vec4 v, m;
+        memcpy(&v, t + x, sizeof(v));
+        memcpy(&m, o + x, sizeof(m));
+        // v where v >= d, else 0; then the larger of that and what is there (all values >= 0).
+        const Vec4 reached = reinterpret_cast<Vec4>(reinterpret_cast<Vec4i>(v) & (v >= dv));
+        const Vec4i larger = reached > m;
+        m = reinterpret_cast<Vec4>((reinterpret_cast<Vec4i>(reached) & larger) |
+                                   (reinterpret_cast<Vec4i>(m) & ~larger));
+        memcpy(o + x, &m, sizeof(m));
+      }
+      for (; x < gw; ++x) {
+        const float v = t[x] >= d ? t[x] : 0.0f;
+        o[x] = v > o[x] ? v : o[x];
+      }
+    }
+  }
+}
 
 float render_max_radius(int32_t frameWidth, float fNumber) {
   if (!(fNumber == fNumber)) fNumber = kReferenceFNumber;  // NaN
@@ -741,31 +836,7 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   float* front = work->front;
   if (anyNear) {
     float* dil = work->nearDilated;
-    // Largest near radius within reach, separably (rows, then columns).
-    const int32_t reach = static_cast<int32_t>(kMaxGridRadius + 0.5f);
-    float* tmp = front;  // scratch for the row pass
-    for (int32_t gy = 0; gy < gh; ++gy) {
-      for (int32_t gx = 0; gx < gw; ++gx) {
-        float m = 0.0f;
-        const int32_t x0 = gx - reach < 0 ? 0 : gx - reach, x1 = gx + reach >= gw ? gw - 1 : gx + reach;
-        for (int32_t x = x0; x <= x1; ++x) {
-          const float r = nearRadius[static_cast<size_t>(gy) * gw + x];
-          if (r >= static_cast<float>(abs(x - gx)) && r > m) m = r;
-        }
-        tmp[static_cast<size_t>(gy) * gw + gx] = m;
-      }
-    }
-    for (int32_t gy = 0; gy < gh; ++gy) {
-      for (int32_t gx = 0; gx < gw; ++gx) {
-        float m = 0.0f;
-        const int32_t y0 = gy - reach < 0 ? 0 : gy - reach, y1 = gy + reach >= gh ? gh - 1 : gy + reach;
-        for (int32_t y = y0; y <= y1; ++y) {
-          const float r = tmp[static_cast<size_t>(y) * gw + gx];
-          if (r >= static_cast<float>(abs(y - gy)) && r > m) m = r;
-        }
-        dil[static_cast<size_t>(gy) * gw + gx] = m;
-      }
-    }
+    render_near_dilate(nearRadius, gw, gh, front, dil, work->plainOnly != 0);  // front: row-pass scratch
     for (size_t i = 0; i < plane; ++i) {
       const float cover = clampf((nearRadius[i] - 0.25f) / 0.75f, 0.0f, 1.0f);
       weight[i] = nearRadius[i] > 0.0f ? static_cast<uint32_t>(cover * kCoverScale + 0.5f) : 0;

@@ -149,6 +149,10 @@ void render_work_free(RenderWork* work);
 void render_bokeh(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
                   const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth, int32_t mapHeight, float fNumber);
 
+// Largest foreground radius within reach of each grid sample (gw x gh planes; tmp is scratch of
+// the same size). plain: the reference gather instead of the fast spread (identical results).
+void render_near_dilate(const float* nearRadius, int32_t gw, int32_t gh, float* tmp, float* out, int32_t plain);
+
 // ---- debug pictures ----
 void debug_picture_draw(uint8_t* luma, uint8_t* chroma, int32_t width, int32_t height, int32_t chromaLayout,
                         const DebugPictureEntry* entry);

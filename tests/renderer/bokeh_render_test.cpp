@@ -1,6 +1,7 @@
 // The CPU renderer: untouched frames, blur where the map says, no bleeding of the sharp subject,
 // highlights that bloom into discs, foreground spreading over the subject, chroma layouts.
 #include <cmath>
+#include <cstring>
 
 #include "renderer_test_util.h"
 
@@ -177,6 +178,83 @@ TEST(RenderVectorKernels, EqualToThePlainPath) {
     const Frame original = make_textured(w, h, 21);
     EXPECT_FALSE(a.data == original.data);
     vmKtrRT_GLClose();
+  }
+}
+
+// The same with a foreground (a near corner through the generator): the fast spread and the
+// luma blocks on lines the foreground reaches give the plain code's bytes too.
+TEST(RenderVectorKernels, EqualToThePlainPathWithAForeground) {
+  constexpr int32_t w = 1286, h = 724, mw = 160, mh = 90;
+  for (int32_t format : {0, 2}) {
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, format, 0));
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+    std::vector<uint16_t> depth(mw * mh);
+    for (int32_t y = 0; y < mh; ++y)
+      for (int32_t x = 0; x < mw; ++x) {
+        const bool subject = std::abs(x - mw / 2) < 30 && std::abs(y - mh / 2) < 25;
+        const bool near = x < 50 && y > 55;
+        depth[y * mw + x] = static_cast<uint16_t>(near ? 620 + (50 - x) * 4 : (subject ? 600 : 150));
+      }
+    std::vector<uint8_t> map(mw * mh);
+    uint16_t lo, hi, target;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), mw / 2, mh / 2, &lo, &hi, &target));
+    ASSERT_EQ(600, target);
+    Frame a = make_textured(w, h, 5);
+    Frame b = a;
+    const Frame original = a;
+    g_renderer.work.plainOnly = 0;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(a.luma(), a.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
+    // The foreground layer was made (some alpha), so its paths ran.
+    const RenderWork& work = g_renderer.work;
+    float alpha = 0.0f;
+    for (size_t i = 0; i < static_cast<size_t>(work.gridWidth) * work.gridHeight; ++i)
+      alpha = work.front[4 * i + 3] > alpha ? work.front[4 * i + 3] : alpha;
+    EXPECT_GT(alpha, 0.5f);
+    g_renderer.work.plainOnly = 1;
+    ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(b.luma(), b.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
+    EXPECT_TRUE(a.data == b.data) << "format " << format;
+    EXPECT_FALSE(a.data == original.data);
+    g_renderer.work.plainOnly = 0;
+    vmKtrRT_GLClose();
+  }
+}
+
+// The foreground spread: the fast code (row scatter, 4-lane column pass) gives exactly the
+// plain gather's values, on planes of exactly the given size (narrower than one vector too),
+// with radii on whole numbers (the reach boundary), past the largest reach, zero and NaN.
+TEST(RenderNearDilate, FastEqualsPlain) {
+  const int32_t sizes[][2] = {{1, 1}, {3, 5}, {7, 2}, {37, 29}, {64, 61}, {130, 9}};
+  uint32_t seed = 99;
+  auto next = [&seed] {
+    seed = seed * 1664525u + 1013904223u;
+    return seed >> 8;
+  };
+  for (const auto& sz : sizes) {
+    const int32_t gw = sz[0], gh = sz[1];
+    const size_t n = static_cast<size_t>(gw) * gh;
+    for (int32_t density : {1, 5, 30, 100}) {
+      std::vector<float> radius(n, 0.0f);
+      for (float& r : radius) {
+        if (static_cast<int32_t>(next() % 100) >= density) continue;
+        const uint32_t kind = next() % 8;
+        // Mostly small radii (as in frames) so that the reach's boundaries are seen, not covered
+        // by larger neighbours; some whole numbers, a few large ones.
+        r = kind == 0   ? static_cast<float>(next() % 26)  // up to past the reach
+            : kind == 1 ? (next() % 16 == 0 ? 40.0f : NAN)
+            : kind <= 3 ? static_cast<float>(1 + next() % 4)
+                        : 0.25f + static_cast<float>(next() % 400) / 100.0f;
+      }
+      std::vector<float> tmpA(n), outA(n, -1.0f), tmpB(n), outB(n, -2.0f);
+      render_near_dilate(radius.data(), gw, gh, tmpA.data(), outA.data(), 0);
+      render_near_dilate(radius.data(), gw, gh, tmpB.data(), outB.data(), 1);
+      ASSERT_EQ(0, memcmp(outA.data(), outB.data(), n * sizeof(float))) << gw << "x" << gh << " " << density;
+      // Not trivially zero: a sample's own radius is always reached.
+      for (size_t i = 0; i < n; ++i) {
+        if (radius[i] > 0.0f) {
+          ASSERT_GE(outA[i], radius[i]) << i;
+        }
+      }
+    }
   }
 }
 
