@@ -26,11 +26,11 @@ struct Options {
   int32_t lensSamples = 8;
   uint32_t seed = 3;
   float fNumber = 2.0f;
-  int32_t paceMs = 33;          // frames arrive at camera pace: the depth engine runs beside them
-  float objectSpeed = 12.0f;    // mm per frame the figure moves sideways in the motion sequence
-  float maxGap = -1.0f;         // luma PSNR the system may lose against the ground-truth render
-  float maxBandGap = -1.0f;     // the same in the edge band
-  int32_t temporalFilter = 1;   // both reference depth engines: stereo engine and temporal filter
+  int32_t paceMs = 33;         // frames arrive at camera pace: the depth engine runs beside them
+  float objectSpeed = 12.0f;   // mm per frame the figure moves sideways in the motion sequence
+  float maxGap = -1.0f;        // luma PSNR the system may lose against the ground-truth render
+  float maxBandGap = -1.0f;    // the same in the edge band
+  int32_t temporalFilter = 1;  // both reference depth engines: stereo engine and temporal filter
 };
 
 struct Sequence {
@@ -110,7 +110,8 @@ void edge_band(const std::vector<float>& disparity, int32_t w, int32_t h, int32_
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x) {
       const float a = at(x, y);
-      const bool edge = (x + 1 < w && fabsf(a - at(x + 1, y)) >= 1.0f) || (y + 1 < h && fabsf(a - at(x, y + 1)) >= 1.0f);
+      const bool edge =
+          (x + 1 < w && fabsf(a - at(x + 1, y)) >= 1.0f) || (y + 1 < h && fabsf(a - at(x, y + 1)) >= 1.0f);
       if (!edge) continue;
       for (int32_t yy = std::max(0, y - reach); yy <= std::min(h - 1, y + reach); ++yy)
         for (int32_t xx = std::max(0, x - reach); xx <= std::min(w - 1, x + reach); ++xx)
@@ -207,8 +208,7 @@ Result run_sequence(const Options& o, const Sequence& q) {
     // The oracle focuses where the region's centre (the system's focus point) meets the figure.
     const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
     const float focusMm = focus_depth(depthFull, W, H, px, py);
-    if (!(focusMm > 0) ||
-        scene_render_dof_nv21(&s, i, W, H, focusMm, o.fNumber, o.lensSamples, f.oracle.data()) != 0) {
+    if (!(focusMm > 0) || scene_render_dof_nv21(&s, i, W, H, focusMm, o.fNumber, o.lensSamples, f.oracle.data()) != 0) {
       fprintf(stderr, "%s: no oracle for frame %d\n", q.name, i);
       res.ok = false;
       return res;
@@ -371,8 +371,7 @@ int main(int argc, char** argv) {
       pass = false;
     }
     if (o.maxGap >= 0 && gap > double(o.maxGap)) {
-      fprintf(stderr, "%s: system %.2f dB under the ground-truth render (bound %.2f)\n", q.name, gap,
-              double(o.maxGap));
+      fprintf(stderr, "%s: system %.2f dB under the ground-truth render (bound %.2f)\n", q.name, gap, double(o.maxGap));
       pass = false;
     }
     if (o.maxBandGap >= 0 && bandGap > double(o.maxBandGap)) {
