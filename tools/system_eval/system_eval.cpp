@@ -30,6 +30,7 @@ struct Options {
   float objectSpeed = 12.0f;   // mm per frame the figure moves sideways in the motion sequence
   float maxGap = -1.0f;        // luma PSNR the system may lose against the ground-truth render
   float maxBandGap = -1.0f;    // the same in the edge band
+  int32_t settle = 10;         // frames of the preview after the first map before measuring
   int32_t temporalFilter = 1;  // both reference depth engines: stereo engine and temporal filter
 };
 
@@ -223,18 +224,19 @@ Result run_sequence(const Options& o, const Sequence& q) {
   const std::vector<uint8_t> all(n, 1);
 
   // (a) The whole system through its five exported functions. A preview runs before the
-  // sequence starts: frame 0 repeats until the first frame drawn with a refocus map.
+  // sequence starts: frame 0 repeats until the first frame drawn with a refocus map, then for
+  // `settle` frames more (the temporal filter and the policy settle as on a phone's preview).
   if (vmKtrRT_SC_Init(init_data(o, calib)) != 0) {
     fprintf(stderr, "%s: vmKtrRT_SC_Init refused\n", q.name);
     res.ok = false;
     return res;
   }
   std::vector<uint8_t> work(n * 3 / 2);
-  for (int32_t k = 0; k < 400; ++k) {
+  for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
     work = frames[0].main;
     const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, frames[0], work.data(), frames[0].sub.data())));
-    res.warmup = k + 1;
-    if (r == 0) break;
+    if (after < 0 && r == 0) res.warmup = k + 1, after = 0;
+    if (after >= 0) ++after;
     usleep(useconds_t(o.paceMs) * 1000u);
   }
   for (int32_t i = 0; i < o.frames; ++i) {
@@ -322,6 +324,8 @@ bool parse(int argc, char** argv, Options* o) {
       o->paceMs = int32_t(x);
     } else if (a == "--speed") {
       o->objectSpeed = float(x);
+    } else if (a == "--settle") {
+      o->settle = int32_t(x);
     } else if (a == "--max-gap") {
       o->maxGap = float(x);
     } else if (a == "--max-band-gap") {
@@ -332,7 +336,7 @@ bool parse(int argc, char** argv, Options* o) {
   }
   return o->width >= 64 && o->width % 2 == 0 && o->height >= 36 && o->depthWidth >= 16 && o->depthHeight >= 16 &&
          o->frames >= 1 && o->frames <= 200 && o->lensSamples >= 1 && o->lensSamples <= 64 && o->fNumber > 0 &&
-         o->paceMs >= 0 && o->paceMs <= 1000;
+         o->paceMs >= 0 && o->paceMs <= 1000 && o->settle >= 0 && o->settle <= 300;
 }
 
 }  // namespace
@@ -342,15 +346,17 @@ int main(int argc, char** argv) {
   if (!parse(argc, argv, &o)) {
     fprintf(stderr,
             "usage: vm_system_eval [--tiny] [--width W (height W x 9/16)] [--depth-width N] [--depth-height N]\n"
-            "       [--frames N] [--lens N] [--seed N] [--fnumber F] [--pace-ms N] [--speed MM_PER_FRAME]\n"
-            "       [--no-temporal] [--max-gap DB] [--max-band-gap DB]\n");
+            "       [--frames N] [--lens N] [--seed N] [--fnumber F] [--pace-ms N] [--settle N]\n"
+            "       [--speed MM_PER_FRAME] [--no-temporal] [--max-gap DB] [--max-band-gap DB]\n");
     return 2;
   }
   setenv("VM_HOST_LOG", "none", 0);
   const Sequence seqs[] = {{"still", SCENE_STILL}, {"moving figure", SCENE_OBJECT}};
-  printf("main/sub %dx%d, depth %dx%d, %d frames, f/%.1f, oracle %dx%d lens samples, pace %d ms, temporal filter %s\n",
-         o.width, o.height, o.depthWidth, o.depthHeight, o.frames, double(o.fNumber), o.lensSamples, o.lensSamples,
-         o.paceMs, o.temporalFilter ? "on" : "off");
+  printf(
+      "main/sub %dx%d, depth %dx%d, %d frames, f/%.1f, oracle %dx%d lens samples, pace %d ms, settle %d, "
+      "temporal filter %s\n",
+      o.width, o.height, o.depthWidth, o.depthHeight, o.frames, double(o.fNumber), o.lensSamples, o.lensSamples,
+      o.paceMs, o.settle, o.temporalFilter ? "on" : "off");
   printf("luma PSNR against the depth-of-field oracle (dB); band: within %d px of a depth edge\n",
          std::max(1, (16 * o.width + 1919) / 1920));
   printf("%-14s %8s %8s %8s %8s %7s | %8s %8s %7s | %8s %8s\n", "sequence", "drawn", "warmup", "system", "gt-fed",
