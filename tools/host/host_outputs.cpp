@@ -37,6 +37,7 @@ std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32
   png_destroy_write_struct(&png, &info);
   return fclose(f) == 0 ? pngPath : "";
 #else
+  (void)compression;  // PPM is not compressed
   std::string path = pngPath.substr(0, pngPath.rfind('.')) + ".ppm";
   FILE* f = fopen(path.c_str(), "wb");
   if (f == nullptr) return "";
