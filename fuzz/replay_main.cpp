@@ -1,8 +1,5 @@
 // replay_main.cpp - runs a fuzz target's entry function over every file of the given corpus
 // folders (or single files), so that seed corpora run as ordinary tests under any compiler.
-// 32-bit builds: 64-bit inode numbers and sizes, or stat and readdir fail with EOVERFLOW.
-#define _FILE_OFFSET_BITS 64
-
 #include <dirent.h>
 #include <sys/stat.h>
 
