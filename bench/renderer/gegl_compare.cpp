@@ -133,25 +133,25 @@ void speed() {
 void quality(int32_t w, int32_t h, uint32_t seed) {
   const int32_t mw = w / 2, mh = h / 2;
   const float fNumber = 2.0f;
-  SceneSpec spec;
-  scene_default(&spec, seed);
-  spec.lensFocalMm = 110.0f * w / 320.0f > 300.0f ? 300.0f : 110.0f;
-  const float focusMm = scene_focus_distance(&spec, 0);
+  SceneSpec desc;
+  scene_default(&desc, seed);
+  desc.lensFocalMm = 110.0f * w / 320.0f > 300.0f ? 300.0f : 110.0f;
+  const float focusMm = scene_focus_distance(&desc, 0);
   std::vector<uint8_t> nv21(w * h * 3 / 2), oracle(nv21.size()), rgb(w * h * 3), grgb(rgb.size()), gnv(nv21.size());
-  scene_render_nv21(&spec, 0, 0, w, h, 2, nv21.data());
-  scene_render_rgb(&spec, 0, 0, w, h, 2, rgb.data());
-  scene_render_dof_nv21(&spec, 0, w, h, focusMm, fNumber, 10, oracle.data());
+  scene_render_nv21(&desc, 0, 0, w, h, 2, nv21.data());
+  scene_render_rgb(&desc, 0, 0, w, h, 2, rgb.data());
+  scene_render_dof_nv21(&desc, 0, w, h, focusMm, fNumber, 10, oracle.data());
   std::vector<float> disparity(w * h), mapDisparity(mw * mh);
-  scene_truth_disparity(&spec, 0, w, h, disparity.data());
-  scene_truth_disparity(&spec, 0, mw, mh, mapDisparity.data());
-  const float aperture = 0.5f * spec.lensFocalMm / fNumber;
-  const float focusDisparity = spec.baselineMm * scene_focal_px(&spec, w) / focusMm;
+  scene_truth_disparity(&desc, 0, w, h, disparity.data());
+  scene_truth_disparity(&desc, 0, mw, mh, mapDisparity.data());
+  const float aperture = 0.5f * desc.lensFocalMm / fNumber;
+  const float focusDisparity = desc.baselineMm * scene_focal_px(&desc, w) / focusMm;
   const float rmax = render_max_radius(w, fNumber);
   std::vector<uint8_t> map(mw * mh);
   for (size_t i = 0; i < map.size(); ++i) {
     const float d = std::isfinite(mapDisparity[i]) ? mapDisparity[i] * w / mw : 0.0f;
     map[i] = static_cast<uint8_t>(
-        std::fmin(255.0f, 255.0f * aperture / spec.baselineMm * std::fabs(d - focusDisparity) / rmax + 0.5f));
+        std::fmin(255.0f, 255.0f * aperture / desc.baselineMm * std::fabs(d - focusDisparity) / rmax + 0.5f));
   }
   std::vector<uint8_t> ours = nv21;
   vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, 0, 0);

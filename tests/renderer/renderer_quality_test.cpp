@@ -47,31 +47,31 @@ void plain_variable_blur(const uint8_t* src, uint8_t* dst, const std::vector<flo
 }
 
 TEST(RendererQuality, CloserToTheLensOracleThanTheSharpFrameAndAPlainBlur) {
-  SceneSpec spec;
-  scene_default(&spec, 5);
-  spec.lensFocalMm = 110.0f;  // a strong blur at this small size
-  const float focusMm = scene_focus_distance(&spec, 0);
+  SceneSpec desc;
+  scene_default(&desc, 5);
+  desc.lensFocalMm = 110.0f;  // a strong blur at this small size
+  const float focusMm = scene_focus_distance(&desc, 0);
   std::vector<uint8_t> input(kW * kH * 3 / 2), oracle(kW * kH * 3 / 2);
-  ASSERT_EQ(0, scene_render_nv21(&spec, 0, 0, kW, kH, 2, input.data()));
-  ASSERT_EQ(0, scene_render_dof_nv21(&spec, 0, kW, kH, focusMm, kFNumber, 10, oracle.data()));
+  ASSERT_EQ(0, scene_render_nv21(&desc, 0, 0, kW, kH, 2, input.data()));
+  ASSERT_EQ(0, scene_render_dof_nv21(&desc, 0, kW, kH, focusMm, kFNumber, 10, oracle.data()));
 
   // Ground-truth blur radius: aperture radius / baseline x |d - d_focus| (full-size pixels).
   std::vector<float> disparity(kW * kH), mapDisparity(kMw * kMh);
-  ASSERT_EQ(0, scene_truth_disparity(&spec, 0, kW, kH, disparity.data()));
-  ASSERT_EQ(0, scene_truth_disparity(&spec, 0, kMw, kMh, mapDisparity.data()));
-  const float aperture = 0.5f * spec.lensFocalMm / kFNumber;
-  const float focusDisparity = spec.baselineMm * scene_focal_px(&spec, kW) / focusMm;
+  ASSERT_EQ(0, scene_truth_disparity(&desc, 0, kW, kH, disparity.data()));
+  ASSERT_EQ(0, scene_truth_disparity(&desc, 0, kMw, kMh, mapDisparity.data()));
+  const float aperture = 0.5f * desc.lensFocalMm / kFNumber;
+  const float focusDisparity = desc.baselineMm * scene_focal_px(&desc, kW) / focusMm;
   const float rmax = render_max_radius(kW, kFNumber);
   std::vector<uint8_t> map(kMw * kMh);
   for (size_t i = 0; i < map.size(); ++i) {
     const float d = std::isfinite(mapDisparity[i]) ? mapDisparity[i] * kW / kMw : 0.0f;
-    const float r = aperture / spec.baselineMm * std::fabs(d - focusDisparity);
+    const float r = aperture / desc.baselineMm * std::fabs(d - focusDisparity);
     map[i] = static_cast<uint8_t>(std::min(255.0f, 255.0f * r / rmax + 0.5f));
   }
   std::vector<float> radius(kW * kH);
   for (size_t i = 0; i < radius.size(); ++i) {
     const float d = std::isfinite(disparity[i]) ? disparity[i] : 0.0f;
-    radius[i] = std::min(rmax, aperture / spec.baselineMm * std::fabs(d - focusDisparity));
+    radius[i] = std::min(rmax, aperture / desc.baselineMm * std::fabs(d - focusDisparity));
   }
 
   std::vector<uint8_t> rendered = input;
@@ -135,22 +135,22 @@ TEST(RendererQuality, CloserToTheLensOracleThanTheSharpFrameAndAPlainBlur) {
 // disparity, at f/2: aperture radius = 0.84 baseline). The generator's foreground record lets a
 // near object's blur spread over what lies behind it.
 TEST(RendererQuality, GeneratedMapFromTrueDepthMatchesTheOracle) {
-  SceneSpec spec;
-  scene_default(&spec, 5);
-  spec.lensFocalMm = 4.0f * 0.84f * spec.baselineMm;  // 2 x f-number x aperture radius
-  const float focusMm = scene_focus_distance(&spec, 0);
+  SceneSpec desc;
+  scene_default(&desc, 5);
+  desc.lensFocalMm = 4.0f * 0.84f * desc.baselineMm;  // 2 x f-number x aperture radius
+  const float focusMm = scene_focus_distance(&desc, 0);
   std::vector<uint8_t> input(kW * kH * 3 / 2), oracle(kW * kH * 3 / 2);
-  ASSERT_EQ(0, scene_render_nv21(&spec, 0, 0, kW, kH, 2, input.data()));
-  ASSERT_EQ(0, scene_render_dof_nv21(&spec, 0, kW, kH, focusMm, kFNumber, 10, oracle.data()));
+  ASSERT_EQ(0, scene_render_nv21(&desc, 0, 0, kW, kH, 2, input.data()));
+  ASSERT_EQ(0, scene_render_dof_nv21(&desc, 0, kW, kH, focusMm, kFNumber, 10, oracle.data()));
   std::vector<float> mapDisparity(kMw * kMh);
-  ASSERT_EQ(0, scene_truth_disparity(&spec, 0, kMw, kMh, mapDisparity.data()));
+  ASSERT_EQ(0, scene_truth_disparity(&desc, 0, kMw, kMh, mapDisparity.data()));
   std::vector<uint16_t> depth(kMw * kMh);
   for (size_t i = 0; i < depth.size(); ++i) {
     const float d = std::isfinite(mapDisparity[i]) ? mapDisparity[i] * 16.0f + 0.5f : 0.0f;
     depth[i] = static_cast<uint16_t>(std::min(1022.0f, d));
   }
   // Focus on the figure: the depth-map point of the focus distance's disparity nearest the centre.
-  const float focusDisparity = spec.baselineMm * scene_focal_px(&spec, kMw) / focusMm;
+  const float focusDisparity = desc.baselineMm * scene_focal_px(&desc, kMw) / focusMm;
   int32_t fx = kMw / 2, fy = kMh / 2;
   float best = 1e9f;
   for (int32_t y = 0; y < kMh; ++y)

@@ -55,14 +55,14 @@ class SystemOnReferenceEngines : public PropertyFixture {};
 
 TEST_F(SystemOnReferenceEngines, StillSceneDepthIsWithinTheEnginesBound) {
   constexpr int32_t kW = 640, kH = 360, kDepthW = 320, kDepthH = 180;
-  SceneSpec spec;
-  scene_default(&spec, 3);
-  spec.noiseSigma = 1.0f;
+  SceneSpec desc;
+  scene_default(&desc, 3);
+  desc.noiseSigma = 1.0f;
   std::vector<uint8_t> main(kW * kH * 3 / 2), sub(main.size()), work(main.size());
-  ASSERT_EQ(scene_render_nv21(&spec, 0, 0, kW, kH, 2, main.data()), 0);
-  ASSERT_EQ(scene_render_nv21(&spec, 0, 1, kW, kH, 2, sub.data()), 0);
+  ASSERT_EQ(scene_render_nv21(&desc, 0, 0, kW, kH, 2, main.data()), 0);
+  ASSERT_EQ(scene_render_nv21(&desc, 0, 1, kW, kH, 2, sub.data()), 0);
   std::vector<uint8_t> calib(CALIB_BLOCK_SIZE);
-  ASSERT_EQ(scene_calibration(&spec, kW, kH, kW, kH, calib.data(), CALIB_BLOCK_SIZE), 0);
+  ASSERT_EQ(scene_calibration(&desc, kW, kH, kW, kH, calib.data(), CALIB_BLOCK_SIZE), 0);
 
   setProp("persist.vm.ktrrt.sc.debug", "1");
   setProp("persist.vm.ktrrt.sc.dump", "4");  // depth dumps
@@ -109,7 +109,7 @@ TEST_F(SystemOnReferenceEngines, StillSceneDepthIsWithinTheEnginesBound) {
 
   // Depth samples are disparity in 1/16 pixel of the depth grid; 1023 means none.
   std::vector<float> truth(static_cast<size_t>(kDepthW) * kDepthH);
-  ASSERT_EQ(scene_truth_disparity(&spec, 0, kDepthW, kDepthH, truth.data()), 0);
+  ASSERT_EQ(scene_truth_disparity(&desc, 0, kDepthW, kDepthH, truth.data()), 0);
   size_t bad = 0, valid = 0;
   for (size_t i = 0; i < truth.size(); ++i) {
     if (depth[i] == 1023) {

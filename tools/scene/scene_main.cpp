@@ -90,15 +90,15 @@ int main(int argc, char** argv) {
     return 2;
   }
   mkdir(out.c_str(), 0755);
-  SceneSpec spec;
-  scene_default(&spec, seed);
-  spec.motion = motion;
-  spec.motionAmount = amount;
-  spec.noiseSigma = noise;
-  spec.subGain = gain;
+  SceneSpec desc;
+  scene_default(&desc, seed);
+  desc.motion = motion;
+  desc.motionAmount = amount;
+  desc.noiseSigma = noise;
+  desc.subGain = gain;
 
   uint8_t calib[128];
-  if (scene_calibration(&spec, mw, mh, sw, sh, calib, sizeof(calib)) != 0 ||
+  if (scene_calibration(&desc, mw, mh, sw, sh, calib, sizeof(calib)) != 0 ||
       !write_file(out + "/calib.bin", calib, sizeof(calib))) {
     fprintf(stderr, "vm_scene: cannot write the calibration block\n");
     return 1;
@@ -112,9 +112,9 @@ int main(int argc, char** argv) {
   truth.data.resize(size_t(dw) * size_t(dh));
   for (int32_t f = 0; f < frames; ++f) {
     char name[64];
-    if (scene_render_rgb(&spec, f, 0, mw, mh, aa, rgb.data.data()) != 0 ||
-        scene_render_nv21(&spec, f, 1, sw, sh, aa, subNv21.data()) != 0 ||
-        scene_truth_disparity(&spec, f, dw, dh, truth.data.data()) != 0) {
+    if (scene_render_rgb(&desc, f, 0, mw, mh, aa, rgb.data.data()) != 0 ||
+        scene_render_nv21(&desc, f, 1, sw, sh, aa, subNv21.data()) != 0 ||
+        scene_truth_disparity(&desc, f, dw, dh, truth.data.data()) != 0) {
       fprintf(stderr, "vm_scene: bad sizes (NV21 sizes must be even)\n");
       return 1;
     }
@@ -129,7 +129,7 @@ int main(int argc, char** argv) {
     ok = ok && image_write_pfm(out + name, truth);
     if (ok && dof > 0) {
       Image8 dofImage = rgb;
-      ok = scene_render_dof_rgb(&spec, f, mw, mh, scene_focus_distance(&spec, f), dof, lens, dofImage.data.data()) == 0;
+      ok = scene_render_dof_rgb(&desc, f, mw, mh, scene_focus_distance(&desc, f), dof, lens, dofImage.data.data()) == 0;
       snprintf(name, sizeof(name), "/dof_%03d.ppm", f);
       ok = ok && image_write_pnm(out + name, dofImage);
     }

@@ -329,27 +329,27 @@ void finish_rgb(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32
 
 }  // namespace
 
-void scene_default(SceneSpec* spec, uint32_t seed) {
-  memset(spec, 0, sizeof(*spec));
+void scene_default(SceneSpec* desc, uint32_t seed) {
+  memset(desc, 0, sizeof(*desc));
   Rng rng{uint64_t(seed) * 0x2545F4914F6CDD1DULL + 1};
-  spec->seed = seed;
-  spec->hfovDeg = 65.0f;
-  spec->aspect = 16.0f / 9.0f;
-  spec->baselineMm = 40.0f;
-  spec->subGain = 1.0f;
-  spec->noiseSigma = 0.0f;
-  spec->motion = SCENE_STILL;
-  spec->motionAmount = 0.0f;
-  spec->nearMm = 700.0f;
-  spec->farMm = 8000.0f;
-  spec->lensFocalMm = 50.0f;
+  desc->seed = seed;
+  desc->hfovDeg = 65.0f;
+  desc->aspect = 16.0f / 9.0f;
+  desc->baselineMm = 40.0f;
+  desc->subGain = 1.0f;
+  desc->noiseSigma = 0.0f;
+  desc->motion = SCENE_STILL;
+  desc->motionAmount = 0.0f;
+  desc->nearMm = 700.0f;
+  desc->farMm = 8000.0f;
+  desc->lensFocalMm = 50.0f;
 
   auto add = [&](int32_t kind, V3 c, V3 size, V3 color) -> SceneObject& {
-    SceneObject& o = spec->objects[spec->objectCount++];
+    SceneObject& o = desc->objects[desc->objectCount++];
     o.kind = kind;
     o.center[0] = c.x, o.center[1] = c.y, o.center[2] = c.z;
     o.size[0] = size.x, o.size[1] = size.y, o.size[2] = size.z;
-    o.texture = hash32(seed * 31u + uint32_t(spec->objectCount));
+    o.texture = hash32(seed * 31u + uint32_t(desc->objectCount));
     o.color[0] = color.x, o.color[1] = color.y, o.color[2] = color.z;
     return o;
   };
@@ -374,15 +374,15 @@ void scene_default(SceneSpec* spec, uint32_t seed) {
       v3(small, small, small), colour());
 }
 
-float scene_focal_px(const SceneSpec* spec, int32_t width) {
-  return 0.5f * float(width) / tanf(spec->hfovDeg * float(M_PI / 360.0));
+float scene_focal_px(const SceneSpec* desc, int32_t width) {
+  return 0.5f * float(width) / tanf(desc->hfovDeg * float(M_PI / 360.0));
 }
 
-int32_t scene_render_rgb(const SceneSpec* spec, int32_t frame, int32_t camera, int32_t width, int32_t height,
+int32_t scene_render_rgb(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                          int32_t aa, uint8_t* rgb) {
-  if (spec == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 || camera > 1)
+  if (desc == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 || camera > 1)
     return 1;
-  SceneSpec s = *spec;
+  SceneSpec s = *desc;
   if (s.motion == SCENE_OBJECT) {  // the velocity record is a direction; the amount scales it
     for (int32_t i = 0; i < s.objectCount; ++i)
       for (float& v : s.objects[i].velocity) v *= s.motionAmount;
@@ -414,19 +414,19 @@ void scene_rgb_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, uint8_
   }
 }
 
-int32_t scene_render_nv21(const SceneSpec* spec, int32_t frame, int32_t camera, int32_t width, int32_t height,
+int32_t scene_render_nv21(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                           int32_t aa, uint8_t* nv21) {
   if (nv21 == nullptr || (width & 1) || (height & 1)) return 1;
   std::vector<uint8_t> rgb(size_t(width > 0 ? width : 0) * size_t(height > 0 ? height : 0) * 3);
-  int32_t r = scene_render_rgb(spec, frame, camera, width, height, aa, rgb.data());
+  int32_t r = scene_render_rgb(desc, frame, camera, width, height, aa, rgb.data());
   if (r != 0) return r;
   scene_rgb_to_nv21(rgb.data(), width, height, nv21);
   return 0;
 }
 
-int32_t scene_truth_depth(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float* depthMm) {
-  if (spec == nullptr || depthMm == nullptr || !sizes_ok(width, height)) return 1;
-  SceneSpec s = *spec;
+int32_t scene_truth_depth(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float* depthMm) {
+  if (desc == nullptr || depthMm == nullptr || !sizes_ok(width, height)) return 1;
+  SceneSpec s = *desc;
   if (s.motion == SCENE_OBJECT)
     for (int32_t i = 0; i < s.objectCount; ++i)
       for (float& v : s.objects[i].velocity) v *= s.motionAmount;
@@ -441,46 +441,46 @@ int32_t scene_truth_depth(const SceneSpec* spec, int32_t frame, int32_t width, i
   return 0;
 }
 
-int32_t scene_truth_disparity(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float* disparity) {
-  int32_t r = scene_truth_depth(spec, frame, width, height, disparity);
+int32_t scene_truth_disparity(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float* disparity) {
+  int32_t r = scene_truth_depth(desc, frame, width, height, disparity);
   if (r != 0) return r;
-  float fb = scene_focal_px(spec, width) * spec->baselineMm;
+  float fb = scene_focal_px(desc, width) * desc->baselineMm;
   size_t n = size_t(width) * size_t(height);
   for (size_t i = 0; i < n; ++i) disparity[i] = isfinite(disparity[i]) ? fb / disparity[i] : 0.0f;
   return 0;
 }
 
-int32_t scene_calibration(const SceneSpec* spec, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
+int32_t scene_calibration(const SceneSpec* desc, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
                           int32_t subHeight, uint8_t* block, int32_t blockSize) {
-  if (spec == nullptr || block == nullptr || blockSize < CALIB_BLOCK_SIZE || !(spec->nearMm > 0) ||
-      !(spec->farMm > spec->nearMm))
+  if (desc == nullptr || block == nullptr || blockSize < CALIB_BLOCK_SIZE || !(desc->nearMm > 0) ||
+      !(desc->farMm > desc->nearMm))
     return 1;
-  float fb = scene_focal_px(spec, mainWidth) * spec->baselineMm;
+  float fb = scene_focal_px(desc, mainWidth) * desc->baselineMm;
   CalibBlock b;
-  calib_block_defaults(&b, mainWidth, mainHeight, subWidth, subHeight, floorf(fb / spec->farMm),
-                       ceilf(fb / spec->nearMm));
+  calib_block_defaults(&b, mainWidth, mainHeight, subWidth, subHeight, floorf(fb / desc->farMm),
+                       ceilf(fb / desc->nearMm));
   b.focalBaseline = fb;
   return calib_block_write(&b, block, size_t(blockSize)) == CALIB_OK ? 0 : 1;
 }
 
-float scene_focus_distance(const SceneSpec* spec, int32_t frame) {
-  if (spec->motion == SCENE_FOCUS) {
+float scene_focus_distance(const SceneSpec* desc, int32_t frame) {
+  if (desc->motion == SCENE_FOCUS) {
     // A sweep from the near end to the wall and back over 16 frames.
     float t = float(frame % 16) / 8.0f;
     if (t > 1.0f) t = 2.0f - t;
     return 800.0f + t * 3000.0f;
   }
-  for (int32_t i = 0; i < spec->objectCount; ++i)
-    if (spec->objects[i].kind == SCENE_FIGURE) return spec->objects[i].center[2];
+  for (int32_t i = 0; i < desc->objectCount; ++i)
+    if (desc->objects[i].kind == SCENE_FIGURE) return desc->objects[i].center[2];
   return 1500.0f;
 }
 
-int32_t scene_render_dof_rgb(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float focusMm,
+int32_t scene_render_dof_rgb(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float focusMm,
                              float fNumber, int32_t lensSamples, uint8_t* rgb) {
-  if (spec == nullptr || rgb == nullptr || !sizes_ok(width, height) || !(focusMm > 0) || !(fNumber > 0) ||
+  if (desc == nullptr || rgb == nullptr || !sizes_ok(width, height) || !(focusMm > 0) || !(fNumber > 0) ||
       lensSamples < 1 || lensSamples > 64)
     return 1;
-  SceneSpec s = *spec;
+  SceneSpec s = *desc;
   if (s.motion == SCENE_OBJECT)
     for (int32_t i = 0; i < s.objectCount; ++i)
       for (float& v : s.objects[i].velocity) v *= s.motionAmount;
@@ -531,11 +531,11 @@ int32_t scene_render_dof_rgb(const SceneSpec* spec, int32_t frame, int32_t width
   return 0;
 }
 
-int32_t scene_render_dof_nv21(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float focusMm,
+int32_t scene_render_dof_nv21(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float focusMm,
                               float fNumber, int32_t lensSamples, uint8_t* nv21) {
   if (nv21 == nullptr || (width & 1) || (height & 1)) return 1;
   std::vector<uint8_t> rgb(size_t(width > 0 ? width : 0) * size_t(height > 0 ? height : 0) * 3);
-  int32_t r = scene_render_dof_rgb(spec, frame, width, height, focusMm, fNumber, lensSamples, rgb.data());
+  int32_t r = scene_render_dof_rgb(desc, frame, width, height, focusMm, fNumber, lensSamples, rgb.data());
   if (r != 0) return r;
   scene_rgb_to_nv21(rgb.data(), width, height, nv21);
   return 0;

@@ -52,39 +52,39 @@ struct SceneSpec {
 
 // A standard scene from a seed: a back wall, a floor, a box, a sphere and a figure at depths
 // between about 0.8 m and 4 m, placements and textures varied by the seed.
-void scene_default(SceneSpec* spec, uint32_t seed);
+void scene_default(SceneSpec* desc, uint32_t seed);
 
 // Renders camera 0 (main) or 1 (sub) of frame `frame` at width x height (both even, the sensor's
 // full field of view mapped to that grid) into NV21 (width*height*3/2 bytes). `aa` samples per
 // axis per pixel (1..8). Returns 0, or 1 for bad arguments.
-int32_t scene_render_nv21(const SceneSpec* spec, int32_t frame, int32_t camera, int32_t width, int32_t height,
+int32_t scene_render_nv21(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                           int32_t aa, uint8_t* nv21);
 // Same view as interleaved 8-bit RGB (width*height*3 bytes); sizes need not be even.
-int32_t scene_render_rgb(const SceneSpec* spec, int32_t frame, int32_t camera, int32_t width, int32_t height,
+int32_t scene_render_rgb(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                          int32_t aa, uint8_t* rgb);
 
 // Ground truth of the main view at pixel centres of a width x height grid: depth along the
 // optical axis in mm (INFINITY where nothing is hit), and disparity in pixels of that grid.
-int32_t scene_truth_depth(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float* depthMm);
-int32_t scene_truth_disparity(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float* disparity);
+int32_t scene_truth_depth(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float* depthMm);
+int32_t scene_truth_disparity(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float* disparity);
 
 // Focal length in pixels of a grid `width` wide.
-float scene_focal_px(const SceneSpec* spec, int32_t width);
+float scene_focal_px(const SceneSpec* desc, int32_t width);
 
 // The calibration block for main and sub streams of the given sizes (rectified: identity
 // homographies; search range from nearMm..farMm; focal x baseline set). Writes 128 bytes.
-int32_t scene_calibration(const SceneSpec* spec, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
+int32_t scene_calibration(const SceneSpec* desc, int32_t mainWidth, int32_t mainHeight, int32_t subWidth,
                           int32_t subHeight, uint8_t* block, int32_t blockSize);
 
 // Focus distance of a frame for SCENE_FOCUS sequences (otherwise the figure's distance).
-float scene_focus_distance(const SceneSpec* spec, int32_t frame);
+float scene_focus_distance(const SceneSpec* desc, int32_t frame);
 
 // Depth-of-field oracle: the main view through a thin lens focused at focusMm with aperture
 // lensFocalMm / fNumber, as the average of lensSamples x lensSamples pinhole views spread over the
 // aperture disc (the same lens positions for every pixel). RGB or NV21 output.
-int32_t scene_render_dof_rgb(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float focusMm,
+int32_t scene_render_dof_rgb(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float focusMm,
                              float fNumber, int32_t lensSamples, uint8_t* rgb);
-int32_t scene_render_dof_nv21(const SceneSpec* spec, int32_t frame, int32_t width, int32_t height, float focusMm,
+int32_t scene_render_dof_nv21(const SceneSpec* desc, int32_t frame, int32_t width, int32_t height, float focusMm,
                               float fNumber, int32_t lensSamples, uint8_t* nv21);
 
 // Converts interleaved RGB to NV21 (BT.601 full range, chroma averaged over 2x2); sizes even.
