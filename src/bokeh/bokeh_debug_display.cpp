@@ -73,6 +73,14 @@ void pasteSubPreview(SessionContext* ctx) {
   // The chroma plane is taken to be covered by the frame's size, as the frame copy takes it.
   const int64_t frameBytes = static_cast<int64_t>(mw) * mh * 3 / 2;
   if (ctx->mainImagePlane2 == nullptr || static_cast<int64_t>(ctx->mainImageSize) < frameBytes) return;
+  // A second plane inside the frame's own block must leave room for the chroma plane within the
+  // frame's size; one elsewhere is the caller's separate plane and is taken as whole.
+  const uintptr_t block = reinterpret_cast<uintptr_t>(ctx->mainImageData);
+  const uintptr_t plane2 = reinterpret_cast<uintptr_t>(ctx->mainImagePlane2);
+  const uintptr_t blockEnd = block + ctx->mainImageSize;
+  if (plane2 >= block && plane2 <= blockEnd &&
+      blockEnd - plane2 < static_cast<uintptr_t>(mw) * static_cast<uintptr_t>(mh / 2))
+    return;
   const uint8_t* subChroma = sub->data + static_cast<size_t>(sw) * sh;
   const size_t cy0 = y0 / 2;
   for (int32_t r = 0; r < sh / 2; ++r)
