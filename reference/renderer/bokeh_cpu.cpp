@@ -472,7 +472,10 @@ void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const flo
 // blocks between two grid columns fall into runs: sharp (all four radii below the blend start:
 // pixels kept), plain (radii agree: bilinear weight and background, streamed along the run from
 // grid rows upsampled once per grid row), and single edge blocks (the guided per-block code).
-enum SpanKind : int32_t { SPAN_SHARP = 0, SPAN_PLAIN = 1, SPAN_EDGE = 2 };
+// Fully blurred runs (all radii past the blend ramp: t = 1) take the background alone.
+enum SpanKind : int32_t { SPAN_SHARP = 0, SPAN_PLAIN = 1, SPAN_FULL = 2, SPAN_EDGE = 3 };
+// Grid radius (4 x 4 cells) from which every interpolated weight is 1, with a margin for rounding.
+constexpr float kFullBlurRadius = (kBlendStart + kBlendWidth) / 4 + 0.01f;
 
 // Spans of pixels [from, to) of a line `count` wide, 3 words each (from, to, kind or, for an edge
 // block, SPAN_EDGE + block index + 1); returns their number.
@@ -484,8 +487,10 @@ int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cm
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float hi = cmax[g0] > cmax[g1] ? cmax[g0] : cmax[g1];
     const float lo = cmin[g0] < cmin[g1] ? cmin[g0] : cmin[g1];
-    const int32_t kind =
-        hi * 4 <= kBlendStart ? SPAN_SHARP : (hi - lo <= kGuideMinStep ? SPAN_PLAIN : SPAN_EDGE + b + 1);
+    const int32_t kind = hi * 4 <= kBlendStart     ? SPAN_SHARP
+                         : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
+                         : lo >= kFullBlurRadius   ? SPAN_FULL
+                                                   : SPAN_PLAIN;
     if (kind < SPAN_EDGE && n > 0 && spans[3 * n - 1] == kind && spans[3 * n - 2] == from) {
       spans[3 * n - 2] = to;  // extends the previous run
       continue;
@@ -500,19 +505,25 @@ int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cm
 // (x + 0.5) / F - 0.5, the ends repeating the border), written at out[x * ostride].
 template <int32_t F, int32_t ostride>
 void upsample_row(const float* row, int32_t gw, int32_t count, float* out) {
-  for (int32_t b = -1; b < gw; ++b) {
+  // Interior cells (both ends inside the row and the line) without tests, so that it vectorises.
+  int32_t inner = (count - F / 2) / F;  // cells b whose F samples all lie inside the line
+  inner = inner < gw - 1 ? inner : gw - 1;
+  inner = inner < 0 ? 0 : inner;
+  float* o = out + (F / 2) * ostride;
+  for (int32_t b = 0; b < inner; ++b) {
+    const float v0 = row[b], d = row[b + 1] - row[b];
+    for (int32_t k = 0; k < F; ++k) o[(b * F + k) * ostride] = v0 + (k + 0.5f) / F * d;
+  }
+  auto cell = [&](int32_t b) {
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float v0 = row[g0], d = row[g1] - row[g0];
-    const int32_t x0 = b * F + F / 2;
-    if (x0 >= 0 && x0 + F <= count) {
-      for (int32_t k = 0; k < F; ++k) out[(x0 + k) * ostride] = v0 + (k + 0.5f) / F * d;
-      continue;
-    }
     for (int32_t k = 0; k < F; ++k) {
-      const int32_t x = x0 + k;
+      const int32_t x = b * F + F / 2 + k;
       if (x >= 0 && x < count) out[x * ostride] = v0 + (k + 0.5f) / F * d;
     }
-  }
+  };
+  cell(-1);
+  for (int32_t b = inner; b < gw; ++b) cell(b);
 }
 
 // A plain run of a luma line: weight and background interpolated between the two upsampled grid
@@ -527,6 +538,14 @@ void stream_luma(uint8_t* px, int32_t n, const float* c0, const float* c1, const
     const float p = px[x];
     px[x] = static_cast<uint8_t>(static_cast<int32_t>(p + t * (b - p) + 0.5f));
     T[x] = t;
+  }
+}
+
+// A fully blurred run: t = 1, so p + t (b - p) is b exactly and the pixel is not read.
+void stream_full(uint8_t* px, int32_t n, const float* b0, const float* b1, float fy, float* T) {
+  for (int32_t x = 0; x < n; ++x) {
+    px[x] = static_cast<uint8_t>(static_cast<int32_t>(b0[x] + fy * (b1[x] - b0[x]) + 0.5f));
+    T[x] = 1.0f;
   }
 }
 
@@ -596,6 +615,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
   const int32_t firstChannel = ca.u < ca.v ? 1 : 2;  // plane index of the channel stored first
   UpSlots up{work->upRows, width, {-1, -1}};
   int32_t spanCount = 0;
+  bool edgeSpans = true;
 
   for (int32_t y = 0; y < height; ++y) {
     const float gyf = clampf((y + 0.5f) / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
@@ -618,7 +638,11 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
         for (int32_t g = 0; g < gw && !pairAlpha; ++g) pairAlpha = f0[4 * g] > 0.0f || f1[4 * g] > 0.0f;
       }
       minMaxRow = gy0;
-      if (S == 4) spanCount = line_spans(width, gw, cmin, cmax, work->spans);
+      if (S == 4) {
+        spanCount = line_spans(width, gw, cmin, cmax, work->spans);
+        edgeSpans = false;
+        for (int32_t i = 0; i < spanCount; ++i) edgeSpans = edgeSpans || work->spans[3 * i + 2] >= SPAN_EDGE;
+      }
     }
     RowInputs row = in;
     if (pairAlpha) {
@@ -626,8 +650,10 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
     if (!(rowMax * S > kBlendStart || row.front)) continue;  // the row and its chroma stay
-    lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
-    lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
+    if (S != 4 || row.front || edgeSpans) {                  // the per-block code reads the interpolated grid rows
+      lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
+      lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
+    }
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
     if (S == 4 && !row.front) {
@@ -642,6 +668,12 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
         const int32_t from = work->spans[3 * i], to = work->spans[3 * i + 1], kind = work->spans[3 * i + 2];
         if (kind == SPAN_SHARP) {
           for (int32_t x = from; x < to; ++x) tRow[x] = 0.0f;
+          continue;
+        }
+        if (kind == SPAN_FULL) {
+          stream_full(lumaRow + from, to - from, r0 + width + from, r1 + width + from, fy, tRow + from);
+          if (chromaRow != nullptr)
+            stream_full(chromaRow + from, to - from, r0 + 2 * width + from, r1 + 2 * width + from, cfy, cRow);
           continue;
         }
         if (kind == SPAN_PLAIN) {
@@ -812,7 +844,7 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   work->rowA = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowB = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowC = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
-  work->lineSum = static_cast<uint16_t*>(malloc(static_cast<size_t>(width) * sizeof(uint16_t)));
+  work->lineSum = static_cast<uint16_t*>(malloc(static_cast<size_t>(width) * 2 * sizeof(uint16_t)));
   work->linePeak = static_cast<uint8_t*>(malloc(static_cast<size_t>(width)));
   work->rowF = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->gridRows = static_cast<float*>(malloc(static_cast<size_t>(6 * (gw + 2) + 2) * sizeof(float)));
@@ -900,7 +932,6 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
     }
     const uint8_t* mapRow1 = map + static_cast<size_t>(my1) * mapWidth;
     for (int32_t gx = 0; gx < gw; ++gx) {
-      const int32_t x0 = gx * S;
       const float mx = mapX[gx];
       const int32_t mx0 = static_cast<int32_t>(mx), mx1 = mx0 + 1 < mapWidth ? mx0 + 1 : mx0;
       const float fmx = mx - mx0;
@@ -917,32 +948,63 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
       work->front[i] = lowest * radiusPerLevel;  // until step 3
       anyBlur = anyBlur || c > 0.0f;
-      const int32_t cols = width - x0 < S ? width - x0 : S;
-      uint32_t sum = 0, peak = 0;
-      for (int32_t dx = 0; dx < cols; ++dx) {
-        sum += lineSum[x0 + dx];
-        peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
-      }
-      const int32_t n = cols * rows;
-      colour[i] = static_cast<float>(sum) / static_cast<float>(n);
-      work->blurred[i] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
-      uint32_t su = 0, sv = 0;
-      int32_t m = 0;
-      for (int32_t dy = 0; dy < S / 2 && y0 / 2 + dy < ch; ++dy) {
-        const size_t rowOff = static_cast<size_t>(y0 / 2 + dy) * ca.stride;
-        for (int32_t dx = 0; dx < S / 2 && x0 / 2 + dx < cw; ++dx, ++m) {
-          su += ca.u[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
-          sv += ca.v[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
-        }
-      }
-      colour[plane + i] = m ? static_cast<float>(su) / m : 128.0f;
-      colour[2 * plane + i] = m ? static_cast<float>(sv) / m : 128.0f;
       if (nearMask) {
         const int32_t nx = fmx < 0.5f ? mx0 : mx1, ny = fmy < 0.5f ? my0 : my1;
         const bool isNear = nearMask[static_cast<size_t>(ny) * mapWidth + nx] != 0 && c > 0.25f;
         work->nearDilated[plane + i] = isNear ? c : 0.0f;  // the near samples' own radius
         anyNear = anyNear || isNear;
       }
+    }
+    // Colour: the cell's mean luma and brightest pixel from the column sums, its chroma from the
+    // column sums of its chroma rows (both channels a whole line at a time, like the luma).
+    const int32_t full = width / S < gw ? width / S : gw;  // cells S pixels wide
+    const size_t rowStart = static_cast<size_t>(gy) * gw;
+    if (rows == S) {
+      for (int32_t gx = 0; gx < full; ++gx) {
+        uint32_t sum = 0, peak = 0;
+        for (int32_t dx = 0; dx < S; ++dx) {
+          sum += lineSum[gx * S + dx];
+          peak = linePeak[gx * S + dx] > peak ? linePeak[gx * S + dx] : peak;
+        }
+        colour[rowStart + gx] = static_cast<float>(sum) * (1.0f / (S * S));  // exact: S * S is a power of 2
+        work->blurred[rowStart + gx] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
+      }
+    }
+    for (int32_t gx = rows == S ? full : 0; gx < gw; ++gx) {
+      const int32_t x0 = gx * S, cols = width - x0 < S ? width - x0 : S;
+      uint32_t sum = 0, peak = 0;
+      for (int32_t dx = 0; dx < cols; ++dx) {
+        sum += lineSum[x0 + dx];
+        peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
+      }
+      colour[rowStart + gx] = static_cast<float>(sum) / static_cast<float>(cols * rows);
+      work->blurred[rowStart + gx] = static_cast<float>(peak);
+    }
+    const int32_t cy0 = y0 / 2, crows = ch - cy0 < S / 2 ? ch - cy0 : S / 2;
+    uint16_t* chromaSum = lineSum + width;  // U samples then V samples, cw each
+    for (int32_t x = 0; x < cw; ++x) chromaSum[x] = chromaSum[cw + x] = 0;
+    for (int32_t dy = 0; dy < crows; ++dy) {
+      const uint8_t* u = ca.u + static_cast<size_t>(cy0 + dy) * ca.stride;
+      const uint8_t* v = ca.v + static_cast<size_t>(cy0 + dy) * ca.stride;
+      if (ca.step == 2) {
+        for (int32_t x = 0; x < cw; ++x) {
+          chromaSum[x] = static_cast<uint16_t>(chromaSum[x] + u[2 * x]);
+          chromaSum[cw + x] = static_cast<uint16_t>(chromaSum[cw + x] + v[2 * x]);
+        }
+      } else {
+        for (int32_t x = 0; x < cw; ++x) {
+          chromaSum[x] = static_cast<uint16_t>(chromaSum[x] + u[x]);
+          chromaSum[cw + x] = static_cast<uint16_t>(chromaSum[cw + x] + v[x]);
+        }
+      }
+    }
+    for (int32_t gx = 0; gx < gw; ++gx) {
+      const int32_t cx0 = gx * S / 2, ccols = cw - cx0 < S / 2 ? cw - cx0 : S / 2;
+      uint32_t su = 0, sv = 0;
+      for (int32_t dx = 0; dx < ccols; ++dx) su += chromaSum[cx0 + dx], sv += chromaSum[cw + cx0 + dx];
+      const int32_t m = ccols * crows;
+      colour[plane + rowStart + gx] = m > 0 ? static_cast<float>(su) / static_cast<float>(m) : 128.0f;
+      colour[2 * plane + rowStart + gx] = m > 0 ? static_cast<float>(sv) / static_cast<float>(m) : 128.0f;
     }
   }
   if (!anyBlur) return;  // nothing to blur: the frame stays as it is
