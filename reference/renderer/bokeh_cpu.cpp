@@ -358,9 +358,9 @@ inline void luma_block_vector(float c0, float dc, float b0, float db, float* to,
   memcpy(bo, &b, sizeof(b));
 }
 
-// A luma line on a 4 x 4 grid: interior blocks whose four radii agree and that no foreground
-// reaches take the block kernel (on a line the foreground reaches, with zero alpha), the rest
-// (ends, edges of the map, the foreground) the general per-block code.
+// A luma line on a 4 x 4 grid that the foreground reaches: interior blocks whose four radii agree
+// and where the foreground's alpha is 0 take the block kernel, the rest (ends, edges of the map,
+// the foreground) the general per-block code. (Lines it does not reach go run by run.)
 template <bool kFront>
 void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* guide,
                        const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy, float* T, float* B,
@@ -389,65 +389,17 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
   }
 }
 
-// An interleaved chroma line without foreground: T and B for both channels in one array (byte
-// order of the frame), T from the luma line's even pixels. Interior blocks (two chroma samples)
-// in one 4-lane step, plain or vector (identical results), the two ends plainly.
-inline void chroma_block_plain(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
-                               float* bo) {
-  for (int32_t k = 0; k < 2; ++k) {
-    const float w = (k + 0.5f) / 2;
-    to[2 * k] = to[2 * k + 1] = tLuma[2 * (x0 + k)];
-    bo[2 * k] = f0 + w * df;
-    bo[2 * k + 1] = s0 + w * ds;
-  }
-}
-
-inline void chroma_block_vector(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
-                                float* bo) {
-  const Vec4 w = {0.25f, 0.25f, 0.75f, 0.75f};
-  const Vec4 base = {f0, s0, f0, s0}, step = {df, ds, df, ds};
-  const Vec4 t = {tLuma[2 * x0], tLuma[2 * x0], tLuma[2 * x0 + 2], tLuma[2 * x0 + 2]};
-  const Vec4 b = base + w * step;
-  memcpy(to, &t, sizeof(t));
-  memcpy(bo, &b, sizeof(b));
-}
-
-// first, second: padded interpolated grid rows of the channel stored first and second. On the
-// 4 x 4 grid a cell holds two chroma samples per row and the line is interpolated; on the 2 x 2
-// grid chroma sample x sits on grid cell x and takes its value as it is.
-template <int32_t S>
+// An interleaved chroma line without foreground on the 2 x 2 grid: T and B for both channels in
+// one array (byte order of the frame), T from the luma line's even pixels. first, second: padded
+// interpolated grid rows of the channel stored first and second; chroma sample x sits on grid
+// cell x and takes its value as it is. (The 4 x 4 grid's chroma goes with its luma runs.)
 void prepare_chroma_line(int32_t cw, int32_t gw, const float* first, const float* second, const float* tLuma, float* T,
-                         float* B, bool plain) {
-  static_assert(S == 2 || S == 4, "grid cells of 2 or 4 pixels");
-  if (S == 2) {
-    const int32_t n = cw < gw ? cw : gw;
-    for (int32_t x = 0; x < n; ++x) {
-      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
-      B[2 * x] = first[x];
-      B[2 * x + 1] = second[x];
-    }
-    return;
-  }
-  const int32_t last = cw - 3 < 0 ? -1 : (cw - 3) / 2;
-  for (int32_t b = -1; b < gw; ++b) {
-    const int32_t x0 = 2 * b + 1;
-    const float f0 = first[b], df = first[b + 1] - first[b], s0 = second[b], ds = second[b + 1] - second[b];
-    if (b >= 0 && b <= last) {
-      if (plain) {
-        chroma_block_plain(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
-      } else {
-        chroma_block_vector(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
-      }
-      continue;
-    }
-    for (int32_t k = 0; k < 2; ++k) {
-      const int32_t x = x0 + k;
-      if (x < 0 || x >= cw) continue;
-      const float w = (k + 0.5f) / 2;
-      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
-      B[2 * x] = f0 + w * df;
-      B[2 * x + 1] = s0 + w * ds;
-    }
+                         float* B) {
+  const int32_t n = cw < gw ? cw : gw;
+  for (int32_t x = 0; x < n; ++x) {
+    T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
+    B[2 * x] = first[x];
+    B[2 * x + 1] = second[x];
   }
 }
 
@@ -691,9 +643,6 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     } else if (S == 4) {
       prepare_luma_line<true>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, aRow, fRow,
                               work->plainOnly != 0);
-    } else if (S == 4) {
-      prepare_luma_line<false>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, nullptr,
-                               nullptr, work->plainOnly != 0);
     } else {
       prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
                             fRow);
@@ -710,7 +659,7 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     if (interleaved && !row.front) {
       lerp_rows(work->blurred + firstChannel * plane, gw, cy0, cy1, cfy, 1, bv);
       lerp_rows(work->blurred + (3 - firstChannel) * plane, gw, cy0, cy1, cfy, 1, fv);
-      prepare_chroma_line<S>(cw, gw, bv, fv, tRow, cRow, bRow, work->plainOnly != 0);
+      prepare_chroma_line(cw, gw, bv, fv, tRow, cRow, bRow);
       blend_run((ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride, 2 * cw, cRow, bRow, nullptr,
                 nullptr);
       continue;

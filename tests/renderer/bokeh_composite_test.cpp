@@ -27,7 +27,8 @@ float radius_spread(const float* coc, int32_t gw, int32_t gh, float gx, float gy
   const int32_t x0 = static_cast<int32_t>(gx), y0 = static_cast<int32_t>(gy);
   const int32_t x1 = x0 + 1 < gw ? x0 + 1 : x0, y1 = y0 + 1 < gh ? y0 + 1 : y0;
   const float r[4] = {coc[y0 * gw + x0], coc[y0 * gw + x1], coc[y1 * gw + x0], coc[y1 * gw + x1]};
-  return std::fmax(std::fmax(r[0], r[1]), std::fmax(r[2], r[3])) - std::fmin(std::fmin(r[0], r[1]), std::fmin(r[2], r[3]));
+  return std::fmax(std::fmax(r[0], r[1]), std::fmax(r[2], r[3])) -
+         std::fmin(std::fmin(r[0], r[1]), std::fmin(r[2], r[3]));
 }
 
 // Away from edges of the map every pixel is p + t (B - p) with t from the bilinear radius and B
@@ -63,7 +64,8 @@ TEST(RenderComposite, FourByFourGridMatchesAPerPixelRecomputation) {
         const float t = weight(x, y);
         const float b = grid_at(work.blurred, gw, gh, (x + 0.5f) / 4 - 0.5f, (y + 0.5f) / 4 - 0.5f);
         const float p = original.data[static_cast<size_t>(y) * w + x];
-        const int32_t d = std::abs(f.data[static_cast<size_t>(y) * w + x] - static_cast<int32_t>(p + t * (b - p) + 0.5f));
+        const int32_t d =
+            std::abs(f.data[static_cast<size_t>(y) * w + x] - static_cast<int32_t>(p + t * (b - p) + 0.5f));
         ASSERT_LE(d, 1) << "format " << format << " luma " << x << "," << y << " t " << t;
         worst = d > worst ? d : worst;
         (t == 0.0f ? sharp : (t == 1.0f ? full : ramp))++;
@@ -99,7 +101,8 @@ TEST(RenderVectorKernels, EqualToThePlainPathOnTheSmallGrid) {
   ASSERT_EQ(2, g_renderer.work.scale);
   std::vector<uint8_t> map(mw * mh);
   for (int32_t y = 0; y < mh; ++y)
-    for (int32_t x = 0; x < mw; ++x) map[y * mw + x] = static_cast<uint8_t>(x < 50 ? 0 : (x < 110 ? (x - 50) * 4 : 255));
+    for (int32_t x = 0; x < mw; ++x)
+      map[y * mw + x] = static_cast<uint8_t>(x < 50 ? 0 : (x < 110 ? (x - 50) * 4 : 255));
   for (float f : {1.0f, 1.4f, 4.0f}) {
     Frame a = make_textured(w, h, 8);
     Frame b = a;
