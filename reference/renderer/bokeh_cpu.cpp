@@ -56,9 +56,12 @@ inline uint8_t to_u8(float v) {
 }
 
 // Box and disc sums over the summed-area table (4 words per entry: weight and weighted Y, U, V).
+// The four words of an entry are one 4-lane vector (SSE2 / NEON) or, in the plain code, four
+// scalars; unsigned sums wrap alike, so both give the same words.
 struct Sums {
   uint32_t w, y, u, v;
 };
+typedef uint32_t Vec4u __attribute__((vector_size(16)));
 
 inline void box_add(const uint32_t* sat, int32_t satW, int32_t x0, int32_t y0, int32_t x1, int32_t y1, int32_t sign,
                     Sums* s) {
@@ -76,13 +79,45 @@ inline void box_add(const uint32_t* sat, int32_t satW, int32_t x0, int32_t y0, i
   }
 }
 
+inline Vec4u sat_entry(const uint32_t* sat, int32_t satW, int32_t x, int32_t y) {
+  Vec4u e;
+  memcpy(&e, sat + (static_cast<size_t>(y) * satW + x) * 4, sizeof(e));
+  return e;
+}
+inline Vec4u box_vector(const uint32_t* sat, int32_t satW, int32_t x0, int32_t y0, int32_t x1, int32_t y1) {
+  return sat_entry(sat, satW, x1 + 1, y1 + 1) - sat_entry(sat, satW, x1 + 1, y0) - sat_entry(sat, satW, x0, y1 + 1) +
+         sat_entry(sat, satW, x0, y0);
+}
+
 // Disc of integer level n approximated by two crossed boxes (n x m and m x n, m = 0.6 n; a plus
-// sign for n = 1), clipped to the grid. Returns the number of grid samples covered.
+// sign for n = 1), clipped to the grid.
 inline int32_t disc_minor(int32_t n) {
   return n == 1 ? 0 : static_cast<int32_t>(0.6f * n + 0.5f);
 }
 
-int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, int32_t n, Sums* s) {
+// Per level: the squared radius of the round disc with the same spread as the level's shape (a
+// disc of radius r has variance r^2 / 4 along an axis, the shape sum(x^2) / count) and the
+// reciprocal of its sample count where the grid does not clip it.
+constexpr int32_t kDiscLevels = 28;
+constexpr float kSingleLevelRadius = 6.0f;
+struct DiscTable {
+  float r2[kDiscLevels];
+  float inv[kDiscLevels];
+};
+void disc_table(DiscTable* t) {
+  auto boxMoment = [](double a, double b) { return (2 * b + 1) * a * (a + 1) * (2 * a + 1) / 3; };
+  for (int32_t n = 0; n < kDiscLevels; ++n) {
+    const int32_t a = n, b = disc_minor(n);
+    const int32_t count = (2 * a + 1) * (2 * b + 1) * 2 - (2 * b + 1) * (2 * b + 1);
+    const double moment = boxMoment(a, b) + boxMoment(b, a) - boxMoment(b, b);
+    t->r2[n] = static_cast<float>(4.0 * moment / count);
+    t->inv[n] = 1.0f / static_cast<float>(count);
+  }
+}
+
+// Sums over the disc of level n around (x, y); returns the reciprocal of the samples covered.
+float disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, int32_t n, const DiscTable& table,
+                bool plain, Sums* s) {
   const int32_t a = n;
   const int32_t b = disc_minor(n);
   const int32_t satW = gw + 1;
@@ -91,37 +126,32 @@ int32_t disc_sums(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_
   const int32_t ay0 = lo(y - a), ay1 = y + a < gh ? y + a : gh - 1;
   const int32_t bx0 = lo(x - b), bx1 = x + b < gw ? x + b : gw - 1;
   const int32_t by0 = lo(y - b), by1 = y + b < gh ? y + b : gh - 1;
-  *s = Sums{0, 0, 0, 0};
-  box_add(sat, satW, ax0, by0, ax1, by1, 1, s);
+  if (plain) {
+    *s = Sums{0, 0, 0, 0};
+    box_add(sat, satW, ax0, by0, ax1, by1, 1, s);
+    if (b < a) {
+      box_add(sat, satW, bx0, ay0, bx1, ay1, 1, s);
+      box_add(sat, satW, bx0, by0, bx1, by1, -1, s);
+    }
+  } else {
+    Vec4u v = box_vector(sat, satW, ax0, by0, ax1, by1);
+    if (b < a) v += box_vector(sat, satW, bx0, ay0, bx1, ay1) - box_vector(sat, satW, bx0, by0, bx1, by1);
+    memcpy(s, &v, sizeof(v));
+  }
+  if (x - a >= 0 && x + a < gw && y - a >= 0 && y + a < gh) return table.inv[n];
   int32_t count = (ax1 - ax0 + 1) * (by1 - by0 + 1);
-  if (b < a) {
-    box_add(sat, satW, bx0, ay0, bx1, ay1, 1, s);
-    box_add(sat, satW, bx0, by0, bx1, by1, -1, s);
-    count += (bx1 - bx0 + 1) * (ay1 - ay0 + 1) - (bx1 - bx0 + 1) * (by1 - by0 + 1);
-  }
-  return count;
-}
-
-// Squared radius of the round disc with the same spread as each level's shape: a disc of radius
-// r has variance r^2 / 4 along an axis, the shape sum(x^2) / count.
-constexpr int32_t kDiscLevels = 28;
-constexpr float kSingleLevelRadius = 6.0f;
-void disc_level_radii(float* r2) {
-  auto boxMoment = [](double a, double b) { return (2 * b + 1) * a * (a + 1) * (2 * a + 1) / 3; };
-  for (int32_t n = 0; n < kDiscLevels; ++n) {
-    const double a = n, b = disc_minor(n);
-    const double count = (2 * a + 1) * (2 * b + 1) * 2 - (2 * b + 1) * (2 * b + 1);
-    const double moment = boxMoment(a, b) + boxMoment(b, a) - boxMoment(b, b);
-    r2[n] = static_cast<float>(4.0 * moment / count);
-  }
+  if (b < a) count += (bx1 - bx0 + 1) * (ay1 - ay0 + 1) - (bx1 - bx0 + 1) * (by1 - by0 + 1);
+  return 1.0f / static_cast<float>(count);
 }
 
 // Disc of fractional radius r: a mixture of the two levels around it whose spread is that of
-// the round disc, as float sums (w, wY, wU, wV) and the alpha of a uniform unit weight.
-struct DiscSums {
-  float w, y, u, v, cover;  // cover: the mixture's share of the samples, for alpha
+// the round disc. The choice depends on r alone (callers keep it while r repeats).
+struct DiscLevel {
+  int32_t n;
+  float f;  // 0: level n alone, 1: level n + 1 alone, between: the mixture
 };
-DiscSums disc_sums_frac(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, float r, const float* r2) {
+DiscLevel disc_level(float r, const DiscTable& table) {
+  const float* r2 = table.r2;
   const float want = r * r;
   int32_t n = static_cast<int32_t>(0.7f * r);
   n = n > kDiscLevels - 2 ? kDiscLevels - 2 : n;
@@ -131,21 +161,29 @@ DiscSums disc_sums_frac(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, 
   f = f < 0.0f ? 0.0f : (f > 1.0f ? 1.0f : f);
   // Past a few samples the nearer level alone is close enough (and half the work).
   if (r >= kSingleLevelRadius) f = f < 0.5f ? 0.0f : 1.0f;
+  return DiscLevel{n, f};
+}
+
+// The mixture's normalised float sums (w, wY, wU, wV).
+struct DiscSums {
+  float w, y, u, v;
+};
+DiscSums disc_sums_frac(const uint32_t* sat, int32_t gw, int32_t gh, int32_t x, int32_t y, DiscLevel level,
+                        const DiscTable& table, bool plain) {
+  const int32_t n = level.n;
+  const float f = level.f;
   if (f >= 1.0f) {
     Sums c;
-    const float k = 1.0f / static_cast<float>(disc_sums(sat, gw, gh, x, y, n + 1, &c));
-    return DiscSums{c.w * k, c.y * k, c.u * k, c.v * k, 1.0f};
+    const float k = disc_sums(sat, gw, gh, x, y, n + 1, table, plain, &c);
+    return DiscSums{c.w * k, c.y * k, c.u * k, c.v * k};
   }
   Sums a, b;
-  const int32_t ca = disc_sums(sat, gw, gh, x, y, n, &a);
-  if (f <= 0.0f) {
-    const float k = 1.0f / static_cast<float>(ca);
-    return DiscSums{a.w * k, a.y * k, a.u * k, a.v * k, 1.0f};
-  }
-  const int32_t cb = disc_sums(sat, gw, gh, x, y, n + 1, &b);
+  const float ia = disc_sums(sat, gw, gh, x, y, n, table, plain, &a);
+  if (f <= 0.0f) return DiscSums{a.w * ia, a.y * ia, a.u * ia, a.v * ia};
+  const float ib = disc_sums(sat, gw, gh, x, y, n + 1, table, plain, &b);
   // Each level normalised by its own sample count, so that f mixes the two kernels.
-  const float ka = (1.0f - f) / static_cast<float>(ca), kb = f / static_cast<float>(cb);
-  return DiscSums{ka * a.w + kb * b.w, ka * a.y + kb * b.y, ka * a.u + kb * b.u, ka * a.v + kb * b.v, 1.0f};
+  const float ka = (1.0f - f) * ia, kb = f * ib;
+  return DiscSums{ka * a.w + kb * b.w, ka * a.y + kb * b.y, ka * a.u + kb * b.u, ka * a.v + kb * b.v};
 }
 
 // Table of (w, w*Y, w*U, w*V) from per-sample weights and the grid colour.
@@ -320,9 +358,9 @@ inline void luma_block_vector(float c0, float dc, float b0, float db, float* to,
   memcpy(bo, &b, sizeof(b));
 }
 
-// A luma line on a 4 x 4 grid: interior blocks whose four radii agree and that no foreground
-// reaches take the block kernel (on a line the foreground reaches, with zero alpha), the rest
-// (ends, edges of the map, the foreground) the general per-block code.
+// A luma line on a 4 x 4 grid that the foreground reaches: interior blocks whose four radii agree
+// and where the foreground's alpha is 0 take the block kernel, the rest (ends, edges of the map,
+// the foreground) the general per-block code. (Lines it does not reach go run by run.)
 template <bool kFront>
 void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow, const float* guide,
                        const float* coc, const float* colour, int32_t gy0, int32_t gy1, float fy, float* T, float* B,
@@ -351,65 +389,17 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
   }
 }
 
-// An interleaved chroma line without foreground: T and B for both channels in one array (byte
-// order of the frame), T from the luma line's even pixels. Interior blocks (two chroma samples)
-// in one 4-lane step, plain or vector (identical results), the two ends plainly.
-inline void chroma_block_plain(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
-                               float* bo) {
-  for (int32_t k = 0; k < 2; ++k) {
-    const float w = (k + 0.5f) / 2;
-    to[2 * k] = to[2 * k + 1] = tLuma[2 * (x0 + k)];
-    bo[2 * k] = f0 + w * df;
-    bo[2 * k + 1] = s0 + w * ds;
-  }
-}
-
-inline void chroma_block_vector(const float* tLuma, int32_t x0, float f0, float df, float s0, float ds, float* to,
-                                float* bo) {
-  const Vec4 w = {0.25f, 0.25f, 0.75f, 0.75f};
-  const Vec4 base = {f0, s0, f0, s0}, step = {df, ds, df, ds};
-  const Vec4 t = {tLuma[2 * x0], tLuma[2 * x0], tLuma[2 * x0 + 2], tLuma[2 * x0 + 2]};
-  const Vec4 b = base + w * step;
-  memcpy(to, &t, sizeof(t));
-  memcpy(bo, &b, sizeof(b));
-}
-
-// first, second: padded interpolated grid rows of the channel stored first and second. On the
-// 4 x 4 grid a cell holds two chroma samples per row and the line is interpolated; on the 2 x 2
-// grid chroma sample x sits on grid cell x and takes its value as it is.
-template <int32_t S>
+// An interleaved chroma line without foreground on the 2 x 2 grid: T and B for both channels in
+// one array (byte order of the frame), T from the luma line's even pixels. first, second: padded
+// interpolated grid rows of the channel stored first and second; chroma sample x sits on grid
+// cell x and takes its value as it is. (The 4 x 4 grid's chroma goes with its luma runs.)
 void prepare_chroma_line(int32_t cw, int32_t gw, const float* first, const float* second, const float* tLuma, float* T,
-                         float* B, bool plain) {
-  static_assert(S == 2 || S == 4, "grid cells of 2 or 4 pixels");
-  if (S == 2) {
-    const int32_t n = cw < gw ? cw : gw;
-    for (int32_t x = 0; x < n; ++x) {
-      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
-      B[2 * x] = first[x];
-      B[2 * x + 1] = second[x];
-    }
-    return;
-  }
-  const int32_t last = cw - 3 < 0 ? -1 : (cw - 3) / 2;
-  for (int32_t b = -1; b < gw; ++b) {
-    const int32_t x0 = 2 * b + 1;
-    const float f0 = first[b], df = first[b + 1] - first[b], s0 = second[b], ds = second[b + 1] - second[b];
-    if (b >= 0 && b <= last) {
-      if (plain) {
-        chroma_block_plain(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
-      } else {
-        chroma_block_vector(tLuma, x0, f0, df, s0, ds, T + 2 * x0, B + 2 * x0);
-      }
-      continue;
-    }
-    for (int32_t k = 0; k < 2; ++k) {
-      const int32_t x = x0 + k;
-      if (x < 0 || x >= cw) continue;
-      const float w = (k + 0.5f) / 2;
-      T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
-      B[2 * x] = f0 + w * df;
-      B[2 * x + 1] = s0 + w * ds;
-    }
+                         float* B) {
+  const int32_t n = cw < gw ? cw : gw;
+  for (int32_t x = 0; x < n; ++x) {
+    T[2 * x] = T[2 * x + 1] = tLuma[2 * x];
+    B[2 * x] = first[x];
+    B[2 * x + 1] = second[x];
   }
 }
 
@@ -428,6 +418,124 @@ void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const flo
     const float v = (p + T[x] * (B[x] - p)) * (1.0f - A[x]) + Fp[x] + 0.5f;
     px[x] = static_cast<uint8_t>(static_cast<int32_t>(v < 0.0f ? 0.0f : (v > 255.0f ? 255.0f : v)));
   }
+}
+
+// The 4 x 4 grid's lines without foreground are composited span by span. Per grid row pair the
+// blocks between two grid columns fall into runs: sharp (all four radii below the blend start:
+// pixels kept), plain (radii agree: bilinear weight and background, streamed along the run from
+// grid rows upsampled once per grid row), and single edge blocks (the guided per-block code).
+// Fully blurred runs (all radii past the blend ramp: t = 1) take the background alone.
+enum SpanKind : int32_t { SPAN_SHARP = 0, SPAN_PLAIN = 1, SPAN_FULL = 2, SPAN_EDGE = 3 };
+// Grid radius (4 x 4 cells) from which every interpolated weight is 1, with a margin for rounding.
+constexpr float kFullBlurRadius = (kBlendStart + kBlendWidth) / 4 + 0.01f;
+
+// Spans of pixels [from, to) of a line `count` wide, 3 words each (from, to, kind or, for an edge
+// block, SPAN_EDGE + block index + 1); returns their number.
+int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cmax, int32_t* spans) {
+  int32_t n = 0;
+  for (int32_t b = -1; b < gw; ++b) {
+    const int32_t from = b * 4 + 2 < 0 ? 0 : b * 4 + 2, to = b * 4 + 6 < count ? b * 4 + 6 : count;
+    if (to <= from) continue;
+    const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
+    const float hi = cmax[g0] > cmax[g1] ? cmax[g0] : cmax[g1];
+    const float lo = cmin[g0] < cmin[g1] ? cmin[g0] : cmin[g1];
+    const int32_t kind = hi * 4 <= kBlendStart     ? SPAN_SHARP
+                         : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
+                         : lo >= kFullBlurRadius   ? SPAN_FULL
+                                                   : SPAN_PLAIN;
+    if (kind < SPAN_EDGE && n > 0 && spans[3 * n - 1] == kind && spans[3 * n - 2] == from) {
+      spans[3 * n - 2] = to;  // extends the previous run
+      continue;
+    }
+    spans[3 * n] = from, spans[3 * n + 1] = to, spans[3 * n + 2] = kind;
+    ++n;
+  }
+  return n;
+}
+
+// One grid row upsampled along the row, F samples per cell (sample x at grid position
+// (x + 0.5) / F - 0.5, the ends repeating the border), written at out[x * ostride].
+template <int32_t F, int32_t ostride>
+void upsample_row(const float* row, int32_t gw, int32_t count, float* out) {
+  // Interior cells (both ends inside the row and the line) without tests, so that it vectorises.
+  int32_t inner = (count - F / 2) / F;  // cells b whose F samples all lie inside the line
+  inner = inner < gw - 1 ? inner : gw - 1;
+  inner = inner < 0 ? 0 : inner;
+  float* o = out + (F / 2) * ostride;
+  for (int32_t b = 0; b < inner; ++b) {
+    const float v0 = row[b], d = row[b + 1] - row[b];
+    for (int32_t k = 0; k < F; ++k) o[(b * F + k) * ostride] = v0 + (k + 0.5f) / F * d;
+  }
+  auto cell = [&](int32_t b) {
+    const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
+    const float v0 = row[g0], d = row[g1] - row[g0];
+    for (int32_t k = 0; k < F; ++k) {
+      const int32_t x = b * F + F / 2 + k;
+      if (x >= 0 && x < count) out[x * ostride] = v0 + (k + 0.5f) / F * d;
+    }
+  };
+  cell(-1);
+  for (int32_t b = inner; b < gw; ++b) cell(b);
+}
+
+// A plain run of a luma line: weight and background interpolated between the two upsampled grid
+// rows, blended, T kept for the chroma line. Written so that it vectorises.
+void stream_luma(uint8_t* px, int32_t n, const float* c0, const float* c1, const float* b0, const float* b1, float fy,
+                 float* T) {
+  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  for (int32_t x = 0; x < n; ++x) {
+    float t = (c0[x] + fy * (c1[x] - c0[x])) * kTScale - kTOffset;
+    t = t > 0.0f ? (t > 1.0f ? 1.0f : t) : 0.0f;
+    const float b = b0[x] + fy * (b1[x] - b0[x]);
+    const float p = px[x];
+    px[x] = static_cast<uint8_t>(static_cast<int32_t>(p + t * (b - p) + 0.5f));
+    T[x] = t;
+  }
+}
+
+// A fully blurred run: t = 1, so p + t (b - p) is b exactly and the pixel is not read.
+void stream_full(uint8_t* px, int32_t n, const float* b0, const float* b1, float fy, float* T) {
+  for (int32_t x = 0; x < n; ++x) {
+    px[x] = static_cast<uint8_t>(static_cast<int32_t>(b0[x] + fy * (b1[x] - b0[x]) + 0.5f));
+    T[x] = 1.0f;
+  }
+}
+
+// The same for interleaved chroma bytes [from, to) (from even): each pair takes the weight of
+// the luma pixel above its block's top-left.
+void stream_chroma(uint8_t* line, int32_t from, int32_t to, const float* u0, const float* u1, float fy,
+                   const float* T) {
+  for (int32_t j = from; j < to; j += 2) {
+    const float t = T[j];
+    const float b0 = u0[j] + fy * (u1[j] - u0[j]), b1 = u0[j + 1] + fy * (u1[j + 1] - u0[j + 1]);
+    const float p0 = line[j], p1 = line[j + 1];
+    line[j] = static_cast<uint8_t>(static_cast<int32_t>(p0 + t * (b0 - p0) + 0.5f));
+    line[j + 1] = static_cast<uint8_t>(static_cast<int32_t>(p1 + t * (b1 - p1) + 0.5f));
+  }
+}
+
+// Two slots of upsampled grid rows, found by grid row and made when missing.
+struct UpSlots {
+  float* base;
+  int32_t width;
+  int32_t gy[2];
+};
+// Radius, background luma and background chroma (first stored channel at even bytes) of row gy;
+// the slot holding row `keep` stays.
+const float* up_row(UpSlots* u, const RenderWork* work, int32_t gy, int32_t keep, int32_t firstChannel) {
+  const int32_t gw = work->gridWidth, w = u->width;
+  const size_t plane = static_cast<size_t>(gw) * work->gridHeight;
+  for (int32_t s = 0; s < 2; ++s)
+    if (u->gy[s] == gy) return u->base + static_cast<size_t>(s) * 3 * w;
+  const int32_t s = u->gy[0] == keep ? 1 : 0;
+  u->gy[s] = gy;
+  float* out = u->base + static_cast<size_t>(s) * 3 * w;
+  const size_t row = static_cast<size_t>(gy) * gw;
+  upsample_row<4, 1>(work->coc + row, gw, w, out);
+  upsample_row<4, 1>(work->blurred + row, gw, w, out + w);
+  upsample_row<2, 2>(work->blurred + firstChannel * plane + row, gw, w / 2, out + 2 * w);
+  upsample_row<2, 2>(work->blurred + (3 - firstChannel) * plane + row, gw, w / 2, out + 2 * w + 1);
+  return out;
 }
 
 template <int32_t S>
@@ -455,6 +563,11 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
   int32_t minMaxRow = -1;
   float rowMax = 0.0f;
   bool pairAlpha = false;
+  const bool interleaved = ca.step == 2;
+  const int32_t firstChannel = ca.u < ca.v ? 1 : 2;  // plane index of the channel stored first
+  UpSlots up{work->upRows, width, {-1, -1}};
+  int32_t spanCount = 0;
+  bool edgeSpans = true;
 
   for (int32_t y = 0; y < height; ++y) {
     const float gyf = clampf((y + 0.5f) / S - 0.5f, 0.0f, static_cast<float>(gh - 1));
@@ -477,6 +590,11 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
         for (int32_t g = 0; g < gw && !pairAlpha; ++g) pairAlpha = f0[4 * g] > 0.0f || f1[4 * g] > 0.0f;
       }
       minMaxRow = gy0;
+      if (S == 4) {
+        spanCount = line_spans(width, gw, cmin, cmax, work->spans);
+        edgeSpans = false;
+        for (int32_t i = 0; i < spanCount; ++i) edgeSpans = edgeSpans || work->spans[3 * i + 2] >= SPAN_EDGE;
+      }
     }
     RowInputs row = in;
     if (pairAlpha) {
@@ -484,21 +602,52 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
     if (!(rowMax * S > kBlendStart || row.front)) continue;  // the row and its chroma stay
-    lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
-    lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
+    if (S != 4 || row.front || edgeSpans) {                  // the per-block code reads the interpolated grid rows
+      lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
+      lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
+    }
     if (row.front) lerp_rows(work->front, gw, gy0, gy1, fy, 4, fv);
     uint8_t* lumaRow = luma + static_cast<size_t>(y) * width;
-    if (S == 4 && row.front) {
+    if (S == 4 && !row.front) {
+      // Span by span; chroma bytes [from, to) of the even lines take the same spans.
+      const float* r0 = up_row(&up, work, gy0, gy1, firstChannel);
+      const float* r1 = up_row(&up, work, gy1, gy0, firstChannel);
+      const bool chromaLine = (y & 1) == 0 && y / 2 < ch;
+      uint8_t* chromaRow =
+          interleaved && chromaLine ? (ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(y / 2) * ca.stride : nullptr;
+      const float cfy = clampf((y / 2 + 0.5f) * 0.5f - 0.5f, 0.0f, static_cast<float>(gh - 1)) - gy0;
+      for (int32_t i = 0; i < spanCount; ++i) {
+        const int32_t from = work->spans[3 * i], to = work->spans[3 * i + 1], kind = work->spans[3 * i + 2];
+        if (kind == SPAN_SHARP) {
+          for (int32_t x = from; x < to; ++x) tRow[x] = 0.0f;
+          continue;
+        }
+        if (kind == SPAN_FULL) {
+          stream_full(lumaRow + from, to - from, r0 + width + from, r1 + width + from, fy, tRow + from);
+          if (chromaRow != nullptr)
+            stream_full(chromaRow + from, to - from, r0 + 2 * width + from, r1 + 2 * width + from, cfy, cRow);
+          continue;
+        }
+        if (kind == SPAN_PLAIN) {
+          stream_luma(lumaRow + from, to - from, r0 + from, r1 + from, r0 + width + from, r1 + width + from, fy,
+                      tRow + from);
+          if (chromaRow != nullptr) stream_chroma(chromaRow, from, to, r0 + 2 * width, r1 + 2 * width, cfy, tRow);
+          continue;
+        }
+        prepare_block<4, 1, 4>(kind - SPAN_EDGE - 1, width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1,
+                               fy, 0, tRow, bRow, nullptr, nullptr);
+        blend_run(lumaRow + from, to - from, tRow + from, bRow + from, nullptr, nullptr);
+        if (chromaRow != nullptr) stream_chroma(chromaRow, from, to, r0 + 2 * width, r1 + 2 * width, cfy, tRow);
+      }
+      if (!chromaLine || chromaRow != nullptr) continue;
+    } else if (S == 4) {
       prepare_luma_line<true>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, aRow, fRow,
                               work->plainOnly != 0);
-    } else if (S == 4) {
-      prepare_luma_line<false>(width, gw, row, lumaRow, guideLut, coc, colour, gy0, gy1, fy, tRow, bRow, nullptr,
-                               nullptr, work->plainOnly != 0);
     } else {
       prepare_line<S, 1, S>(width, gw, row, lumaRow, nullptr, guideLut, coc, colour, gy0, gy1, fy, 0, tRow, bRow, aRow,
                             fRow);
     }
-    blend_run(lumaRow, width, tRow, bRow, row.front ? aRow : nullptr, fRow);
+    if (S != 4 || row.front) blend_run(lumaRow, width, tRow, bRow, row.front ? aRow : nullptr, fRow);
     // Chroma rows follow the even luma rows and take the blend of each block's top-left pixel.
     if ((y & 1) != 0 || y / 2 >= ch) continue;
     const int32_t cy = y / 2;
@@ -507,12 +656,10 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
     const float cfy = cyf - cy0;
     if (row.front) lerp_rows(work->front + 3, gw, cy0, cy1, cfy, 4, av);
     // Interleaved chroma: both channels into one array, blended as one run of 2 x cw bytes.
-    const bool interleaved = ca.step == 2;
     if (interleaved && !row.front) {
-      const int32_t firstChannel = ca.u < ca.v ? 1 : 2;  // plane index of the channel stored first
       lerp_rows(work->blurred + firstChannel * plane, gw, cy0, cy1, cfy, 1, bv);
       lerp_rows(work->blurred + (3 - firstChannel) * plane, gw, cy0, cy1, cfy, 1, fv);
-      prepare_chroma_line<S>(cw, gw, bv, fv, tRow, cRow, bRow, work->plainOnly != 0);
+      prepare_chroma_line(cw, gw, bv, fv, tRow, cRow, bRow);
       blend_run((ca.u < ca.v ? ca.u : ca.v) + static_cast<size_t>(cy) * ca.stride, 2 * cw, cRow, bRow, nullptr,
                 nullptr);
       continue;
@@ -646,14 +793,16 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   work->rowA = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowB = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->rowC = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
-  work->lineSum = static_cast<uint16_t*>(malloc(static_cast<size_t>(width) * sizeof(uint16_t)));
+  work->lineSum = static_cast<uint16_t*>(malloc(static_cast<size_t>(width) * 2 * sizeof(uint16_t)));
   work->linePeak = static_cast<uint8_t*>(malloc(static_cast<size_t>(width)));
   work->rowF = static_cast<float*>(malloc(static_cast<size_t>(width) * sizeof(float)));
   work->gridRows = static_cast<float*>(malloc(static_cast<size_t>(6 * (gw + 2) + 2) * sizeof(float)));
   work->weight = static_cast<uint32_t*>(malloc(plane * sizeof(uint32_t)));
-  if (!work->coc || !work->colour || !work->blurred || !work->front || !work->sat || !work->nearDilated ||
-      !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB || !work->rowC || !work->lineSum ||
-      !work->linePeak || !work->rowF || !work->gridRows) {
+  work->upRows = static_cast<float*>(malloc(static_cast<size_t>(width) * 6 * sizeof(float)));
+  work->spans = static_cast<int32_t*>(malloc(static_cast<size_t>(gw + 2) * 3 * sizeof(int32_t)));
+  if (!work->upRows || !work->spans || !work->coc || !work->colour || !work->blurred || !work->front || !work->sat ||
+      !work->nearDilated || !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB ||
+      !work->rowC || !work->lineSum || !work->linePeak || !work->rowF || !work->gridRows) {
     render_work_free(work);
     return RGL_ERR_MEMORY;
   }
@@ -677,6 +826,8 @@ void render_work_free(RenderWork* work) {
   free(work->rowF);
   free(work->gridRows);
   free(work->weight);
+  free(work->upRows);
+  free(work->spans);
   memset(work, 0, sizeof(*work));
 }
 
@@ -689,8 +840,9 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const size_t plane = static_cast<size_t>(gw) * gh;
   const float radiusPerLevel = render_max_radius(width, fNumber) / S / 255.0f;
-  float levels[kDiscLevels];
-  disc_level_radii(levels);
+  DiscTable discs;
+  disc_table(&discs);
+  const bool plain = work->plainOnly != 0;
   const ChromaAccess ca = chroma_access(chroma, width, height, chromaLayout);
   const int32_t cw = width / 2, ch = height / 2;
   float* coc = work->coc;
@@ -729,7 +881,6 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
     }
     const uint8_t* mapRow1 = map + static_cast<size_t>(my1) * mapWidth;
     for (int32_t gx = 0; gx < gw; ++gx) {
-      const int32_t x0 = gx * S;
       const float mx = mapX[gx];
       const int32_t mx0 = static_cast<int32_t>(mx), mx1 = mx0 + 1 < mapWidth ? mx0 + 1 : mx0;
       const float fmx = mx - mx0;
@@ -746,32 +897,63 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
       work->front[i] = lowest * radiusPerLevel;  // until step 3
       anyBlur = anyBlur || c > 0.0f;
-      const int32_t cols = width - x0 < S ? width - x0 : S;
-      uint32_t sum = 0, peak = 0;
-      for (int32_t dx = 0; dx < cols; ++dx) {
-        sum += lineSum[x0 + dx];
-        peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
-      }
-      const int32_t n = cols * rows;
-      colour[i] = static_cast<float>(sum) / static_cast<float>(n);
-      work->blurred[i] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
-      uint32_t su = 0, sv = 0;
-      int32_t m = 0;
-      for (int32_t dy = 0; dy < S / 2 && y0 / 2 + dy < ch; ++dy) {
-        const size_t rowOff = static_cast<size_t>(y0 / 2 + dy) * ca.stride;
-        for (int32_t dx = 0; dx < S / 2 && x0 / 2 + dx < cw; ++dx, ++m) {
-          su += ca.u[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
-          sv += ca.v[rowOff + static_cast<size_t>(x0 / 2 + dx) * ca.step];
-        }
-      }
-      colour[plane + i] = m ? static_cast<float>(su) / m : 128.0f;
-      colour[2 * plane + i] = m ? static_cast<float>(sv) / m : 128.0f;
       if (nearMask) {
         const int32_t nx = fmx < 0.5f ? mx0 : mx1, ny = fmy < 0.5f ? my0 : my1;
         const bool isNear = nearMask[static_cast<size_t>(ny) * mapWidth + nx] != 0 && c > 0.25f;
         work->nearDilated[plane + i] = isNear ? c : 0.0f;  // the near samples' own radius
         anyNear = anyNear || isNear;
       }
+    }
+    // Colour: the cell's mean luma and brightest pixel from the column sums, its chroma from the
+    // column sums of its chroma rows (both channels a whole line at a time, like the luma).
+    const int32_t full = width / S < gw ? width / S : gw;  // cells S pixels wide
+    const size_t rowStart = static_cast<size_t>(gy) * gw;
+    if (rows == S) {
+      for (int32_t gx = 0; gx < full; ++gx) {
+        uint32_t sum = 0, peak = 0;
+        for (int32_t dx = 0; dx < S; ++dx) {
+          sum += lineSum[gx * S + dx];
+          peak = linePeak[gx * S + dx] > peak ? linePeak[gx * S + dx] : peak;
+        }
+        colour[rowStart + gx] = static_cast<float>(sum) * (1.0f / (S * S));  // exact: S * S is a power of 2
+        work->blurred[rowStart + gx] = static_cast<float>(peak);  // the block's brightest pixel, until step 2
+      }
+    }
+    for (int32_t gx = rows == S ? full : 0; gx < gw; ++gx) {
+      const int32_t x0 = gx * S, cols = width - x0 < S ? width - x0 : S;
+      uint32_t sum = 0, peak = 0;
+      for (int32_t dx = 0; dx < cols; ++dx) {
+        sum += lineSum[x0 + dx];
+        peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
+      }
+      colour[rowStart + gx] = static_cast<float>(sum) / static_cast<float>(cols * rows);
+      work->blurred[rowStart + gx] = static_cast<float>(peak);
+    }
+    const int32_t cy0 = y0 / 2, crows = ch - cy0 < S / 2 ? ch - cy0 : S / 2;
+    uint16_t* chromaSum = lineSum + width;  // U samples then V samples, cw each
+    for (int32_t x = 0; x < cw; ++x) chromaSum[x] = chromaSum[cw + x] = 0;
+    for (int32_t dy = 0; dy < crows; ++dy) {
+      const uint8_t* u = ca.u + static_cast<size_t>(cy0 + dy) * ca.stride;
+      const uint8_t* v = ca.v + static_cast<size_t>(cy0 + dy) * ca.stride;
+      if (ca.step == 2) {
+        for (int32_t x = 0; x < cw; ++x) {
+          chromaSum[x] = static_cast<uint16_t>(chromaSum[x] + u[2 * x]);
+          chromaSum[cw + x] = static_cast<uint16_t>(chromaSum[cw + x] + v[2 * x]);
+        }
+      } else {
+        for (int32_t x = 0; x < cw; ++x) {
+          chromaSum[x] = static_cast<uint16_t>(chromaSum[x] + u[x]);
+          chromaSum[cw + x] = static_cast<uint16_t>(chromaSum[cw + x] + v[x]);
+        }
+      }
+    }
+    for (int32_t gx = 0; gx < gw; ++gx) {
+      const int32_t cx0 = gx * S / 2, ccols = cw - cx0 < S / 2 ? cw - cx0 : S / 2;
+      uint32_t su = 0, sv = 0;
+      for (int32_t dx = 0; dx < ccols; ++dx) su += chromaSum[cx0 + dx], sv += chromaSum[cw + cx0 + dx];
+      const int32_t m = ccols * crows;
+      colour[plane + rowStart + gx] = m > 0 ? static_cast<float>(su) / static_cast<float>(m) : 128.0f;
+      colour[2 * plane + rowStart + gx] = m > 0 ? static_cast<float>(sv) / static_cast<float>(m) : 128.0f;
     }
   }
   if (!anyBlur) return;  // nothing to blur: the frame stays as it is
@@ -793,6 +975,8 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   }
   build_sat(work->sat, weight, colour, gw, gh);
   float* blurred = work->blurred;
+  float levelRadius = -1.0f;
+  DiscLevel level{0, 0.0f};
   // Largest radius of each sample and its two row neighbours (scratch until step 3).
   float* rowMax3 = work->nearDilated;
   for (int32_t gy = 0; gy < gh; ++gy) {
@@ -820,8 +1004,11 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
         blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
         continue;
       }
-      const float r = c > 1.4142f ? sqrtf(c * c - 1.0f) : 1.0f;
-      const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, r, levels);
+      if (c != levelRadius) {  // neighbours mostly share their radius
+        levelRadius = c;
+        level = disc_level(c > 1.4142f ? sqrtf(c * c - 1.0f) : 1.0f, discs);
+      }
+      const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, level, discs, plain);
       if (d.w <= 0.0f) {
         blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
       } else {
@@ -850,7 +1037,11 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
           f[0] = f[1] = f[2] = f[3] = 0.0f;
           continue;
         }
-        const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, dil[i], levels);
+        if (dil[i] != levelRadius) {
+          levelRadius = dil[i];
+          level = disc_level(dil[i], discs);
+        }
+        const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, level, discs, plain);
         if (d.w <= 0.0f) {
           f[0] = f[1] = f[2] = f[3] = 0.0f;
           continue;

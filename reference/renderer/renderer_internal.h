@@ -75,9 +75,11 @@ struct RenderWork {
   float* rowC;         // blend weight of one chroma row (both channels when interleaved)
   float* rowF;         // premultiplied foreground of one full-resolution row
   float* gridRows;     // six padded grid rows for the row being composited
-  uint16_t* lineSum;   // luma column sums over one grid row's frame rows
+  uint16_t* lineSum;   // luma column sums over one grid row's frame rows, then its chroma column sums
   uint8_t* linePeak;   // luma column maxima over the same rows
   uint32_t* weight;    // per grid sample weight of the layer being gathered
+  float* upRows;       // 4 x 4 grid: two grid rows upsampled along the row (radius, background, chroma)
+  int32_t* spans;      // 4 x 4 grid: runs of one grid row pair's blocks, 3 words each
 };
 
 // Frames at least this wide use a grid of 4 x 4 pixel cells, narrower ones 2 x 2.
