@@ -2,8 +2,9 @@
 // frame with a 320 x 240 map, single-threaded, in one run beside memcpy of one frame; quality
 // against the synthetic scene's depth-of-field oracle, both fed the same refocus map.
 //
-//   gegl_compare [--quality-only] [--dump DIR]
+//   gegl_compare [--quality-only] [--full-hd] [--dump DIR]
 //
+// --full-hd adds the scene at 1920 x 1080 (the preview size; its oracle takes minutes).
 // --dump writes each scene's luma planes (oracle, input, both renderers, and their errors
 // against the oracle x4 around 128) and the edge band as PGM files into DIR.
 #include <gegl.h>
@@ -246,14 +247,16 @@ void quality(int32_t w, int32_t h, uint32_t seed) {
 int main(int argc, char** argv) {
   gegl_init(&argc, &argv);
   g_object_set(gegl_config(), "threads", 1, "use-opencl", FALSE, nullptr);
-  bool withSpeed = true;
+  bool withSpeed = true, fullHd = false;
   for (int i = 1; i < argc; ++i) {
     if (strcmp(argv[i], "--quality-only") == 0) {
       withSpeed = false;
+    } else if (strcmp(argv[i], "--full-hd") == 0) {
+      fullHd = true;
     } else if (strcmp(argv[i], "--dump") == 0 && i + 1 < argc) {
       g_dumpDir = argv[++i];
     } else {
-      fprintf(stderr, "usage: %s [--quality-only] [--dump DIR]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--quality-only] [--full-hd] [--dump DIR]\n", argv[0]);
       return 2;
     }
   }
@@ -261,6 +264,7 @@ int main(int argc, char** argv) {
   quality(320, 180, 5);
   quality(640, 360, 7);
   quality(960, 540, 5);
+  if (fullHd) quality(1920, 1080, 5);
   gegl_exit();
   return 0;
 }
