@@ -17,10 +17,12 @@ constexpr float kMaxGridRadius = 24.0f;
 constexpr uint32_t kCoverScale = 32;
 constexpr float kHighlightStart = 200.0f;
 constexpr float kHighlightGain = 8.0f;
-// Range of the edge guide (luma levels) and the blend ramp of the full-resolution radius.
+// Range of the edge guide (luma levels) and the blend ramp of the radius between the pixel and
+// the background layer, in grid cells: the layer's least blur is about a cell and a half, so a
+// ramp in frame pixels would leave small radii on the 4 x 4 grid blurred twice as much as asked.
 constexpr float kGuideSigma = 14.0f;
-constexpr float kBlendStart = 0.5f;  // full-resolution pixels
-constexpr float kBlendWidth = 2.5f;
+constexpr float kBlendStartCells = 0.25f;
+constexpr float kBlendWidthCells = 1.25f;
 // Grid-radius difference (grid pixels) between neighbouring samples above which the radius is
 // edge-guided rather than interpolated.
 constexpr float kGuideMinStep = 1.0f;
@@ -242,7 +244,7 @@ template <int32_t F, int32_t ostride, int32_t S>
 void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, const uint8_t* lumaRow,
                    const float* tGiven, const float* guide, const float* coc, const float* colour, int32_t gy0,
                    int32_t gy1, float fy, int32_t ooff, float* T, float* B, float* A, float* Fp) {
-  constexpr float kTScale = S / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  constexpr float kTScale = 1.0f / kBlendWidthCells, kTOffset = kBlendStartCells / kBlendWidthCells;
   // Sample x of a line with F samples per grid cell sits at grid position (x + 0.5) / F - 0.5.
   // With F even the block's samples fall between two cells at (k + 0.5) / F; with F = 1 (chroma
   // on the 2 x 2 grid) each sample sits on its cell.
@@ -278,7 +280,7 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
     float t[F];
     if (tGiven != nullptr) {
       for (int32_t k = k0; k < k1; ++k) t[k] = tGiven[2 * (x0 + k)];
-    } else if (hi * S <= kBlendStart && !front) {
+    } else if (hi <= kBlendStartCells && !front) {
       for (int32_t k = k0; k < k1; ++k) t[k] = 0.0f;
     } else {
       if (hi - lo > kGuideMinStep) {
@@ -332,7 +334,7 @@ void prepare_line(int32_t count, int32_t gw, const RowInputs& in, const uint8_t*
 // T and B. Two versions that give identical results: plain scalar code (the reference) and
 // 4-lane vector code through the compiler's generic vector types (SSE2 / NEON).
 inline void luma_block_plain(float c0, float dc, float b0, float db, float* to, float* bo) {
-  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  constexpr float kTScale = 1.0f / kBlendWidthCells, kTOffset = kBlendStartCells / kBlendWidthCells;
   for (int32_t k = 0; k < 4; ++k) {
     const float w = (k + 0.5f) / 4;
     const float v = (c0 + w * dc) * kTScale - kTOffset;
@@ -345,7 +347,7 @@ typedef float Vec4 __attribute__((vector_size(16)));
 typedef int32_t Vec4i __attribute__((vector_size(16)));
 
 inline void luma_block_vector(float c0, float dc, float b0, float db, float* to, float* bo) {
-  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  constexpr float kTScale = 1.0f / kBlendWidthCells, kTOffset = kBlendStartCells / kBlendWidthCells;
   const Vec4 w = {0.125f, 0.375f, 0.625f, 0.875f};
   const Vec4 zero = {0.0f, 0.0f, 0.0f, 0.0f}, one = {1.0f, 1.0f, 1.0f, 1.0f};
   Vec4 v = (c0 + w * dc) * kTScale - kTOffset;
@@ -427,7 +429,7 @@ void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const flo
 // Fully blurred runs (all radii past the blend ramp: t = 1) take the background alone.
 enum SpanKind : int32_t { SPAN_SHARP = 0, SPAN_PLAIN = 1, SPAN_FULL = 2, SPAN_EDGE = 3 };
 // Grid radius (4 x 4 cells) from which every interpolated weight is 1, with a margin for rounding.
-constexpr float kFullBlurRadius = (kBlendStart + kBlendWidth) / 4 + 0.01f;
+constexpr float kFullBlurRadius = kBlendStartCells + kBlendWidthCells + 0.01f;
 
 // Spans of pixels [from, to) of a line `count` wide, 3 words each (from, to, kind or, for an edge
 // block, SPAN_EDGE + block index + 1); returns their number.
@@ -439,7 +441,7 @@ int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cm
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float hi = cmax[g0] > cmax[g1] ? cmax[g0] : cmax[g1];
     const float lo = cmin[g0] < cmin[g1] ? cmin[g0] : cmin[g1];
-    const int32_t kind = hi * 4 <= kBlendStart     ? SPAN_SHARP
+    const int32_t kind = hi <= kBlendStartCells    ? SPAN_SHARP
                          : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
                          : lo >= kFullBlurRadius   ? SPAN_FULL
                                                    : SPAN_PLAIN;
@@ -482,7 +484,7 @@ void upsample_row(const float* row, int32_t gw, int32_t count, float* out) {
 // rows, blended, T kept for the chroma line. Written so that it vectorises.
 void stream_luma(uint8_t* px, int32_t n, const float* c0, const float* c1, const float* b0, const float* b1, float fy,
                  float* T) {
-  constexpr float kTScale = 4 / kBlendWidth, kTOffset = kBlendStart / kBlendWidth;
+  constexpr float kTScale = 1.0f / kBlendWidthCells, kTOffset = kBlendStartCells / kBlendWidthCells;
   for (int32_t x = 0; x < n; ++x) {
     float t = (c0[x] + fy * (c1[x] - c0[x])) * kTScale - kTOffset;
     t = t > 0.0f ? (t > 1.0f ? 1.0f : t) : 0.0f;
@@ -601,8 +603,8 @@ void composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t 
       lerp_rows(work->front + 3, gw, gy0, gy1, fy, 4, av);
       for (int32_t g = 0; g < gw && !row.front; ++g) row.front = av[g] > 0.0f;
     }
-    if (!(rowMax * S > kBlendStart || row.front)) continue;  // the row and its chroma stay
-    if (S != 4 || row.front || edgeSpans) {                  // the per-block code reads the interpolated grid rows
+    if (!(rowMax > kBlendStartCells || row.front)) continue;  // the row and its chroma stay
+    if (S != 4 || row.front || edgeSpans) {                   // the per-block code reads the interpolated grid rows
       lerp_rows(coc, gw, gy0, gy1, fy, 1, cv);
       lerp_rows(work->blurred, gw, gy0, gy1, fy, 1, bv);
     }
@@ -1000,7 +1002,7 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       const float* down = rowMax3 + static_cast<size_t>(gy + 1 < gh ? gy + 1 : gy) * gw;
       float around = rowMax3[i] > up[gx] ? rowMax3[i] : up[gx];
       around = down[gx] > around ? down[gx] : around;
-      if (around * S <= kBlendStart) {
+      if (around <= kBlendStartCells) {
         blurred[i] = colour[i], blurred[plane + i] = colour[plane + i], blurred[2 * plane + i] = colour[2 * plane + i];
         continue;
       }

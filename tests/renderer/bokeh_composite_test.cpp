@@ -52,7 +52,7 @@ TEST(RenderComposite, FourByFourGridMatchesAPerPixelRecomputation) {
     const size_t plane = static_cast<size_t>(gw) * gh;
     auto weight = [&](int32_t x, int32_t y) {
       const float c = grid_at(work.coc, gw, gh, (x + 0.5f) / 4 - 0.5f, (y + 0.5f) / 4 - 0.5f);
-      return std::fmin(std::fmax((c * 4 - 0.5f) / 2.5f, 0.0f), 1.0f);
+      return std::fmin(std::fmax((c - 0.25f) / 1.25f, 0.0f), 1.0f);  // ramp over 0.25 .. 1.5 cells
     };
     auto guided = [&](int32_t x, int32_t y) {
       return radius_spread(work.coc, gw, gh, (x + 0.5f) / 4 - 0.5f, (y + 0.5f) / 4 - 0.5f) > 0.9f;

@@ -182,3 +182,52 @@ TEST(RendererQuality, GeneratedMapFromTrueDepthMatchesTheOracle) {
 }
 
 }  // namespace
+
+namespace {
+
+// Response of the renderer to a diagonal sine of period `period` px under a uniform map: the
+// output's amplitude at that frequency over the input's (sign kept), measured over the centre.
+double sine_response(int32_t w, int32_t h, uint8_t mapValue, double period) {
+  const int32_t mw = 320, mh = 240;
+  std::vector<uint8_t> frame(static_cast<size_t>(w) * h * 3 / 2, 128), map(mw * mh, mapValue);
+  const double k = 2.0 * M_PI / period / std::sqrt(2.0);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x)
+      frame[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(std::lround(128.0 + 60.0 * std::sin(k * (x + y))));
+  EXPECT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, 0, 0));
+  EXPECT_EQ(RGL_OK, vmKtrRT_GLStartV1(frame.data(), frame.data() + static_cast<size_t>(w) * h, map.data(), mw / 2,
+                                      mh / 2, kFNumber, 0, 0, 0, w, h));
+  vmKtrRT_GLClose();
+  double s = 0, c = 0;
+  int64_t n = 0;
+  for (int32_t y = h / 4; y < 3 * h / 4; ++y)
+    for (int32_t x = w / 4; x < 3 * w / 4; ++x, ++n) {
+      const double v = frame[static_cast<size_t>(y) * w + x] - 128.0;
+      s += v * std::sin(k * (x + y)), c += v * std::cos(k * (x + y));
+    }
+  return (s >= 0 ? 2.0 : -2.0) * std::hypot(s, c) / static_cast<double>(n) / 60.0;
+}
+
+// A round lens of radius R passes a sine of period P with 2 J1(z) / z, z = 2 pi R / P. Small and
+// mid radii on both grid scales must blur like that lens: the blend between the pixel and the
+// background layer once left small radii on the 4 x 4 grid blurred about twice as much.
+TEST(RenderLensResponse, UniformMapBlursLikeARoundLensOfItsRadius) {
+  for (int32_t w : {960, 1920}) {
+    const int32_t h = w * 9 / 16;
+    for (uint8_t m : {20, 30, 45, 90}) {
+      const double radius = m / 255.0 * render_max_radius(w, kFNumber);
+      // Inside the blend ramp (up to 1.5 grid cells: 3 px at 960 wide, 6 px at 1920) the pixel is
+      // mixed with the background layer, which matches the lens at long periods only.
+      const double cell = w >= 1280 ? 4.0 : 2.0;
+      if (radius < 0.75 * cell) continue;
+      for (double periods : {2.5, 4.0}) {
+        if (periods < 4.0 && radius < 1.5 * cell) continue;
+        const double z = 2.0 * M_PI / periods;
+        const double lens = 2.0 * j1(z) / z, got = sine_response(w, h, m, radius * periods);
+        EXPECT_NEAR(got, lens, 0.06) << "width " << w << " radius " << radius << " period " << radius * periods;
+      }
+    }
+  }
+}
+
+}  // namespace
