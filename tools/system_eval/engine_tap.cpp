@@ -130,8 +130,8 @@ using Init = int32_t (*)(const uint8_t*, int32_t, const uint8_t*, int32_t, int32
 using Init11 = int32_t (*)(const uint8_t*, int32_t, const uint8_t*, int32_t, int32_t, int32_t, int32_t, int32_t,
                            int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, uint32_t);
 
-int32_t gen_map(GenMap next, uint8_t* mapOut, const uint16_t* depth, int32_t focusX, int32_t focusY,
-                uint16_t* depthMin, uint16_t* depthMax, uint16_t* depthTarget) {
+int32_t gen_map(GenMap next, uint8_t* mapOut, const uint16_t* depth, int32_t focusX, int32_t focusY, uint16_t* depthMin,
+                uint16_t* depthMax, uint16_t* depthTarget) {
   const int32_t r = next(mapOut, depth, focusX, focusY, depthMin, depthMax, depthTarget);
   if (r == 0 && g_tap.active.load() != 0 && depthTarget != nullptr)
     remember_map(mapOut, depth, focusX, focusY, *depthTarget);
@@ -246,10 +246,9 @@ extern "C" int32_t vmKtrRT_GenRefocusMap_VX4810_DispartyBase(uint8_t* mapOut, co
   return gen_map(next, mapOut, depth, focusX, focusY, depthMin, depthMax, depthTarget);
 }
 
-extern "C" int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, const uint8_t* refocusMap,
-                                     int32_t focusX, int32_t focusY, float fNumber, int32_t noMapFlag,
-                                     int32_t regionLeft, int32_t regionTop, int32_t regionRight,
-                                     int32_t regionBottom) {
+extern "C" int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, const uint8_t* refocusMap, int32_t focusX,
+                                     int32_t focusY, float fNumber, int32_t noMapFlag, int32_t regionLeft,
+                                     int32_t regionTop, int32_t regionRight, int32_t regionBottom) {
   static const Start next = reinterpret_cast<Start>(next_symbol("vmKtrRT_GLStartV1"));
   if (g_tap.active.load() != 0) {
     const size_t mapSize = size_t(g_tap.refocusWidth) * size_t(g_tap.refocusHeight);
@@ -259,13 +258,21 @@ extern "C" int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, con
     if (refocusMap != nullptr && noMapFlag == 0 && mapSize > 0) {
       const uint64_t h = hash_bytes(refocusMap, mapSize);
       d.mapHash = h;
+      bool found = false;
       for (const MapRecord& r : g_tap.maps)
         if (!r.depth.empty() && r.hash == h) {
           d.depthFrame = r.depthFrame;
           d.focusX = r.focusX, d.focusY = r.focusY, d.target = r.target;
           d.depth = r.depth;
+          found = true;
           break;
         }
+      // A map held for long may have left the ring of made maps; the last frame drew it too.
+      if (!found && g_tap.last.mapHash == h) {
+        const int32_t submitted = d.submitted;
+        d = g_tap.last;
+        d.submitted = submitted;
+      }
     }
     g_tap.last = d;
     pthread_mutex_unlock(&g_tap.mutex);
@@ -277,8 +284,8 @@ extern "C" int32_t vmKtrRT_GLStartV1(uint8_t* mainLuma, uint8_t* mainChroma, con
 extern "C" int32_t vmKtrRT_GLInitV1(const uint8_t* calibA, int32_t sizeA, const uint8_t* calibB, int32_t sizeB,
                                     int32_t previewWidth, int32_t previewHeight, int32_t depthWidth,
                                     int32_t depthHeight, int32_t refocusWidth, int32_t refocusHeight,
-                                    int32_t screenWidth, int32_t screenHeight, int32_t isPortrait,
-                                    int32_t isOffRender, int32_t imageFormat, int32_t isGB) {
+                                    int32_t screenWidth, int32_t screenHeight, int32_t isPortrait, int32_t isOffRender,
+                                    int32_t imageFormat, int32_t isGB) {
   static const Init next = reinterpret_cast<Init>(next_symbol("vmKtrRT_GLInitV1"));
   g_tap.refocusWidth = refocusWidth, g_tap.refocusHeight = refocusHeight;
   return next(calibA, sizeA, calibB, sizeB, previewWidth, previewHeight, depthWidth, depthHeight, refocusWidth,

@@ -12,20 +12,20 @@
 
 // What drew one frame of the system's run.
 struct TapDraw {
-  int32_t submitted = -1;   // the frame index the tool passed to this run call
-  int32_t depthFrame = -1;  // the preview frame the map's depth came from; -1 when no map or unknown
-  int32_t focusX = 0, focusY = 0;       // the focus point the map was made for, on the depth grid
-  uint16_t target = 0;                  // the generator's focus depth for that map
-  uint64_t mapHash = 0;                 // the drawn map's contents (0 when no map)
-  std::vector<uint16_t> depth;          // the depth the map was made from (empty when no map)
+  int32_t submitted = -1;          // the frame index the tool passed to this run call
+  int32_t depthFrame = -1;         // the preview frame the map's depth came from; -1 when no map or unknown
+  int32_t focusX = 0, focusY = 0;  // the focus point the map was made for, on the depth grid
+  uint16_t target = 0;             // the generator's focus depth for that map
+  uint64_t mapHash = 0;            // the drawn map's contents (0 when no map)
+  std::vector<uint16_t> depth;     // the depth the map was made from (empty when no map)
 };
 
 // Counts over one watched run.
 struct TapCounts {
-  int32_t engineRuns = 0;     // depth engine calls
-  int32_t filterRuns = 0;     // temporal filter calls
-  int32_t mapsMade = 0;       // refocus maps the generator wrote
-  int32_t unknownDepth = 0;   // generator calls on depth the tap did not see produced
+  int32_t engineRuns = 0;    // depth engine calls
+  int32_t filterRuns = 0;    // temporal filter calls
+  int32_t mapsMade = 0;      // refocus maps the generator wrote
+  int32_t unknownDepth = 0;  // generator calls on depth the tap did not see produced
 };
 
 // Starts watching. `lumaSmall[i]` is frame i's luma at the depth size (box-averaged), used to tell

@@ -651,6 +651,14 @@ int main(int argc, char** argv) {
       fprintf(stderr, "%s: the system drew no measured frame with a refocus map\n", q.name);
       pass = false;
     }
+    // The breakdown stands on the replay: fed what each drawn map was made of, the renderer alone
+    // must draw what the system drew.
+    const double replayOff = fabs(r.b.replay.psnr() - r.system.psnr());
+    if (r.b.unknown > 0 || replayOff > 0.05) {
+      fprintf(stderr, "%s: the replay of the system's maps is %.2f dB off (%d drawn maps not traced)\n", q.name,
+              replayOff, r.b.unknown);
+      pass = false;
+    }
     if (o.maxGap >= 0 && gap > double(o.maxGap)) {
       fprintf(stderr, "%s: system %.2f dB under the ground-truth render (bound %.2f)\n", q.name, gap, double(o.maxGap));
       pass = false;
