@@ -19,10 +19,6 @@ void sort_small(uint16_t* v, int32_t n) {
   }
 }
 
-inline uint16_t scaled(uint16_t sample, int32_t factor) {
-  return sample >= kDepthInvalid ? kDepthInvalid : static_cast<uint16_t>(sample * factor);
-}
-
 // Fills the invalid runs of one line (count samples, step apart) with the farther (smaller) of
 // the valid samples at the run's two ends, or the one that exists.
 void fill_line(uint16_t* line, int32_t count, int32_t step) {
@@ -157,13 +153,13 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
   *depthMax = hi;
   *depthTarget = target;
 
-  // Chip disparity arrives as 8-bit samples (0..255) or 10-bit ones; 8-bit content is scaled to
-  // the 10-bit range so that both keep one meaning.
-  const int32_t factor = (chip && hi <= 255) ? 4 : 1;
+  // Chip disparity keeps the depth sample's meaning whether the chip sent 8-bit or 10-bit samples:
+  // the system widens 8-bit samples as they are, and the sample width cannot be told from the
+  // values (a 10-bit map of a scene with little disparity holds only values under 256).
   const int32_t scale = chip ? kDefaultDisparityScale : s.disparityScale;
   const int32_t band = scale / 2;
   const int32_t span = scale * w / kFullBlurDivisor > 0 ? scale * w / kFullBlurDivisor : 1;
-  const int32_t focusValue = target * factor;
+  const int32_t focusValue = target;
 
   const int32_t mw = s.refocusWidth, mh = s.refocusHeight;
   uint16_t* filled = s.fillScratch;
@@ -185,7 +181,7 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
 
   uint8_t* nearMask = rec->nearMask;
   for (size_t i = 0; i < mapSize; ++i) {
-    const int32_t d = scaled(filled[i], factor);
+    const int32_t d = filled[i];
     const int32_t diff = d - focusValue;
     mapOut[i] = refocus_map_value(diff, band, span);
     nearMask[i] = diff > band ? 1 : 0;

@@ -1,8 +1,11 @@
 // system_eval.cpp - vm_system_eval: end-to-end bokeh quality of the whole system (stereo depth
-// engine, temporal filter and renderer behind the five exported functions) on synthetic
-// sequences, against the scenes' depth-of-field oracle, beside the renderer alone fed the
-// ground-truth refocus map (the map generator fed true disparity). Prints a table of luma PSNR,
-// over the whole frame and in a band around depth edges.
+// engine or depth chip with the temporal filter, and renderer, behind the five exported functions)
+// on synthetic sequences, against the scenes' depth-of-field oracle, beside the renderer alone fed
+// the ground-truth refocus map (the map generator fed true disparity). Prints a table of luma PSNR,
+// over the whole frame and in a band around depth edges, and per sequence a breakdown of the gap:
+// the renderer alone fed, in turn, what each drawn map was made of, true depth at the lag the
+// system had, the stereo engine's depth of the frame itself and true depth a fixed number of frames
+// old; with the lag, the policy's states and hold-back verdicts, depth and focus errors.
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -10,13 +13,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <vector>
 
 #include "calib_block.h"
+#include "engine_tap.h"
 #include "engines.h"
 #include "synth_scene.h"
 #include "vmKtrRT_SC.h"
+#include "vm_host_platform.h"
 
 namespace {
 
@@ -31,12 +37,16 @@ struct Options {
   float maxGap = -1.0f;        // luma PSNR the system may lose against the ground-truth render
   float maxBandGap = -1.0f;    // the same in the edge band
   int32_t settle = 10;         // frames of the preview after the first map before measuring
-  int32_t temporalFilter = 1;  // both reference depth engines: stereo engine and temporal filter
+  int32_t temporalFilter = 1;  // the temporal filter on chip depth (the system runs it on chip depth only)
+  int32_t withChip = 1;        // also the moving figure with depth from the chip
+  int32_t trace = 0;           // print, per measured frame, which depth frame drew it
+  int32_t chip = 0;            // set per sequence: depth from the chip
 };
 
 struct Sequence {
   const char* name;
   int32_t motion;
+  int32_t chip;  // depth from the depth chip: each frame's chip map is the stereo engine's depth of it
 };
 
 // Squared-error sums over all frames of a sequence: PSNR of the pooled mean.
@@ -57,12 +67,49 @@ struct ErrorSum {
   }
 };
 
+// The breakdown: the renderer alone fed, frame by frame, what the system's map was made of (its
+// depth and focus point: "replay"), the true depth of the frame that depth came from ("truth at the
+// system's lag"), and the stereo engine's depth of the frame itself ("engine in step").
+struct Breakdown {
+  ErrorSum replay, replayBand, lagged, laggedBand, engine, engineBand;
+  ErrorSum lag1, lag1Band, lag2, lag2Band;  // true depth one and two frames old, focus point of the frame
+  int32_t lagSum = 0, lagFrames = 0, lagMin = 1 << 30, lagMax = -1;
+  int32_t stateFrames[6] = {0, 0, 0, 0, 0, 0};  // measured frames per policy state after the update
+  int32_t mapChanges = 0;                       // measured frames drawn with another map than the frame before
+  int32_t heldSimilar = 0;                      // new maps the hold-back check found like the drawn one (thrown away)
+  int32_t differing = 0;                        // new maps it found different
+  int32_t engineRuns = 0;                       // depth engine calls while the measured frames ran
+  int32_t mapsMade = 0;                         // refocus maps made meanwhile
+  int32_t filterRuns = 0;                       // temporal filter calls meanwhile
+  int32_t unknown = 0;                          // measured frames drawn with a map the tap could not trace
+  // Published depth against the true disparity of the frame it came from, in pixels of the depth
+  // grid: all valid samples, and those near a depth edge.
+  double depthErr = 0, depthErrBand = 0, depthN = 0, depthNBand = 0, depthBad = 0, depthBadBand = 0, invalid = 0;
+  double focusErr = 0, focusN = 0;  // |system focus depth - true focus depth|, pixels
+};
+
 struct Result {
   ErrorSum system, truth, sharp, systemBand, truthBand, sharpBand;
+  Breakdown b;
   int32_t rendered = 0;  // measured frames the system drew with a refocus map
   int32_t warmup = 0;    // calls before the first map
   bool ok = true;
 };
+
+// The system's trace lines tell the policy state and the hold-back check's verdicts.
+struct PolicyWatch {
+  std::atomic<int32_t> state{-1};
+  std::atomic<int32_t> similar{0}, differing{0};
+};
+PolicyWatch g_watch;
+
+void on_log_line(void*, int, const char*, const char* message) {
+  const char* p = strstr(message, "current state [");
+  int32_t v = 0;
+  if (p != nullptr && sscanf(p, "current state [%d]", &v) == 1) g_watch.state.store(v);
+  p = strstr(message, "RM check result = ");
+  if (p != nullptr && sscanf(p, "RM check result = %d", &v) == 1) (v == 1 ? g_watch.similar : g_watch.differing)++;
+}
 
 // The figure's torso centre in frame `frame`, projected into the main view (pixels).
 bool figure_pixel(const SceneSpec& s, int32_t frame, int32_t w, int32_t h, float* px, float* py) {
@@ -123,8 +170,83 @@ void edge_band(const std::vector<float>& disparity, int32_t w, int32_t h, int32_
 struct Frame {
   std::vector<uint8_t> main, sub, oracle;
   std::vector<uint16_t> truthDepth;  // true disparity as depth samples (1/S pixel of the depth grid)
-  std::vector<uint8_t> band;
+  std::vector<float> truthSmall;     // true disparity on the depth grid, pixels
+  std::vector<uint8_t> band, bandSmall;
+  std::vector<uint16_t> engineDepth;                 // the stereo engine's depth of this frame itself
+  TapDraw draw;                                      // what the system drew this frame with
   int32_t left = 0, top = 0, right = 0, bottom = 0;  // focus region on the figure
+};
+
+// One plane of an NV21 frame sampled at the depth grid as the system samples it for the depth
+// engine (nearest, the top-left sample of each block): luma, or chroma channel 1 (U) / 2 (V).
+void sample_plane(const std::vector<uint8_t>& nv21, int32_t w, int32_t h, int32_t wd, int32_t hd, int32_t channel,
+                  uint8_t* out) {
+  const size_t n = size_t(w) * size_t(h);
+  for (int32_t y = 0; y < hd; ++y)
+    for (int32_t x = 0; x < wd; ++x) {
+      const int32_t sx = int32_t(int64_t(x) * w / wd), sy = int32_t(int64_t(y) * h / hd);
+      uint8_t v;
+      if (channel == 0)
+        v = nv21[size_t(sy) * size_t(w) + size_t(sx)];
+      else
+        v = nv21[n + size_t(sy / 2) * size_t(w) + size_t(sx / 2) * 2 + (channel == 1 ? 1 : 0)];
+      out[size_t(y) * size_t(wd) + size_t(x)] = v;
+    }
+}
+
+// The stereo engine run by the tool on each frame itself, set up as the system sets it up for a
+// landscape session (layout 2). Leaves engineDepth empty when the engine refuses.
+void engine_in_step(const Options& o, const std::vector<uint8_t>& calib, std::vector<Frame>* frames) {
+  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
+  const size_t nd = size_t(Wd) * size_t(Hd);
+  if (vmDpx2_CameraLayout_Set_LV(2) != 0 || vmDpx2RT_FieldofDepth_Set(1) != 0 ||
+      vmDpx2_Express_Init(calib.data(), int32_t(calib.size()), Wd, Hd, nullptr, 0) != 0) {
+    fprintf(stderr, "the stereo engine refused its set-up: no engine-in-step row\n");
+    vmDpx2_Express_Close();
+    return;
+  }
+  std::vector<uint8_t> planes[2];
+  for (Frame& f : *frames) {
+    DpxImage img[2];
+    for (int32_t c = 0; c < 2; ++c) {
+      planes[c].resize(nd * 3);
+      const std::vector<uint8_t>& src = c == 0 ? f.main : f.sub;
+      memset(&img[c], 0, sizeof img[c]);
+      img[c].format = DPX_IMAGE_FORMAT_YUV444_PLANAR;
+      for (int32_t p = 0; p < 3; ++p) {
+        sample_plane(src, W, H, Wd, Hd, p, planes[c].data() + size_t(p) * nd);
+        img[c].plane[p] = planes[c].data() + size_t(p) * nd;
+      }
+    }
+    f.engineDepth.resize(nd);
+    if (vmDpx2_Run_Express(f.engineDepth.data(), &img[0], &img[1], 300, 300) != 0) f.engineDepth.clear();
+  }
+  vmDpx2_Express_Close();
+}
+
+// Published depth against the true disparity of its own frame (pixels of the depth grid).
+void depth_errors(const TapDraw& d, const Frame& src, int32_t scale, Breakdown* b) {
+  if (d.depth.size() != src.truthSmall.size() || scale <= 0) return;
+  for (size_t i = 0; i < d.depth.size(); ++i) {
+    const float t = src.truthSmall[i];
+    if (!isfinite(t)) continue;
+    if (d.depth[i] >= 1023) {
+      b->invalid += 1;
+      continue;
+    }
+    const double e = fabs(double(d.depth[i]) / scale - double(t));
+    b->depthErr += e, b->depthN += 1, b->depthBad += e > 1.0 ? 1 : 0;
+    if (src.bandSmall[i]) b->depthErrBand += e, b->depthNBand += 1, b->depthBadBand += e > 1.0 ? 1 : 0;
+  }
+}
+
+// A sequence's frames, oracle and truths, made once and measured in every depth mode.
+struct Prepared {
+  bool ok = false;
+  std::vector<Frame> frames;
+  std::vector<std::vector<uint8_t>> lumaSmall;  // each frame's luma as the depth engine sees it
+  std::vector<uint8_t> calib;
+  CalibBlock cb;
 };
 
 InitData init_data(const Options& o, const std::vector<uint8_t>& calib) {
@@ -135,7 +257,7 @@ InitData init_data(const Options& o, const std::vector<uint8_t>& calib) {
   init.previewMainHeight = init.previewMainScanline = init.previewSubHeight = init.previewSubScanline = o.height;
   init.depthWidth = o.depthWidth;
   init.depthHeight = o.depthHeight;
-  init.cameraLayout = 2;
+  init.cameraLayout = o.chip ? 2 | 0x10 | 0x20 : 2;  // the chip's samples: 10-bit
   init.otpData = calib.data();
   init.otpSize = int32_t(calib.size());
   init.OffRender = 1;
@@ -143,7 +265,7 @@ InitData init_data(const Options& o, const std::vector<uint8_t>& calib) {
   return init;
 }
 
-TriggerData trigger(const Options& o, const Frame& f, uint8_t* work, uint8_t* sub) {
+TriggerData trigger(const Options& o, const Frame& f, uint8_t* work, const uint8_t* sub) {
   TriggerData t{};
   t.vcmMain = t.vcmSub = 300;
   t.fnumber = o.fNumber;
@@ -155,19 +277,25 @@ TriggerData trigger(const Options& o, const Frame& f, uint8_t* work, uint8_t* su
   t.mainImage.data = work;
   t.mainImage.plane2 = work + n;
   t.mainImage.size = int32_t(n * 3 / 2);
-  t.subImage.data = sub;
-  t.subImage.plane2 = sub + n;
+  if (o.chip) {
+    // The chip's map arrives in the sub image's place: 16-bit samples of the depth size.
+    t.subImage.data = const_cast<uint8_t*>(reinterpret_cast<const uint8_t*>(f.engineDepth.data()));
+    t.subImage.size = int32_t(f.engineDepth.size() * 2);
+    return t;
+  }
+  t.subImage.data = const_cast<uint8_t*>(sub);
+  t.subImage.plane2 = const_cast<uint8_t*>(sub) + n;
   t.subImage.size = int32_t(n * 3 / 2);
   return t;
 }
 
-Result run_sequence(const Options& o, const Sequence& q) {
-  Result res;
+// Renders the frames, their oracle and truths, and the stereo engine's depth of each frame.
+bool prepare(const Options& o, const char* name, int32_t motion, Prepared* out) {
   SceneSpec s;
   scene_default(&s, o.seed);
   s.noiseSigma = 1.0f;
-  s.motion = q.motion;
-  s.motionAmount = q.motion == SCENE_OBJECT ? o.objectSpeed : 0.0f;
+  s.motion = motion;
+  s.motionAmount = motion == SCENE_OBJECT ? o.objectSpeed : 0.0f;
   // The renderer's blur: radius = map / 255 x 0.03 W x 1.4 / f, the generator's map 255 at W_d / 40
   // depth pixels of disparity, so 1.68 / f frame pixels of blur per frame pixel of disparity. A
   // thin lens blurs (aperture radius / baseline) per pixel of disparity with aperture radius
@@ -176,16 +304,20 @@ Result run_sequence(const Options& o, const Sequence& q) {
 
   const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
   const size_t n = size_t(W) * size_t(H), nd = size_t(Wd) * size_t(Hd);
-  std::vector<uint8_t> calib(CALIB_BLOCK_SIZE);
-  CalibBlock cb;
+  std::vector<uint8_t>& calib = out->calib;
+  CalibBlock& cb = out->cb;
+  calib.resize(CALIB_BLOCK_SIZE);
   if (scene_calibration(&s, W, H, W, H, calib.data(), CALIB_BLOCK_SIZE) != 0 ||
       calib_block_read(calib.data(), calib.size(), &cb) != CALIB_OK) {
-    fprintf(stderr, "%s: no calibration block\n", q.name);
-    res.ok = false;
-    return res;
+    fprintf(stderr, "%s: no calibration block\n", name);
+    return false;
   }
   const int32_t reach = std::max(1, (16 * W + 1919) / 1920);  // 16 pixels at 1920 wide, scaled
-  std::vector<Frame> frames(size_t(o.frames));
+  const int32_t reachSmall = std::max(1, (reach * Wd + W - 1) / W);
+  std::vector<Frame>& frames = out->frames;
+  std::vector<std::vector<uint8_t>>& lumaSmall = out->lumaSmall;
+  frames.assign(size_t(o.frames), Frame());
+  lumaSmall.assign(size_t(o.frames), std::vector<uint8_t>());
   std::vector<float> depthFull(n), dispFull(n), dispSmall(nd);
   for (int32_t i = 0; i < o.frames; ++i) {
     Frame& f = frames[size_t(i)];
@@ -199,9 +331,8 @@ Result run_sequence(const Options& o, const Sequence& q) {
     scene_truth_disparity(&s, i, Wd, Hd, dispSmall.data());
     float fx, fy;
     if (!figure_pixel(s, i, W, H, &fx, &fy)) {
-      fprintf(stderr, "%s: the figure leaves the frame at frame %d\n", q.name, i);
-      res.ok = false;
-      return res;
+      fprintf(stderr, "%s: the figure leaves the frame at frame %d\n", name, i);
+      return false;
     }
     const int32_t cx = int32_t(fx), cy = int32_t(fy), half = std::max(2, W / 48);
     f.left = std::max(0, cx - half), f.right = std::min(W - 1, cx + half);
@@ -210,28 +341,60 @@ Result run_sequence(const Options& o, const Sequence& q) {
     const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
     const float focusMm = focus_depth(depthFull, W, H, px, py);
     if (!(focusMm > 0) || scene_render_dof_nv21(&s, i, W, H, focusMm, o.fNumber, o.lensSamples, f.oracle.data()) != 0) {
-      fprintf(stderr, "%s: no oracle for frame %d\n", q.name, i);
-      res.ok = false;
-      return res;
+      fprintf(stderr, "%s: no oracle for frame %d\n", name, i);
+      return false;
     }
     f.truthDepth.resize(nd);
     for (size_t k = 0; k < nd; ++k) {
       const float d = isfinite(dispSmall[k]) ? dispSmall[k] * float(cb.disparityScale) + 0.5f : 0.0f;
       f.truthDepth[k] = uint16_t(std::min(1022.0f, std::max(0.0f, d)));
     }
+    f.truthSmall = dispSmall;
     edge_band(dispFull, W, H, reach, &f.band);
+    edge_band(dispSmall, Wd, Hd, reachSmall, &f.bandSmall);
+    lumaSmall[size_t(i)].resize(nd);
+    sample_plane(f.main, W, H, Wd, Hd, 0, lumaSmall[size_t(i)].data());
   }
+  // The stereo engine alone on every frame: the engine-in-step row, and the depth chip's maps.
+  engine_in_step(o, calib, &frames);
+  out->ok = true;
+  return true;
+}
+
+Result run_sequence(const Options& o, const Sequence& q, Prepared* prep) {
+  Result res;
+  std::vector<Frame>& frames = prep->frames;
+  const std::vector<uint8_t>& calib = prep->calib;
+  const CalibBlock& cb = prep->cb;
+  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
+  const size_t n = size_t(W) * size_t(H);
+  // The renderer as the system sets it up: chip sessions make maps of the depth size.
+  const int32_t mapW = o.chip ? Wd : 320, mapH = o.chip ? Hd : 240;
+  if (o.chip && frames[0].engineDepth.empty()) {
+    fprintf(stderr, "%s: no stereo depth for the chip's maps\n", q.name);
+    res.ok = false;
+    return res;
+  }
+  for (Frame& f : frames) f.draw = TapDraw();
   const std::vector<uint8_t> all(n, 1);
 
   // (a) The whole system through its five exported functions. A preview runs before the
   // sequence starts: frame 0 repeats until the first frame drawn with a refocus map, then for
   // `settle` frames more (the temporal filter and the policy settle as on a phone's preview).
+  tap_begin(&prep->lumaSmall, Wd, Hd);
+  if (o.chip)
+    for (int32_t i = 0; i < o.frames; ++i) tap_remember_depth(frames[size_t(i)].engineDepth.data(), i);
+  g_watch.state.store(-1), g_watch.similar.store(0), g_watch.differing.store(0);
+  vm_host_log_set_hook(on_log_line, nullptr);
+  vm_host_property_set("persist.vm.log.ktrrt.sc", "2");  // trace lines, read at Init
   if (vmKtrRT_SC_Init(init_data(o, calib)) != 0) {
     fprintf(stderr, "%s: vmKtrRT_SC_Init refused\n", q.name);
+    tap_end();
     res.ok = false;
     return res;
   }
   std::vector<uint8_t> work(n * 3 / 2);
+  tap_submit(0);
   for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
     work = frames[0].main;
     const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, frames[0], work.data(), frames[0].sub.data())));
@@ -239,11 +402,26 @@ Result run_sequence(const Options& o, const Sequence& q) {
     if (after >= 0) ++after;
     usleep(useconds_t(o.paceMs) * 1000u);
   }
+  const TapCounts before = tap_counts();
+  const int32_t similarBefore = g_watch.similar.load(), differingBefore = g_watch.differing.load();
+  tap_take_engine_frames();  // the preview's own runs are not traced
   for (int32_t i = 0; i < o.frames; ++i) {
     Frame& f = frames[size_t(i)];
     usleep(useconds_t(o.paceMs) * 1000u);
     work = f.main;
+    tap_submit(i);
     const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, f, work.data(), f.sub.data())));
+    f.draw = tap_last_draw();
+    const int32_t state = g_watch.state.load();
+    if (state >= 0 && state <= 5) res.b.stateFrames[state] += 1;
+    if (i > 0 && f.draw.mapHash != frames[size_t(i - 1)].draw.mapHash) res.b.mapChanges += 1;
+    if (o.trace) {
+      const std::vector<int32_t> ran = tap_take_engine_frames();
+      printf("  %s frame %d: region %d..%d x %d..%d, code %d, policy state %d, drawn from depth of frame %d;", q.name,
+             i, f.left, f.right, f.top, f.bottom, r, state, f.draw.depthFrame);
+      for (int32_t e : ran) printf(" engine ran on %d", e);
+      printf("\n");
+    }
     if (r < 0) fprintf(stderr, "%s: renderer code 0x%x at frame %d\n", q.name, unsigned(-r), i);
     res.rendered += r == 0 ? 1 : 0;
     res.system.add(work.data(), f.oracle.data(), all);
@@ -251,10 +429,21 @@ Result run_sequence(const Options& o, const Sequence& q) {
     res.sharp.add(f.main.data(), f.oracle.data(), all);
     res.sharpBand.add(f.main.data(), f.oracle.data(), f.band);
   }
+  const TapCounts after = tap_counts();
   vmKtrRT_SC_Deinit();
+  tap_end();
+  vm_host_log_set_hook(nullptr, nullptr);
+  vm_host_property_set("persist.vm.log.ktrrt.sc", nullptr);
+  Breakdown& b = res.b;
+  b.heldSimilar = g_watch.similar.load() - similarBefore;
+  b.differing = g_watch.differing.load() - differingBefore;
+  b.engineRuns = after.engineRuns - before.engineRuns;
+  b.mapsMade = after.mapsMade - before.mapsMade;
+  b.filterRuns = after.filterRuns - before.filterRuns;
 
-  // (b) The renderer alone, set up as the system sets it up, its generator fed true disparity.
-  if (vmKtrRT_GLInitV1(calib.data(), int32_t(calib.size()), nullptr, 0, W, H, Wd, Hd, 320, 240, 1080, 2340, 0, 1, 0,
+  // (b) The renderer alone, set up as the system sets it up, its generator fed true disparity and
+  // then each of the breakdown's inputs.
+  if (vmKtrRT_GLInitV1(calib.data(), int32_t(calib.size()), nullptr, 0, W, H, Wd, Hd, mapW, mapH, 1080, 2340, 0, 1, 0,
                        0) != 0 ||
       vmKtrRT_GenRefocusMap_init() != 0) {
     fprintf(stderr, "%s: the renderer refused its set-up\n", q.name);
@@ -262,22 +451,50 @@ Result run_sequence(const Options& o, const Sequence& q) {
     res.ok = false;
     return res;
   }
-  std::vector<uint8_t> map(320 * 240);
+  std::vector<uint8_t> map(size_t(mapW) * size_t(mapH));
+  const auto generate = o.chip ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase : vmKtrRT_GenRefocusMap;
   for (int32_t i = 0; i < o.frames; ++i) {
     Frame& f = frames[size_t(i)];
     const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
     // The system's own mapping of the focus point onto the depth grid (landscape session).
     const int32_t dx = int32_t(int64_t(px) * Wd / W), dy = int32_t(int64_t(py) * Hd / H);
-    uint16_t lo, hi, target;
-    work = f.main;
-    if (vmKtrRT_GenRefocusMap(map.data(), f.truthDepth.data(), dx, dy, &lo, &hi, &target) != 0 ||
-        vmKtrRT_GLStartV1(work.data(), work.data() + n, map.data(), px, py, o.fNumber, 0, f.left, f.top, f.right,
-                          f.bottom) != 0) {
-      fprintf(stderr, "%s: the ground-truth render failed at frame %d\n", q.name, i);
-      res.ok = false;
+    // Renders frame i from `depth` focused at (x, y) of the depth grid; a null depth leaves the
+    // frame sharp, as the system leaves a frame it has no map for.
+    auto render = [&](const uint16_t* depth, int32_t x, int32_t y, ErrorSum* whole, ErrorSum* band, uint16_t* target) {
+      uint16_t lo, hi, t = 0;
+      work = f.main;
+      if (depth != nullptr && (generate(map.data(), depth, x, y, &lo, &hi, &t) != 0 ||
+                               vmKtrRT_GLStartV1(work.data(), work.data() + n, map.data(), px, py, o.fNumber, 0, f.left,
+                                                 f.top, f.right, f.bottom) != 0)) {
+        fprintf(stderr, "%s: a render of the renderer alone failed at frame %d\n", q.name, i);
+        res.ok = false;
+      }
+      whole->add(work.data(), f.oracle.data(), all);
+      band->add(work.data(), f.oracle.data(), f.band);
+      if (target != nullptr) *target = t;
+    };
+    uint16_t truthTarget = 0;
+    render(f.truthDepth.data(), dx, dy, &res.truth, &res.truthBand, &truthTarget);
+
+    const TapDraw& d = f.draw;
+    const bool drawn = !d.depth.empty();
+    if (drawn && d.depthFrame < 0) b.unknown += 1;
+    const bool traced = drawn && d.depthFrame >= 0 && d.depthFrame <= i;
+    if (traced) {
+      const int32_t lag = i - d.depthFrame;
+      b.lagSum += lag, b.lagFrames += 1, b.lagMin = std::min(b.lagMin, lag), b.lagMax = std::max(b.lagMax, lag);
+      depth_errors(d, frames[size_t(d.depthFrame)], cb.disparityScale, &b);
     }
-    res.truth.add(work.data(), f.oracle.data(), all);
-    res.truthBand.add(work.data(), f.oracle.data(), f.band);
+    if (drawn) {
+      b.focusErr += fabs(double(d.target) - double(truthTarget)) / double(cb.disparityScale), b.focusN += 1;
+    }
+    render(drawn ? d.depth.data() : nullptr, d.focusX, d.focusY, &b.replay, &b.replayBand, nullptr);
+    const Frame& src = traced ? frames[size_t(d.depthFrame)] : f;
+    render(drawn ? src.truthDepth.data() : nullptr, d.focusX, d.focusY, &b.lagged, &b.laggedBand, nullptr);
+    render(f.engineDepth.empty() ? nullptr : f.engineDepth.data(), dx, dy, &b.engine, &b.engineBand, nullptr);
+    // Before frame 0 the preview showed frame 0.
+    render(frames[size_t(std::max(0, i - 1))].truthDepth.data(), dx, dy, &b.lag1, &b.lag1Band, nullptr);
+    render(frames[size_t(std::max(0, i - 2))].truthDepth.data(), dx, dy, &b.lag2, &b.lag2Band, nullptr);
   }
   vmKtrRT_GenRefocusMap_Deinit();
   vmKtrRT_GLClose();
@@ -302,6 +519,14 @@ bool parse(int argc, char** argv, Options* o) {
     }
     if (a == "--no-temporal") {
       o->temporalFilter = 0;
+      continue;
+    }
+    if (a == "--no-chip") {
+      o->withChip = 0;
+      continue;
+    }
+    if (a == "--trace") {
+      o->trace = 1;
       continue;
     }
     if (!num(&x)) return false;
@@ -339,6 +564,41 @@ bool parse(int argc, char** argv, Options* o) {
          o->paceMs >= 0 && o->paceMs <= 1000 && o->settle >= 0 && o->settle <= 300;
 }
 
+void print_breakdown(const Result& r) {
+  const Breakdown& b = r.b;
+  auto row = [&](const char* what, const ErrorSum& whole, const ErrorSum& band) {
+    printf("  %-34s %8.2f %7.2f | %8.2f %7.2f\n", what, whole.psnr(), r.truth.psnr() - whole.psnr(), band.psnr(),
+           r.truthBand.psnr() - band.psnr());
+  };
+  printf("  %-34s %8s %7s | %8s %7s\n", "renderer alone fed", "whole", "gap", "band", "gap");
+  row("(the system)", r.system, r.systemBand);
+  row("the system's depth and focus point", b.replay, b.replayBand);
+  row("true depth at the system's lag", b.lagged, b.laggedBand);
+  row("the stereo engine's depth in step", b.engine, b.engineBand);
+  row("true depth one frame old", b.lag1, b.lag1Band);
+  row("true depth two frames old", b.lag2, b.lag2Band);
+  row("true depth in step", r.truth, r.truthBand);
+  if (b.lagFrames > 0)
+    printf("  lag (frames from depth to drawing): mean %.2f, %d..%d over %d frames\n", double(b.lagSum) / b.lagFrames,
+           b.lagMin, b.lagMax, b.lagFrames);
+  if (b.unknown > 0) printf("  %d frames drawn with a map whose depth could not be traced\n", b.unknown);
+  printf("  while measuring: %d depth engine runs, %d temporal filter runs, %d refocus maps made", b.engineRuns,
+         b.filterRuns, b.mapsMade);
+  printf(" (hold-back check: %d alike, thrown away; %d different), %d changes of the drawn map\n", b.heldSimilar,
+         b.differing, b.mapChanges);
+  printf("  policy state after each measured frame's update:");
+  for (int32_t k = 0; k < 6; ++k)
+    if (b.stateFrames[k] > 0) printf(" %d in state %d", b.stateFrames[k], k);
+  printf("\n");
+  if (b.depthN > 0)
+    printf(
+        "  published depth vs the truth of its frame: mean |error| %.2f px (%.1f%% over 1 px), near depth edges "
+        "%.2f px (%.1f%%), invalid %.1f%%\n",
+        b.depthErr / b.depthN, 100.0 * b.depthBad / b.depthN, b.depthNBand > 0 ? b.depthErrBand / b.depthNBand : 0.0,
+        b.depthNBand > 0 ? 100.0 * b.depthBadBand / b.depthNBand : 0.0, 100.0 * b.invalid / (b.depthN + b.invalid));
+  if (b.focusN > 0) printf("  focus depth: mean |system - truth| %.3f px\n", b.focusErr / b.focusN);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -347,14 +607,15 @@ int main(int argc, char** argv) {
     fprintf(stderr,
             "usage: vm_system_eval [--tiny] [--width W (height W x 9/16)] [--depth-width N] [--depth-height N]\n"
             "       [--frames N] [--lens N] [--seed N] [--fnumber F] [--pace-ms N] [--settle N]\n"
-            "       [--speed MM_PER_FRAME] [--no-temporal] [--max-gap DB] [--max-band-gap DB]\n");
+            "       [--speed MM_PER_FRAME] [--no-temporal] [--no-chip] [--max-gap DB] [--max-band-gap DB] [--trace]\n");
     return 2;
   }
   setenv("VM_HOST_LOG", "none", 0);
-  const Sequence seqs[] = {{"still", SCENE_STILL}, {"moving figure", SCENE_OBJECT}};
+  const Sequence seqs[] = {
+      {"still", SCENE_STILL, 0}, {"moving figure", SCENE_OBJECT, 0}, {"moving, chip", SCENE_OBJECT, 1}};
   printf(
       "main/sub %dx%d, depth %dx%d, %d frames, f/%.1f, oracle %dx%d lens samples, pace %d ms, settle %d, "
-      "temporal filter %s\n",
+      "temporal filter on chip depth %s\n",
       o.width, o.height, o.depthWidth, o.depthHeight, o.frames, double(o.fNumber), o.lensSamples, o.lensSamples,
       o.paceMs, o.settle, o.temporalFilter ? "on" : "off");
   printf("luma PSNR against the depth-of-field oracle (dB); band: within %d px of a depth edge\n",
@@ -362,8 +623,21 @@ int main(int argc, char** argv) {
   printf("%-14s %8s %8s %8s %8s %7s | %8s %8s %7s | %8s %8s\n", "sequence", "drawn", "warmup", "system", "gt-fed",
          "gap", "sys band", "gt band", "gap", "sharp", "sh band");
   bool pass = true;
+  Prepared prep;
+  int32_t prepared = -1;  // the motion `prep` holds
   for (const Sequence& q : seqs) {
-    const Result r = run_sequence(o, q);
+    if (q.chip && !o.withChip) continue;
+    if (prepared != q.motion) {
+      prepared = q.motion;
+      if (!prepare(o, q.name, q.motion, &prep)) prep.ok = false;
+    }
+    if (!prep.ok) {
+      pass = false;
+      continue;
+    }
+    Options oq = o;
+    oq.chip = q.chip;
+    const Result r = run_sequence(oq, q, &prep);
     if (!r.ok) {
       pass = false;
       continue;
@@ -372,8 +646,17 @@ int main(int argc, char** argv) {
     printf("%-14s %5d/%-2d %8d %8.2f %8.2f %7.2f | %8.2f %8.2f %7.2f | %8.2f %8.2f\n", q.name, r.rendered, o.frames,
            r.warmup, r.system.psnr(), r.truth.psnr(), gap, r.systemBand.psnr(), r.truthBand.psnr(), bandGap,
            r.sharp.psnr(), r.sharpBand.psnr());
+    print_breakdown(r);
     if (r.rendered == 0) {
       fprintf(stderr, "%s: the system drew no measured frame with a refocus map\n", q.name);
+      pass = false;
+    }
+    // The breakdown stands on the replay: fed what each drawn map was made of, the renderer alone
+    // must draw what the system drew.
+    const double replayOff = fabs(r.b.replay.psnr() - r.system.psnr());
+    if (r.b.unknown > 0 || replayOff > 0.05) {
+      fprintf(stderr, "%s: the replay of the system's maps is %.2f dB off (%d drawn maps not traced)\n", q.name,
+              replayOff, r.b.unknown);
       pass = false;
     }
     if (o.maxGap >= 0 && gap > double(o.maxGap)) {
