@@ -5,13 +5,16 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <string>
 
 #include "debug/debug_log.h"
+#include "depth/depth_manager.h"
 #include "fakes.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
+#include "memory/buffer_manager.h"
 #include "memory/heap.h"
 #include "session_support.h"
 
@@ -131,7 +134,19 @@ TEST_F(Flow, FailedStartsReleaseInReverse) {
   EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
 }
 
-TEST_F(Flow, SceneComingLooseRaisesBothDiscardBits) {
+TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
+  // The depth engine is held inside its first run for the whole sequence: the worker then holds
+  // no preview buffer, so every frame lands and is measured whatever the machine's speed, and
+  // the map in the making is the one the scene change must throw away.
+  std::atomic<bool> open{false};
+  fakes::setHook("vmDpx2_Run_Express", [&open] {
+    while (!open.load()) usleep(200);
+  });
+  struct Opener {
+    std::atomic<bool>& o;
+    ~Opener() { o.store(true); }
+  } opener{open};
+
   Frames still(320, 240, 320, 240, 160, 120);
   Frames other(320, 240, 320, 240, 160, 120);
   other.paint(9);
@@ -139,12 +154,20 @@ TEST_F(Flow, SceneComingLooseRaisesBothDiscardBits) {
   const TriggerData a = still.centred(), b = other.centred();
   for (int i = 0; i < 8; ++i) flow_controller_trigger(a);
   ASSERT_EQ(g_session.policyState.load(), 5);
+  ASSERT_TRUE(waitUntil([] { return fakes::count("vmDpx2_Run_Express") == 1; }));
+  g_session.depthDiscardRequest.store(0);  // raised once when the session started unsettled
   int frames = 0;
   while (g_session.policyState.load() != 2 && frames < 100) flow_controller_trigger(frames++ % 2 ? a : b);
   ASSERT_EQ(g_session.policyState.load(), 2);
-  // Bit 0 waits for the depth worker's next map (no depth is asked while unsettled).
   EXPECT_EQ(g_session.depthDiscardRequest.load() & 1u, 1u);
   EXPECT_EQ(fakes::calls("vmKtrRT_GLStartV1").back().args[5], 1);  // rendered without a map
+
+  // Released, the engine's map is dropped instead of published, and bit 0 is taken down.
+  open.store(true);
+  ASSERT_TRUE(waitUntil([] { return (g_session.depthDiscardRequest.load() & 1u) == 0; }));
+  ASSERT_TRUE(waitUntil([] { return depth_manager_worker_waiting(&g_session); }));
+  EXPECT_EQ(buffer_manager_get_buffer(&g_session, kSlotDepth, kSlotFilled), nullptr);
+  EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
 }
 
 TEST_F(Flow, RegionRulesInTheirOrder) {
