@@ -36,6 +36,8 @@ struct DepthWorker {
   int32_t threadStarted;  // a join only follows a start that succeeded
   int32_t syncReady;      // mutex and condition variable initialised
   int32_t scratchReserved;
+  uint8_t* scaleScratch;  // the scaler's work area for one preview, kept for the session
+  size_t scaleScratchBytes;
 };
 
 struct DepthFields {

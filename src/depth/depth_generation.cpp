@@ -24,11 +24,12 @@ int32_t depthSamples(const SessionContext* ctx) {
 }
 
 // The three planes of a worker block.
-void scaleInto(const SessionContext* ctx, const BufferHalf* frame, int32_t srcWidth, int32_t srcHeight,
-               const DepthPlaneBlock& block, int32_t dstWidth, int32_t dstHeight, int32_t code) {
+void scaleInto(const SessionContext* ctx, const DepthWorker* w, const BufferHalf* frame, int32_t srcWidth,
+               int32_t srcHeight, const DepthPlaneBlock& block, int32_t dstWidth, int32_t dstHeight, int32_t code) {
   const size_t n = static_cast<size_t>(session_depth_width(ctx)) * static_cast<size_t>(session_depth_height(ctx));
   image_utility_nv12_scale_rotate(frame->data, block.data, block.data + n, block.data + 2 * n, srcWidth, srcHeight,
-                                  srcWidth, srcHeight, dstWidth, dstHeight, code);
+                                  srcWidth, srcHeight, dstWidth, dstHeight, code, w->scaleScratch,
+                                  w->scaleScratchBytes);
 }
 
 void dumpEngineInputs(const SessionContext* ctx, const DepthWorker* w) {
@@ -40,9 +41,9 @@ void dumpEngineInputs(const SessionContext* ctx, const DepthWorker* w) {
 // the engine reads the worker's own copies only.
 void prepareInputs(SessionContext* ctx, DepthWorker* w, BufferHalf* mainSlot, BufferHalf* subSlot, int32_t dstWidth,
                    int32_t dstHeight, int32_t code) {
-  scaleInto(ctx, mainSlot, session_preview_main_width(ctx), session_preview_main_height(ctx), w->planes[0], dstWidth,
+  scaleInto(ctx, w, mainSlot, session_preview_main_width(ctx), session_preview_main_height(ctx), w->planes[0], dstWidth,
             dstHeight, code);
-  scaleInto(ctx, subSlot, session_preview_sub_width(ctx), session_preview_sub_height(ctx), w->planes[1], dstWidth,
+  scaleInto(ctx, w, subSlot, session_preview_sub_width(ctx), session_preview_sub_height(ctx), w->planes[1], dstWidth,
             dstHeight, code);
   buffer_manager_release(mainSlot);
   buffer_manager_release(subSlot);

@@ -40,6 +40,9 @@ void stopAndRelease(SessionContext* ctx, DepthWorker* w, bool closeEngine) {
     if (closeEngine && ctx->depthFromChip == 0) vmDpx2_Express_Close();
   }
   freePlanes(w);
+  heap_free(w->scaleScratch);
+  w->scaleScratch = nullptr;
+  w->scaleScratchBytes = 0;
   if (w->scratchReserved) image_utility_depth_scratch_release();
   w->scratchReserved = 0;
   if (w->syncReady) {
@@ -87,6 +90,13 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
       return kDepthOutOfMemory;
     }
     w->scratchReserved = 1;
+    // The scaler builds three planes of the depth size before turning them into place.
+    w->scaleScratch = static_cast<uint8_t*>(heap_allocate(samples * 3));
+    if (w->scaleScratch == nullptr) {
+      stopAndRelease(ctx, w, false);
+      return kDepthOutOfMemory;
+    }
+    w->scaleScratchBytes = samples * 3;
   }
   w->exitRequest.store(0, std::memory_order_release);
   w->threadStarted = pthread_create(&w->thread, nullptr, depth_manager_handler, w) == 0 ? 1 : 0;

@@ -17,7 +17,8 @@ int64_t g_depthScratchCapacity = 0;
 
 void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1, uint8_t* dstPlane2,
                                      int32_t srcWidth, int32_t srcHeight, int32_t stride, int32_t chromaRowStart,
-                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode) {
+                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode, uint8_t* scratch,
+                                     size_t scratchBytes) {
   // Sizes come from initialisation, which refuses these; still, never divide by zero or index
   // a plane with a negative size.
   if (src == nullptr || dstPlane0 == nullptr || dstPlane1 == nullptr || dstPlane2 == nullptr || srcWidth <= 0 ||
@@ -26,7 +27,8 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
     return;
   }
   const size_t planeBytes = static_cast<size_t>(dstWidth) * static_cast<size_t>(dstHeight);
-  uint8_t* block = static_cast<uint8_t*>(plane_alloc(3 * planeBytes));
+  const bool own = scratch == nullptr || scratchBytes < 3 * planeBytes;
+  uint8_t* block = own ? static_cast<uint8_t*>(plane_alloc(3 * planeBytes)) : scratch;
   if (block == nullptr) {
     VM_LOG("ERROR: Alloc [%zu]\n", 3 * planeBytes);
     return;
@@ -107,7 +109,7 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
         break;
     }
   }
-  plane_free(block);
+  if (own) plane_free(block);
 }
 
 void image_utility_rotate180(uint16_t* depth, int32_t width, int32_t height) {

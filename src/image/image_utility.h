@@ -4,6 +4,7 @@
 #ifndef VMKTRRT_IMAGE_IMAGE_UTILITY_H
 #define VMKTRRT_IMAGE_IMAGE_UTILITY_H
 
+#include <cstddef>
 #include <cstdint>
 
 // Rotation codes (the depth road passes the camera layout): 1 half turn, 2 none, 3 quarter turn
@@ -12,9 +13,13 @@
 // to three full-resolution planes (luma, first chroma, second chroma) and turns them. Only the
 // first dstWidth and dstHeight rounded down to 4 are sampled; the rest of each plane is zero.
 // For codes 3 and 4 each destination plane is dstHeight wide and dstWidth tall.
+// The planes are built in a work area of 3 x dstWidth x dstHeight bytes: the caller's scratch
+// when it is given and large enough (the depth worker keeps one, so no frame allocates), else
+// a block allocated for this call.
 void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1, uint8_t* dstPlane2,
                                      int32_t srcWidth, int32_t srcHeight, int32_t stride, int32_t chromaRowStart,
-                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode);
+                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode,
+                                     uint8_t* scratch = nullptr, size_t scratchBytes = 0);
 
 // Half turn of a 16-bit map in place.
 void image_utility_rotate180(uint16_t* depth, int32_t width, int32_t height);

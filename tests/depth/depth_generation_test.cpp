@@ -8,6 +8,7 @@
 #include "fakes.h"
 #include "image/image_utility.h"
 #include "log_capture.h"
+#include "memory/heap.h"
 
 namespace {
 
@@ -80,7 +81,11 @@ TEST_F(DepthGeneration, LayoutsRoundTripThroughTheEngine) {
     ASSERT_EQ(depth_manager_create_thread(d.ctx.get()), 0);
     d.putFrame(kSlotMain, 3);
     d.putFrame(kSlotSub, 9);
+    // Everything a depth frame needs was taken at start: every allocation failing changes nothing.
+    heap_fault_inject(1, true);
     EXPECT_EQ(depth_manager_generate_depth(d.ctx.get(), &d.ctx->depth.worker), 0);
+    EXPECT_EQ(heap_fault_count(), 0);
+    heap_fault_inject(0, false);
 
     const int32_t cw = 32, ch = 24, n = cw * ch;
     std::vector<uint8_t> scaled(3 * n);

@@ -151,6 +151,8 @@ TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
   Frames other(320, 240, 320, 240, 160, 120);
   other.paint(9);
   ASSERT_EQ(flow_controller_init(still.init()), 0);
+  // A trigger that finds the worker not yet waiting is dropped; let it get there first.
+  ASSERT_TRUE(waitUntil([] { return depth_manager_worker_waiting(&g_session); }));
   const TriggerData a = still.centred(), b = other.centred();
   for (int i = 0; i < 8; ++i) flow_controller_trigger(a);
   ASSERT_EQ(g_session.policyState.load(), 5);
