@@ -40,7 +40,7 @@ void stopAndRelease(SessionContext* ctx, DepthWorker* w, bool closeEngine) {
     if (closeEngine && ctx->depthFromChip == 0) vmDpx2_Express_Close();
   }
   freePlanes(w);
-  heap_free(w->scaleScratch);
+  heap_aligned_free(w->scaleScratch);
   w->scaleScratch = nullptr;
   w->scaleScratchBytes = 0;
   if (w->scratchReserved) image_utility_depth_scratch_release();
@@ -91,7 +91,7 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     }
     w->scratchReserved = 1;
     // The scaler builds three planes of the depth size before turning them into place.
-    w->scaleScratch = static_cast<uint8_t*>(heap_allocate(samples * 3));
+    w->scaleScratch = static_cast<uint8_t*>(heap_aligned_allocate(samples * 3, 16));
     if (w->scaleScratch == nullptr) {
       stopAndRelease(ctx, w, false);
       return kDepthOutOfMemory;
