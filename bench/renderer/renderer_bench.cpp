@@ -47,21 +47,27 @@ void setup() {
   vmKtrRT_GenRefocusMap_init();
 }
 
-void BM_StartV1_1080p_Map320x240(benchmark::State& state) {
-  static Scene scene;
-  setup();
-  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+// Renders the scene's frame with map at fNumber once per iteration, restoring the frame between
+// iterations outside the timing, and closes the renderer.
+void renderLoop(benchmark::State& state, Scene& scene, const uint8_t* map, float fNumber) {
   for (auto _ : state) {
     state.PauseTiming();
     memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
     state.ResumeTiming();
-    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, scene.map.data(), kW / 2,
-                                        kH / 2, fNumber, 0, 0, 0, kW, kH);
+    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map, kW / 2, kH / 2, fNumber,
+                                        0, 0, 0, kW, kH);
     benchmark::DoNotOptimize(r);
     benchmark::ClobberMemory();
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
   vmKtrRT_GLClose();
+}
+
+void BM_StartV1_1080p_Map320x240(benchmark::State& state) {
+  static Scene scene;
+  setup();
+  const float fNumber = static_cast<float>(state.range(0)) / 10.0f;
+  renderLoop(state, scene, scene.map.data(), fNumber);
 }
 BENCHMARK(BM_StartV1_1080p_Map320x240)->Arg(14)->Arg(28)->Unit(benchmark::kMillisecond);
 
@@ -71,17 +77,7 @@ void BM_StartV1_1080p_GeneratedMap(benchmark::State& state) {
   setup();
   uint16_t lo, hi, target;
   vmKtrRT_GenRefocusMap(scene.map.data(), scene.depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
-  for (auto _ : state) {
-    state.PauseTiming();
-    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
-    state.ResumeTiming();
-    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, scene.map.data(), kW / 2,
-                                        kH / 2, 1.4f, 0, 0, 0, kW, kH);
-    benchmark::DoNotOptimize(r);
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
-  vmKtrRT_GLClose();
+  renderLoop(state, scene, scene.map.data(), 1.4f);
 }
 BENCHMARK(BM_StartV1_1080p_GeneratedMap)->Unit(benchmark::kMillisecond);
 
@@ -100,17 +96,7 @@ void BM_StartV1_1080p_GeneratedMapNear(benchmark::State& state) {
   std::vector<uint8_t> map(kMw * kMh);
   uint16_t lo, hi, target;
   vmKtrRT_GenRefocusMap(map.data(), depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
-  for (auto _ : state) {
-    state.PauseTiming();
-    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
-    state.ResumeTiming();
-    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map.data(), kW / 2, kH / 2,
-                                        fNumber, 0, 0, 0, kW, kH);
-    benchmark::DoNotOptimize(r);
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
-  vmKtrRT_GLClose();
+  renderLoop(state, scene, map.data(), fNumber);
 }
 BENCHMARK(BM_StartV1_1080p_GeneratedMapNear)->Arg(14)->Arg(28)->Unit(benchmark::kMillisecond);
 
@@ -134,17 +120,7 @@ void BM_StartV1_1080p_DepthFile(benchmark::State& state) {
   std::vector<uint8_t> map(kMw * kMh);
   uint16_t lo, hi, target;
   vmKtrRT_GenRefocusMap(map.data(), depth.data(), kMw / 2, kMh / 2, &lo, &hi, &target);
-  for (auto _ : state) {
-    state.PauseTiming();
-    memcpy(scene.frame.data(), scene.original.data(), scene.frame.size());
-    state.ResumeTiming();
-    const int32_t r = vmKtrRT_GLStartV1(scene.frame.data(), scene.frame.data() + kW * kH, map.data(), kW / 2, kH / 2,
-                                        fNumber, 0, 0, 0, kW, kH);
-    benchmark::DoNotOptimize(r);
-    benchmark::ClobberMemory();
-  }
-  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(scene.frame.size()));
-  vmKtrRT_GLClose();
+  renderLoop(state, scene, map.data(), fNumber);
 }
 BENCHMARK(BM_StartV1_1080p_DepthFile)->Arg(14)->Unit(benchmark::kMillisecond);
 

@@ -221,12 +221,7 @@ TEST_F(DepthGeneration, ChipDepthRefusalsKeepTheFrameGoing) {
 }
 
 TEST_F(DepthGeneration, ChipDepthThroughTheTemporalFilter) {
-  s.setUp(2, 64, 48, 4, 2);
-  SessionContext* c = s.ctx.get();
-  c->depthFromChip = 1;
-  c->chipDepthFormat = 1;
-  c->isUsingTemporalFilter = 1;
-  c->temporalFilterEnabled.store(1);
+  SessionContext* c = s.setUpChipWithFilter();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
   started = true;
   EXPECT_STREQ(c->depthUtilityVersion, "fake-zu");

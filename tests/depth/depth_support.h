@@ -34,6 +34,16 @@ struct DepthSession {
     c->otpSize = static_cast<int32_t>(otp.size());
     buffer_manager_allocate(c);
   }
+  // Chip depth (format 1) through the temporal filter: a 64 x 48 preview and a 4 x 2 map.
+  SessionContext* setUpChipWithFilter() {
+    setUp(2, 64, 48, 4, 2);
+    SessionContext* c = ctx.get();
+    c->depthFromChip = 1;
+    c->chipDepthFormat = 1;
+    c->isUsingTemporalFilter = 1;
+    c->temporalFilterEnabled.store(1);
+    return c;
+  }
   ~DepthSession() { buffer_manager_free(ctx.get()); }
 
   // Writes an NV12 frame whose luma encodes its position into the free buffer of slot and
