@@ -18,6 +18,9 @@ class GlNoDisplay : public PropertyFixture {
     logFlags = kLogGl;
   }
   void TearDown() override {
+    // eglInitialize loaded the driver even though no context came of it; keep it loaded past
+    // the eglTerminate below, as GlFixture does, so its lifetime blocks stay reachable.
+    pinMesaModules();
     GlFixture::cleanUpAfterFailedContext();
     gl_standins_reset();
     logFlags = 0;
