@@ -180,6 +180,9 @@ TEST_F(ImageIo, HugeHeadersRefusedBeforeAllocating) {
   // Within the caps, but 69 bytes cannot inflate to 3 MB of samples.
   cases.push_back({"dense.png", png_file(1000, 1000, 8, 2, tiny), "deflate expands at most 1032:1"});
   cases.push_back({"cap.png", png_file(8192, 8192, 16, 6, tiny), "deflate expands at most 1032:1"});
+  // libpng sizes a chunk's buffer from its length field: 1.8 GB for a text chunk in 80 bytes.
+  cases.push_back({"bigchunk.png", png_file(2, 1, 8, 0, tiny, be32(0x6e000008) + text("tEXtComment")),
+                   "PNG data truncated (chunk at byte 33 needs 1845493780 bytes, has"});
   EXPECT_EQ(png_file(20000, 20000, 8, 2, tiny).size(), 69u);
 #endif
   for (const Case& c : cases) {
@@ -209,19 +212,18 @@ TEST_F(ImageIo, TruncatedFilesRefusedAtEveryLength) {
   size_t pngEnd = 0;
 #ifdef VM_HAVE_PNG
   Bytes png = png_file(3, 2, 8, 2, deflate(scanlines(Bytes(18, 5), 9), 6));
-  pngEnd = png.size() - 12;  // without IEND the image is still whole
+  pngEnd = png.size() - 12;  // cut cleanly before IEND the image is still whole
   inputs.push_back({"t.png", png});
 #endif
   for (const auto& f : inputs) {
     const bool isPfm = f.first == "t.pfm";
-    const size_t whole = f.first == "t.png" ? pngEnd : f.second.size();
     for (size_t len = 0; len <= f.second.size(); ++len) {
       const std::string path = put(f.first, Bytes(f.second.begin(), f.second.begin() + long(len)));
       std::string error;
       Image8 im8;
       ImageF imf;
       const bool ok = isPfm ? image_read_pfm(path, &imf, &error) : image_read8(path, &im8, &error);
-      if (len < whole) {
+      if (len != f.second.size() && !(f.first == "t.png" && len == pngEnd)) {
         EXPECT_FALSE(ok) << f.first << " cut to " << len;
         EXPECT_EQ(error.rfind(path + ": ", 0), 0u) << error;
       } else {

@@ -137,9 +137,11 @@ uint32_t be32(const uint8_t* p) {
   return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
 }
 
-// The header's size against the caps and against what the file's bytes can inflate to, read
-// straight from IHDR so that nothing of libpng's is sized by a header that cannot be true.
-bool png_header_plausible(const uint8_t* data, size_t size, const std::string& name, std::string* error) {
+// The file's structure before libpng sees it: libpng sizes a chunk's buffer from the chunk's
+// length field, so every chunk up to IEND must be whole in the file; the sizes in IHDR are checked
+// against the caps and against what the IDAT bytes can inflate to. Nothing of libpng's is then
+// sized by a length that cannot be true.
+bool png_plausible(const uint8_t* data, size_t size, const std::string& name, std::string* error) {
   if (size < 33 || be32(data + 8) != 13 || memcmp(data + 12, "IHDR", 4) != 0)
     return fail(error, name, "bad PNG: no image header (IHDR) after the signature");
   const int64_t w = be32(data + 16), h = be32(data + 20);
@@ -167,15 +169,28 @@ bool png_header_plausible(const uint8_t* data, size_t size, const std::string& n
   }
   if (depth != 1 && depth != 2 && depth != 4 && depth != 8 && depth != 16)
     return fail(error, name, "bad PNG bit depth " + std::to_string(depth));
+  uint64_t idatBytes = 0;
+  for (size_t pos = 8; pos < size;) {
+    const uint64_t left = size - pos;
+    const uint64_t length = left >= 4 ? be32(data + pos) : 0;
+    if (left < 12 || length > left - 12) {
+      return fail(error, name,
+                  "PNG data truncated (chunk at byte " + std::to_string(pos) + " needs " + std::to_string(length + 12) +
+                      " bytes, has " + std::to_string(left) + ")");
+    }
+    if (memcmp(data + pos + 4, "IDAT", 4) == 0) idatBytes += length;
+    if (memcmp(data + pos + 4, "IEND", 4) == 0) break;
+    pos += size_t(length) + 12;
+  }
   // Every pass of an interlaced image together still holds all the samples, so this is a lower
   // bound on the inflated bytes either way.
   const uint64_t sampleBytes = uint64_t(w) * uint64_t(h) * samples * depth / 8;
-  const uint64_t most = uint64_t(size) * kImageMaxInflateRatio;
-  if (sampleBytes > most)
+  if (sampleBytes > idatBytes * kImageMaxInflateRatio)
     return fail(error, name,
                 "PNG declares " + std::to_string(w) + "x" + std::to_string(h) + " (" + std::to_string(sampleBytes) +
-                    " bytes of samples), more than its " + std::to_string(size) +
-                    " bytes can hold (deflate expands at most " + std::to_string(kImageMaxInflateRatio) + ":1)");
+                    " bytes of samples), more than its " + std::to_string(idatBytes) +
+                    " bytes of image data can hold (deflate expands at most " + std::to_string(kImageMaxInflateRatio) +
+                    ":1)");
   return true;
 }
 
@@ -220,7 +235,7 @@ bool png_decode_into(PngReader* r, PngSource* src, std::vector<png_bytep>* rows,
 }
 
 bool decode_png(const uint8_t* data, size_t size, const std::string& name, Image8* out, std::string* error) {
-  if (!png_header_plausible(data, size, name, error)) return false;
+  if (!png_plausible(data, size, name, error)) return false;
   PngSource src{data, size, 0, {0}};
   PngReader r;
   std::vector<png_bytep> rows;

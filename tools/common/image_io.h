@@ -24,8 +24,9 @@ struct ImageF {
 // - each side at most kImageMaxSide (the largest preview, depth or calibration size is smaller);
 // - at most kImageMaxPixels pixels (8192 x 8192: the largest preview and depth size);
 // - PGM/PPM/PFM: the raw samples the header declares must all be in the file;
-// - PNG: the declared pixels must fit in what the file's bytes can inflate to (deflate expands at
-//   most kImageMaxInflateRatio : 1);
+// - PNG: every chunk up to IEND must be whole (libpng sizes a chunk's buffer from its length),
+//   and the declared pixels must fit in what the image data (IDAT) bytes can inflate to (deflate
+//   expands at most kImageMaxInflateRatio : 1);
 // - the file itself at most kImageMaxFileBytes (a colour PFM at the pixel cap, with room for a
 //   header) and a regular file: FIFOs, devices and folders are refused without blocking.
 constexpr int32_t kImageMaxSide = 16384;
