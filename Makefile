@@ -14,8 +14,12 @@ build:
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
 
-bench: build
-	./build/$(PRESET)/bench/bench_image
+# Every benchmark program, briefly and one at a time; fails when any fails (bench/run.sh).
+bench:
+	cmake --preset $(PRESET)
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vmktr_benchmarks || \
+	  { echo "make bench: the benchmarks could not be built (they need libbenchmark-dev)"; exit 1; }
+	bash bench/run.sh build/$(PRESET)
 
 DEMO_OUT ?= demo-out
 DEMO_FRAMES ?= 60

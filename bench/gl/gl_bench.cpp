@@ -37,7 +37,9 @@ bool pipelineUp() {
 
 bool skipWithoutGl(benchmark::State& state) {
   if (pipelineUp()) return false;
-  state.SkipWithError("no EGL display with window-capable configs (run under xvfb-run -a)");
+  state.SkipWithError(
+      "no EGL display with window-capable configs (bench/run.sh runs this under xvfb-run -a -s \"-screen 0 640x480x24 "
+      "-noreset\")");
   return true;
 }
 

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# Runs every benchmark program of a build (the list the build writes to bench/benchmarks.txt),
+# one after another so that they do not compete for the cores, each briefly: results are for
+# comparing cases within one run (each sits beside memcpy of the same bytes), not absolute figures.
+# The GL benchmark runs under xvfb-run the way the GL tests do (-noreset: a connection made while
+# the X server resets after its last client left is dropped); without xvfb-run it runs as it is
+# and its GL cases report that they had no display.
+# Exit status 1 when a program is missing, exits non-zero or a case reports an error other than
+# a missing display or a missing optional input; the summary names them.
+# Usage: bench/run.sh [build folder, default build/default]
+# VMKTR_BENCH_MIN_TIME: seconds per case (default 0.2).
+set -uo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build/default}
+min_time=${VMKTR_BENCH_MIN_TIME:-0.2}
+list=$build/bench/benchmarks.txt
+if [[ ! -f $list ]]; then
+  echo "bench/run.sh: $list missing: configure $build with Google Benchmark (libbenchmark-dev) installed" >&2
+  exit 1
+fi
+# Cases may skip themselves only for these reasons: no display for GL, no depth file given.
+allowed_skip='no EGL display|VMKTR_BENCH_DEPTH'
+
+failed=()
+skipped=()
+ran=0
+while IFS= read -r program; do
+  [[ -n $program ]] || continue
+  name=$(basename "$program")
+  if [[ ! -x $program ]]; then
+    echo "!!! $name: $program was not built"
+    failed+=("$name (not built)")
+    continue
+  fi
+  cmd=("$program")
+  case $name in
+    gegl_compare) ;;  # a comparison program of its own, not a Google Benchmark one
+    *) cmd+=(--benchmark_min_time="$min_time" --benchmark_color=false) ;;
+  esac
+  if [[ $name == bench_gl ]]; then
+    if command -v xvfb-run >/dev/null; then
+      cmd=(xvfb-run -a -s "-screen 0 640x480x24 -noreset" "${cmd[@]}")
+    else
+      echo "bench/run.sh: xvfb-run not found; $name runs without a display and its GL cases skip"
+    fi
+  fi
+  echo "=== $name"
+  log=$(mktemp)
+  VM_HOST_LOG=none "${cmd[@]}" 2>&1 | tee "$log"
+  status=${PIPESTATUS[0]}
+  ran=$((ran + 1))
+  if ((status != 0)); then
+    failed+=("$name (exit $status)")
+  fi
+  while IFS= read -r line; do
+    case_name=${line%% *}
+    reason=${line#*ERROR OCCURRED: }
+    if [[ $line =~ $allowed_skip ]]; then
+      skipped+=("$name: $case_name: $reason")
+    else
+      failed+=("$name: $case_name: $reason")
+    fi
+  done < <(grep 'ERROR OCCURRED' "$log")
+  rm -f "$log"
+done <"$list"
+
+echo "=== $ran benchmark programs ran"
+((ran > 0)) || failed+=("no benchmark program listed in $list")
+if ((${#skipped[@]})); then
+  echo "${#skipped[@]} cases skipped for want of a display or an optional input:"
+  printf '  %s\n' "${skipped[@]}"
+fi
+if ((${#failed[@]})); then
+  echo "${#failed[@]} failed:"
+  printf '  %s\n' "${failed[@]}"
+  exit 1
+fi
