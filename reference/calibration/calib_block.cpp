@@ -65,6 +65,26 @@ bool homography_ok(const float h[9]) {
   return fabs(det) > 1e-9;
 }
 
+// w over a rectangle is affine, so it lies between its corner values; with w positive throughout,
+// the image of the rectangle is the convex hull of its mapped corners. Checking the four corners
+// of the pixel area therefore bounds every point the engines can ask for, at any depth size.
+bool geometry_ok(const float h[9], int32_t width, int32_t height) {
+  const double right = double(width) - 0.5, bottom = double(height) - 0.5;
+  const double xs[2] = {-0.5, right}, ys[2] = {-0.5, bottom};
+  const double loX = -0.5 - CALIB_MAX_REACH * double(width), hiX = right + CALIB_MAX_REACH * double(width);
+  const double loY = -0.5 - CALIB_MAX_REACH * double(height), hiY = bottom + CALIB_MAX_REACH * double(height);
+  for (double y : ys) {
+    for (double x : xs) {
+      const double w = double(h[6]) * x + double(h[7]) * y + double(h[8]);
+      if (!(w >= CALIB_MIN_W && w <= CALIB_MAX_W)) return false;
+      const double mx = (double(h[0]) * x + double(h[1]) * y + double(h[2])) / w;
+      const double my = (double(h[3]) * x + double(h[4]) * y + double(h[5])) / w;
+      if (!(mx >= loX && mx <= hiX && my >= loY && my <= hiY)) return false;
+    }
+  }
+  return true;
+}
+
 bool fields_ok(const CalibBlock& b) {
   if (b.mainWidth < 1 || b.mainHeight < 1 || b.subWidth < 1 || b.subHeight < 1) return false;
   if (b.mainWidth > CALIB_MAX_DIMENSION || b.mainHeight > CALIB_MAX_DIMENSION || b.subWidth > CALIB_MAX_DIMENSION ||
@@ -77,6 +97,15 @@ bool fields_ok(const CalibBlock& b) {
   if (!(b.maxDisparity > b.minDisparity) || b.maxDisparity - b.minDisparity > CALIB_MAX_RANGE) return false;
   if (b.focalBaseline < 0.0f) return false;
   return homography_ok(b.homographyMain) && homography_ok(b.homographySub);
+}
+
+// CALIB_OK, or the first reason a decoded block cannot be used.
+int32_t check_fields(const CalibBlock& b) {
+  if (!fields_ok(b)) return CALIB_ERR_VALUE;
+  if (!geometry_ok(b.homographyMain, b.mainWidth, b.mainHeight) ||
+      !geometry_ok(b.homographySub, b.subWidth, b.subHeight))
+    return CALIB_ERR_GEOMETRY;
+  return CALIB_OK;
 }
 
 }  // namespace
@@ -135,7 +164,8 @@ int32_t calib_block_read(const uint8_t* data, size_t size, CalibBlock* out) {
   b.minDisparity = get_f32(copy + OFF_MIN_D);
   b.maxDisparity = get_f32(copy + OFF_MAX_D);
   b.focalBaseline = get_f32(copy + OFF_FB);
-  if (!fields_ok(b)) return CALIB_ERR_VALUE;
+  const int32_t r = check_fields(b);
+  if (r != CALIB_OK) return r;
   *out = b;
   return CALIB_OK;
 }
@@ -143,7 +173,8 @@ int32_t calib_block_read(const uint8_t* data, size_t size, CalibBlock* out) {
 int32_t calib_block_write(const CalibBlock* block, uint8_t* out, size_t size) {
   if (block == nullptr || out == nullptr) return CALIB_ERR_MISSING;
   if (size < CALIB_BLOCK_SIZE) return CALIB_ERR_TRUNCATED;
-  if (!fields_ok(*block)) return CALIB_ERR_VALUE;
+  const int32_t r = check_fields(*block);
+  if (r != CALIB_OK) return r;
   memset(out, 0, CALIB_BLOCK_SIZE);
   memcpy(out + OFF_MAGIC, CALIB_BLOCK_MAGIC, 4);
   put_u16(out + OFF_VERSION, CALIB_BLOCK_VERSION);
@@ -167,9 +198,11 @@ int32_t calib_block_write(const CalibBlock* block, uint8_t* out, size_t size) {
 }
 
 bool calib_homography_apply(const float h[9], float x, float y, float* outX, float* outY) {
-  float w = h[6] * x + h[7] * y + h[8];
+  const float w = h[6] * x + h[7] * y + h[8];
   if (!(fabsf(w) > 1e-12f)) return false;
-  *outX = (h[0] * x + h[1] * y + h[2]) / w;
-  *outY = (h[3] * x + h[4] * y + h[5]) / w;
+  const float mx = (h[0] * x + h[1] * y + h[2]) / w, my = (h[3] * x + h[4] * y + h[5]) / w;
+  if (!isfinite(mx) || !isfinite(my)) return false;
+  *outX = mx;
+  *outY = my;
   return true;
 }

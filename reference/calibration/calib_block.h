@@ -13,6 +13,13 @@
 #define CALIB_MAX_DIMENSION 16384
 #define CALIB_MAX_SCALE 64
 #define CALIB_MAX_RANGE 4096.0f
+// Usable homographies: over the whole image area at calibration resolution (pixel edges
+// -0.5 .. size - 0.5) the denominator w stays within [CALIB_MIN_W, CALIB_MAX_W] and every pixel
+// maps at most CALIB_MAX_REACH image sizes outside the image, so the engines' float arithmetic
+// stays finite and no coordinate is beyond what an int holds.
+#define CALIB_MIN_W 1e-3
+#define CALIB_MAX_W 1e3
+#define CALIB_MAX_REACH 2
 
 // Result codes of calib_block_read. Engines pass them on from their init call.
 enum CalibResult {
@@ -23,7 +30,8 @@ enum CalibResult {
   CALIB_ERR_VERSION = 0x604,
   CALIB_ERR_SIZE = 0x605,  // size field is not the version's block size
   CALIB_ERR_CHECKSUM = 0x606,
-  CALIB_ERR_VALUE = 0x607,  // a field out of its range (sizes, scale, homography, range)
+  CALIB_ERR_VALUE = 0x607,     // a field out of its range (sizes, scale, homography, range)
+  CALIB_ERR_GEOMETRY = 0x608,  // a homography whose w or mapped corners leave the usable range
 };
 
 // Flag bits.
@@ -53,13 +61,14 @@ void calib_block_defaults(CalibBlock* block, int32_t mainWidth, int32_t mainHeig
 int32_t calib_block_read(const uint8_t* data, size_t size, CalibBlock* out);
 
 // Checks the fields (as the reader does) and encodes them into `out` (at least CALIB_BLOCK_SIZE
-// bytes). Returns CALIB_OK or CALIB_ERR_VALUE / CALIB_ERR_MISSING.
+// bytes). Returns CALIB_OK or CALIB_ERR_VALUE / CALIB_ERR_GEOMETRY / CALIB_ERR_MISSING /
+// CALIB_ERR_TRUNCATED.
 int32_t calib_block_write(const CalibBlock* block, uint8_t* out, size_t size);
 
 // CRC-32 (IEEE, reflected) of `size` bytes.
 uint32_t calib_block_crc32(const uint8_t* data, size_t size);
 
-// Applies a homography to a point; false when the point maps to infinity.
+// Applies a homography to a point; false when the point maps to infinity or to a non-finite value.
 bool calib_homography_apply(const float h[9], float x, float y, float* outX, float* outY);
 
 #endif  // VM_CALIB_BLOCK_H

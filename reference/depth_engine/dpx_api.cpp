@@ -8,10 +8,11 @@
 #include "calib_block.h"
 #include "engines.h"
 #include "stereo_core.h"
+#include "stereo_rectify.h"
 
 #define DPX_EXPORT extern "C" __attribute__((visibility("default")))
 
-// Result codes besides the calibration block's (0x601..0x607).
+// Result codes besides the calibration block's (0x601..0x608).
 enum {
   DPX_OK = 0,
   DPX_ERR_ARGUMENT = 1,  // null pointer, bad size, bad mode, wrong image format
@@ -58,25 +59,6 @@ void scale_homography(const float h[9], int32_t calibW, int32_t calibH, int32_t 
   float t[9];
   mat_mul(h, toCalib, t);
   mat_mul(toDepth, t, out);
-}
-
-// Bilinear resampling of a plane through a homography (edge pixels repeat), optionally mirrored.
-void warp_plane(const uint8_t* src, int32_t w, int32_t h, const float hm[9], bool identity, bool mirror, uint8_t* dst) {
-  for (int32_t y = 0; y < h; ++y) {
-    for (int32_t x = 0; x < w; ++x) {
-      int32_t rx = mirror ? w - 1 - x : x;
-      float fx = float(rx), fy = float(y);
-      if (!identity && !calib_homography_apply(hm, float(rx), float(y), &fx, &fy)) fx = -1.0f, fy = -1.0f;
-      fx = fx < 0 ? 0 : fx > float(w - 1) ? float(w - 1) : fx;
-      fy = fy < 0 ? 0 : fy > float(h - 1) ? float(h - 1) : fy;
-      int32_t x0 = int32_t(fx), y0 = int32_t(fy);
-      int32_t x1 = x0 + 1 < w ? x0 + 1 : x0, y1 = y0 + 1 < h ? y0 + 1 : y0;
-      float tx = fx - float(x0), ty = fy - float(y0);
-      float top = src[size_t(y0) * w + x0] * (1 - tx) + src[size_t(y0) * w + x1] * tx;
-      float bottom = src[size_t(y1) * w + x0] * (1 - tx) + src[size_t(y1) * w + x1] * tx;
-      dst[size_t(y) * w + x] = uint8_t(top * (1 - ty) + bottom * ty + 0.5f);
-    }
-  }
 }
 
 void release() {
@@ -127,6 +109,8 @@ DPX_EXPORT int32_t vmDpx2_Express_Init(const uint8_t* calibA, int32_t sizeA, int
   int32_t r = calib_block_read(block, blockSize > 0 ? size_t(blockSize) : 0, &calib);
   if (r != CALIB_OK) return r;
   if (depthWidth < 8 || depthHeight < 8 || depthWidth > 8192 || depthHeight > 8192) return DPX_ERR_ARGUMENT;
+  // The reader bounds the range to +-4096 px and the scale is at most 8192 / 1: the products stay
+  // below 2^26, far inside an int.
   float scale = float(depthWidth) / float(calib.mainWidth);
   int32_t dmin = int32_t(floorf(calib.minDisparity * scale));
   int32_t dmax = int32_t(ceilf(calib.maxDisparity * scale)) + 1;  // one more for the sub-pixel fit
@@ -169,11 +153,11 @@ DPX_EXPORT int32_t vmDpx2_Run_Express(uint16_t* depthOut, DpxImage* mainImage, D
   const uint8_t* left = mainImage->plane[0];
   const uint8_t* right = subImage->plane[0];
   if (g_engine.warpMain || g_engine.mirror) {
-    warp_plane(left, w, h, g_engine.hMain, !g_engine.warpMain, g_engine.mirror, g_engine.rectMain);
+    stereo_warp_plane(left, w, h, g_engine.warpMain ? g_engine.hMain : nullptr, g_engine.mirror, g_engine.rectMain);
     left = g_engine.rectMain;
   }
   if (g_engine.warpSub || g_engine.mirror) {
-    warp_plane(right, w, h, g_engine.hSub, !g_engine.warpSub, g_engine.mirror, g_engine.rectSub);
+    stereo_warp_plane(right, w, h, g_engine.warpSub ? g_engine.hSub : nullptr, g_engine.mirror, g_engine.rectSub);
     right = g_engine.rectSub;
   }
   stereo_run(&g_engine.stereo, left, w, right, w, g_engine.disparity);

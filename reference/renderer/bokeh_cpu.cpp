@@ -53,9 +53,6 @@ ChromaAccess chroma_access(uint8_t* chroma, int32_t width, int32_t height, int32
 inline float clampf(float v, float lo, float hi) {
   return v < lo ? lo : (v > hi ? hi : v);
 }
-inline uint8_t to_u8(float v) {
-  return static_cast<uint8_t>(clampf(v + 0.5f, 0.0f, 255.0f));
-}
 
 // Box and disc sums over the summed-area table (4 words per entry: weight and weighted Y, U, V).
 // The four words of an entry are one 4-lane vector (SSE2 / NEON) or, in the plain code, four

@@ -131,11 +131,14 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
   }
   const int32_t w = s.depthWidth, h = s.depthHeight;
   // The system turned the focus point for portrait frames as (x, y) -> (y, H - x); undo it.
-  int32_t x = focusX, y = focusY;
+  // In 64 bits and clamped: any focus point the system passes (even INT32_MIN) stays defined.
+  int64_t fx = focusX, fy = focusY;
   if (s.isPortrait == 1) {
-    x = h - focusY;
-    y = focusX;
+    fx = static_cast<int64_t>(h) - focusY;
+    fy = focusX;
   }
+  const int32_t x = static_cast<int32_t>(fx < 0 ? 0 : (fx >= w ? w - 1 : fx));
+  const int32_t y = static_cast<int32_t>(fy < 0 ? 0 : (fy >= h ? h - 1 : fy));
   const size_t total = static_cast<size_t>(w) * h;
   uint16_t lo = kDepthInvalid, hi = 0;
   for (size_t i = 0; i < total; ++i) {

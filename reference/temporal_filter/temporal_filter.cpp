@@ -45,8 +45,10 @@ void release() {
   memset(&g_filter, 0, sizeof(g_filter));
 }
 
-bool size_ok(int32_t w, int32_t h) {
-  return w > 0 && h > 0 && w <= 16384 && h <= 16384;
+// The guide may be as large as a calibration resolution; the depth map, which sizes the history,
+// is bounded as the stereo engine's output is (8192 a side keeps the history under 340 MB).
+bool size_ok(int32_t w, int32_t h, int32_t largest) {
+  return w > 0 && h > 0 && w <= largest && h <= largest;
 }
 
 }  // namespace
@@ -60,7 +62,7 @@ ZU_EXPORT int32_t vmZu_VersionInfo_Get(char* text, int32_t size) {
 ZU_EXPORT int32_t vmZu_TemporalFilterU16_Init(int32_t mainWidth, int32_t mainHeight, int32_t depthWidth,
                                               int32_t depthHeight) {
   release();
-  if (!size_ok(mainWidth, mainHeight) || !size_ok(depthWidth, depthHeight)) return ZU_ERR_ARGUMENT;
+  if (!size_ok(mainWidth, mainHeight, 16384) || !size_ok(depthWidth, depthHeight, 8192)) return ZU_ERR_ARGUMENT;
   size_t n = size_t(depthWidth) * size_t(depthHeight);
   g_filter.history = static_cast<int32_t*>(malloc(n * sizeof(int32_t)));
   g_filter.guide = static_cast<uint8_t*>(malloc(n));

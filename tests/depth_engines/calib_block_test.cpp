@@ -133,6 +133,57 @@ TEST(CalibBlock, AbsurdValuesAreRefused) {
   EXPECT_EQ(CALIB_ERR_VALUE, calib_block_read(b.data(), b.size(), &out));
 }
 
+// Homographies that are finite and regular yet unusable: every pixel must map to a finite point
+// with w in [CALIB_MIN_W, CALIB_MAX_W] and at most CALIB_MAX_REACH image sizes outside the image.
+TEST(CalibBlock, HomographiesOutsideTheUsableRangeAreRefused) {
+  struct Case {
+    const char* what;
+    void (*spoil)(CalibBlock&);
+  } cases[] = {
+      {"3e36 scale", [](CalibBlock& b) { b.homographyMain[0] = b.homographyMain[4] = 3e36f; }},
+      {"3e36 in w", [](CalibBlock& b) { b.homographySub[6] = 3e36f; }},
+      // w = 1 - x / 1920 reaches 0 at the right edge: that corner maps to infinity.
+      {"corner at infinity", [](CalibBlock& b) { b.homographyMain[6] = -1.0f / 1919.5f; }},
+      {"negative w", [](CalibBlock& b) { b.homographyMain[7] = -2.0f / 1080.0f; }},
+      {"tiny w", [](CalibBlock& b) { b.homographySub[8] = 1e-4f; }},
+      {"w too large", [](CalibBlock& b) { b.homographySub[8] = 2e3f; }},
+      {"shifted beyond reach", [](CalibBlock& b) { b.homographyMain[2] = 2.0f * 1920.0f + 1.0f; }},
+      // The sub camera's homography is bounded by the sub image (1280 wide), not the main one.
+      {"sub shifted beyond its own reach", [](CalibBlock& b) { b.homographySub[2] = -2.0f * 1280.0f - 1.0f; }},
+  };
+  for (const Case& c : cases) {
+    CalibBlock b = sample_block();
+    c.spoil(b);
+    uint8_t bytes[CALIB_BLOCK_SIZE];
+    EXPECT_EQ(CALIB_ERR_GEOMETRY, calib_block_write(&b, bytes, sizeof(bytes))) << c.what;
+  }
+  // The same from a sealed block written by someone else's tool.
+  std::vector<uint8_t> bytes = encoded(sample_block());
+  const float huge = 3e36f;
+  memcpy(bytes.data() + 32, &huge, 4);  // main homography h[0]
+  memcpy(bytes.data() + 48, &huge, 4);  // main homography h[4]
+  reseal(bytes);
+  CalibBlock out;
+  EXPECT_EQ(CALIB_ERR_GEOMETRY, calib_block_read(bytes.data(), bytes.size(), &out));
+}
+
+TEST(CalibBlock, UsableHomographiesUpToTheBoundsAreAccepted) {
+  CalibBlock b = sample_block();
+  b.homographyMain[2] = 2.0f * 1920.0f - 1.0f;  // just within reach
+  b.homographySub[8] = 2e-3f;                   // small w, scaled numerators: a shift of the image
+  b.homographySub[0] = b.homographySub[4] = 2e-3f;
+  b.homographySub[2] = 0.0f;
+  uint8_t bytes[CALIB_BLOCK_SIZE];
+  EXPECT_EQ(CALIB_OK, calib_block_write(&b, bytes, sizeof(bytes)));
+  // A mild keystone and rotation, as a real rectification has.
+  const float rect[9] = {0.998f, -0.035f, 20.0f, 0.035f, 0.998f, -15.0f, 2e-5f, -1e-5f, 1.0f};
+  b = sample_block();
+  memcpy(b.homographyMain, rect, sizeof(rect));
+  ASSERT_EQ(CALIB_OK, calib_block_write(&b, bytes, sizeof(bytes)));
+  CalibBlock out;
+  EXPECT_EQ(CALIB_OK, calib_block_read(bytes, sizeof(bytes), &out));
+}
+
 TEST(CalibBlock, HomographyApply) {
   float h[9] = {2, 0, 1, 0, 1, -3, 0, 0, 1};
   float x, y;
@@ -141,6 +192,10 @@ TEST(CalibBlock, HomographyApply) {
   EXPECT_FLOAT_EQ(17.0f, y);
   float projective[9] = {1, 0, 0, 0, 1, 0, 1, 0, 0};
   EXPECT_FALSE(calib_homography_apply(projective, 0, 5, &x, &y));
+  // A result that overflows the float range (inf, or NaN from inf - inf) is no point either.
+  float huge[9] = {3e36f, -3e36f, 0, 3e36f, 3e36f, 0, 0, 0, 1};
+  EXPECT_FALSE(calib_homography_apply(huge, 200, 200, &x, &y));
+  EXPECT_FALSE(calib_homography_apply(huge, 300, 0, &x, &y));
 }
 
 }  // namespace

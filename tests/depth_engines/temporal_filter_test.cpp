@@ -102,6 +102,12 @@ TEST(TemporalFilter, Refusals) {
   EXPECT_EQ(3, run(f));
   EXPECT_EQ(1, vmZu_TemporalFilterU16_Init(0, MH, DW, DH));
   EXPECT_EQ(1, vmZu_TemporalFilterU16_Init(MW, MH, DW, -3));
+  // The history is as large as the depth map: sides beyond the stereo engine's 8192 are refused
+  // before anything is allocated; the guide may be as large as a calibration resolution.
+  EXPECT_EQ(1, vmZu_TemporalFilterU16_Init(MW, MH, 8193, 8));
+  EXPECT_EQ(1, vmZu_TemporalFilterU16_Init(MW, MH, 16384, 16384));
+  EXPECT_EQ(1, vmZu_TemporalFilterU16_Init(16385, MH, DW, DH));
+  EXPECT_EQ(0, vmZu_TemporalFilterU16_Init(16384, 16384, 8192, 1));
   ASSERT_EQ(0, vmZu_TemporalFilterU16_Init(MW, MH, DW, DH));
   EXPECT_EQ(1, vmZu_TemporalFilterU16_Run(f.out.data(), f.in.data(), DW + 1, DH, f.guide.data(), MW, MH));
   EXPECT_EQ(1, vmZu_TemporalFilterU16_Run(f.out.data(), f.in.data(), DW, DH, f.guide.data(), MW, MH - 2));

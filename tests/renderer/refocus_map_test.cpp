@@ -111,6 +111,37 @@ TEST_F(Generator, PortraitFocusLandsWhereTheUserTouched) {
   EXPECT_EQ(255, map[10 * 320 + 10]);
 }
 
+TEST_F(Generator, FocusPointsOfAnyValueClampToTheMap) {
+  // Quadrants of distinct depth; a focus point beyond the map, up to the ends of the int range,
+  // focuses on the nearest corner in both orientations (the portrait turn must not overflow).
+  std::vector<uint16_t> depth(32 * 24);
+  for (int32_t y = 0; y < 24; ++y)
+    for (int32_t x = 0; x < 32; ++x)
+      depth[y * 32 + x] = static_cast<uint16_t>((y < 12 ? 100 : 400) + (x < 16 ? 0 : 100));
+  std::vector<uint8_t> map(32 * 24);
+  uint16_t lo, hi, target;
+  const struct {
+    int32_t x, y;
+    uint16_t corner;
+  } cases[] = {{INT32_MIN, INT32_MIN, 100},
+               {INT32_MAX, INT32_MIN, 200},
+               {INT32_MIN, INT32_MAX, 400},
+               {INT32_MAX, INT32_MAX, 500}};
+  for (int32_t portrait : {0, 1}) {
+    ASSERT_EQ(RGL_OK, init(64, 48, 32, 24, 32, 24, portrait));
+    ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+    for (const auto& c : cases) {
+      // Portrait frames receive the point turned as (y, H - x): H - x beyond either end of the
+      // int range is what INT32_MIN / INT32_MAX stand for here.
+      const int32_t fx = portrait ? c.y : c.x;
+      const int32_t fy = portrait ? (c.x == INT32_MIN ? INT32_MAX : INT32_MIN) : c.y;
+      ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), fx, fy, &lo, &hi, &target));
+      EXPECT_EQ(c.corner, target) << "portrait " << portrait;
+    }
+    vmKtrRT_GLClose();
+  }
+}
+
 TEST_F(Generator, ChipDepthMeansWhatStereoDepthMeansAtAnySampleRange) {
   // Without a calibration block both variants take 16 samples per pixel; a map whose samples all
   // stay under 256 (little disparity, or a chip sending 8-bit samples) is read as it is.

@@ -67,6 +67,28 @@ TEST_F(RendererSetup, AcceptsTheCalibrationBlockAndRefusesBrokenOnes) {
             vmKtrRT_GLInitV1(otherMaker, sizeof(otherMaker), nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
 }
 
+TEST_F(RendererSetup, UnusableHomographiesAreRefusedWithTheBlocksCode) {
+  // Sealed and regular, but a corner maps out of any usable range: the reader's own code, in
+  // either pair; the block as the generator writes it is accepted.
+  CalibBlock c;
+  calib_block_defaults(&c, 1920, 1080, 1280, 720, 0.0f, 64.0f);
+  uint8_t block[CALIB_BLOCK_SIZE];
+  ASSERT_EQ(CALIB_OK, calib_block_write(&c, block, sizeof(block)));
+  EXPECT_EQ(RGL_OK, vmKtrRT_GLInitV1(block, sizeof(block), nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  vmKtrRT_GLClose();
+  const float huge = 3e36f;
+  memcpy(block + 32, &huge, 4);  // main homography h[0]
+  memcpy(block + 48, &huge, 4);  // main homography h[4]
+  memset(block + 12, 0, 4);
+  const uint32_t crc = calib_block_crc32(block, CALIB_BLOCK_SIZE);
+  memcpy(block + 12, &crc, 4);  // little-endian host
+  EXPECT_EQ(CALIB_ERR_GEOMETRY,
+            vmKtrRT_GLInitV1(block, sizeof(block), nullptr, 0, 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0));
+  EXPECT_EQ(CALIB_ERR_GEOMETRY,
+            vmKtrRT_GLInitV1_1(nullptr, 0, block, sizeof(block), 64, 48, 32, 24, 32, 24, 64, 48, 0, 0, 0, 0, 0));
+  EXPECT_EQ(RGL_ERR_STATE, vmKtrRT_GenRefocusMap_init());  // a refused set-up leaves nothing set up
+}
+
 TEST_F(RendererSetup, DisparityScaleComesFromTheBlock) {
   // The same disparity difference in pixels gives the same map whatever S the depth is stored in.
   uint8_t maps[2][40 * 30];
