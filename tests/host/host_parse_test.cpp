@@ -1,10 +1,14 @@
-// Command-line checks and dump-name parsing of the host tool.
+// Command-line checks, dump names and replay plans, and checked outputs of the host tool.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "host_config.h"
+#include "host_dumps.h"
+#include "host_outputs.h"
 #include "host_sources.h"
 
 namespace {
@@ -23,13 +27,29 @@ TEST(HostArgs, RefusesWhatTheLibraryWouldRefuseAndNamesIt) {
                {{"--main", "1921x1080"}, "even"},
                {{"--depth", "5000x4000"}, "4096"},
                {{"--layout", "5"}, "layout 1..4"},
-               {{"--format", "9"}, "0..6"},
+               {{"--format", "9"}, "--format: '9'"},
                {{"--fnumber", "2:abc"}, "ramp"},
-               {{"--frames", "0"}, "at least 1"},
+               {{"--frames", "0"}, "--frames: '0'"},
                {{"--setprop", "novalue"}, "NAME=VALUE"},
                {{"--pair", "x", "--motion", "dolly"}, "still or as a slow pan"},
-               {{"--focus", "-3,4"}, "X,Y"},
-               {{"--main"}, "WxH"}};
+               {{"--focus", "-3,4"}, "--focus: '-3,4'"},
+               {{"--main"}, "--main needs a value"},
+               // Decimal only: hex and exponent forms are refused with the option named.
+               {{"--layout", "0x32"}, "--layout: '0x32' is not a decimal number"},
+               {{"--seed", "0x10"}, "--seed: '0x10'"},
+               {{"--frames", " 5"}, "--frames: ' 5'"},
+               {{"--main", "0x140x240"}, "--main"},
+               {{"--fnumber", "0x1p1"}, "--fnumber"},
+               // Focus cannot overflow or leave the preview.
+               {{"--focus", "2147483647,5"}, "--focus: '2147483647,5'"},
+               {{"--main", "320x240", "--focus", "320,10"}, "outside the main preview 320x240"},
+               {{"--focus", "10,1080"}, "outside the main preview 1920x1080"},
+               // The library's numeric properties are decimal; others are free text.
+               {{"--setprop", "persist.vm.ktrrt.sc.dump=0xff"}, "persist.vm.ktrrt.sc.dump: '0xff' is not a decimal"},
+               {{"--setprop", "persist.vm.ktrrt.sc.display=0x1c1"}, "persist.vm.ktrrt.sc.display"},
+               {{"--setprop", "persist.vm.log.ktrrt.sc=1e3"}, "persist.vm.log.ktrrt.sc: '1e3'"},
+               {{"--setprop", "persist.vm.ktrrt.sc.debug=99999999999"}, "persist.vm.ktrrt.sc.debug"},
+               {{"--setprop", "persist.vm.ktrrt.sc.info= 1"}, "persist.vm.ktrrt.sc.info"}};
   for (const Case& c : cases) {
     HostConfig config;
     std::string error;
@@ -41,19 +61,50 @@ TEST(HostArgs, RefusesWhatTheLibraryWouldRefuseAndNamesIt) {
 TEST(HostArgs, ReadsSettings) {
   HostConfig c;
   std::string error;
-  ASSERT_TRUE(parse({"--main", "640x480", "--fnumber", "2.8", "--focus", "100,50", "--setprop",
-                     "persist.vm.ktrrt.sc.dump=3", "--layout", "0x32", "--temporal-filter", "on"},
+  ASSERT_TRUE(parse({"--main",
+                     "640x480",
+                     "--fnumber",
+                     "2.8",
+                     "--focus",
+                     "639,479",
+                     "--setprop",
+                     "persist.vm.ktrrt.sc.dump=3",
+                     "--setprop",
+                     "persist.vm.ktrrt.sc.display=449",
+                     "--setprop",
+                     "persist.vm.OpenGL.fileDir=/tmp/x",
+                     "--setprop",
+                     "persist.vm.ktrrt.sc.dflag=",
+                     "--layout",
+                     "50",
+                     "--temporal-filter",
+                     "on",
+                     "--frames",
+                     "010",
+                     "--seed",
+                     "4294967295"},
                     &c, &error))
       << error;
+  EXPECT_FALSE(c.help);
   EXPECT_EQ(c.mainWidth, 640);
   EXPECT_FLOAT_EQ(c.fStart, 2.8f);
   EXPECT_FLOAT_EQ(c.fEnd, 2.8f);
   EXPECT_EQ(c.focus, FocusMode::kFixed);
-  EXPECT_EQ(c.focusX, 100);
+  EXPECT_EQ(c.focusX, 639);
+  EXPECT_EQ(c.focusY, 479);
   EXPECT_EQ(c.cameraLayout, 0x32u);
+  EXPECT_EQ(c.frames, 10);  // decimal, never octal
+  EXPECT_EQ(c.seed, 4294967295u);
   EXPECT_TRUE(c.temporalFilter);
-  ASSERT_EQ(c.properties.size(), 1u);
+  ASSERT_EQ(c.properties.size(), 4u);
   EXPECT_EQ(c.properties[0].second, "3");
+  EXPECT_EQ(c.properties[1].second, "449");
+  // Dumps bring their own sizes: a focus beyond --main is not judged against the default size.
+  HostConfig d;
+  EXPECT_TRUE(parse({"--dumps", "x", "--focus", "4000,3000"}, &d, &error)) << error;
+  HostConfig h;
+  ASSERT_TRUE(parse({"--frames", "3", "--help", "--bogus"}, &h, &error));
+  EXPECT_TRUE(h.help);
 }
 
 TEST(HostDumpNames, ParsesTheLibrarysNamesAndRejectsOthers) {
@@ -66,13 +117,110 @@ TEST(HostDumpNames, ParsesTheLibrarysNamesAndRejectsOthers) {
   EXPECT_FLOAT_EQ(d.fNumber, 2.8f);
   EXPECT_EQ(d.focusX, 960);
   EXPECT_EQ(d.focusY, 540);
+  EXPECT_EQ(host_dump_bytes(d), 1920u * 1080 * 3 / 2);
   ASSERT_TRUE(host_parse_dump_name("0012-preview-sub-1280x720-310.nv21", &d));
   EXPECT_FALSE(d.isMain);
   EXPECT_EQ(d.vcm, 310);
-  for (const char* bad : {"0007-preview-main-1920x1080-300-2.80-960x540.nv21.tmp", "preview-main.nv21",
-                          "0001-preview-main-1921x1080-300-2.80-960x540.nv21", "0003-depth-320x240-1-2-2.80-1x1.raw",
-                          "0001-preview-sub-0x720-3.nv21"})
+  // Counters past 2^31 stay what they say; negative VCM and focus are the library's numbers.
+  ASSERT_TRUE(host_parse_dump_name("3000000000-preview-main-64x48--5--0.00--3x-4.nv21", &d));
+  EXPECT_EQ(d.counter, 3000000000LL);
+  EXPECT_EQ(d.vcm, -5);
+  EXPECT_EQ(d.focusX, -3);
+  EXPECT_EQ(d.focusY, -4);
+  for (const char* bad :
+       {"0007-preview-main-1920x1080-300-2.80-960x540.nv21.tmp", "preview-main.nv21",
+        "0001-preview-main-1921x1080-300-2.80-960x540.nv21", "0003-depth-320x240-1-2-2.80-1x1.raw",
+        "0001-preview-sub-0x720-3.nv21", "-001-preview-sub-64x48-3.nv21",
+        "99999999999999999999-preview-sub-64x48-3.nv21", "0001-preview-main-64x48-300-2.80-2147483648x0.nv21",
+        "0001-preview-main-64x48-300-nan-1x1.nv21", "0001-preview-main-64x48-300-inf-1x1.nv21",
+        "0001-preview-sub-8194x48-3.nv21", "0001-preview-sub-64x48-3.nv21\n", "0001-preview-sub-64x48-"})
     EXPECT_FALSE(host_parse_dump_name(bad, &d)) << bad;
+}
+
+std::string refusalOf(const DumpPlan& p, const std::string& name) {
+  for (const DumpNote& n : p.refused)
+    if (n.name == name) return n.why;
+  return "";
+}
+
+TEST(HostDumpPlan, CounterOrderDecidesWhateverTheListingOrder) {
+  const std::vector<std::string> names = {"0010-preview-main-64x48-300-2.80-32x24.nv21",
+                                          "0010-preview-sub-32x24-300.nv21",
+                                          "0002-preview-main-64x48-300-2.80-32x24.nv21",
+                                          "0002-preview-sub-64x48-300.nv21",
+                                          "3000000000-preview-main-64x48-300-2.80-32x24.nv21",
+                                          "0009-preview-main-32x24-300-2.80-1x1.nv21",
+                                          "0004-preview-main-64x48-300-2.80-32x24.nv21",
+                                          "04-preview-main-64x48-300-2.80-32x24.nv21",
+                                          "0004-preview-sub-64x48-300.nv21",
+                                          "0005-preview-sub-64x48-300.nv21",
+                                          "0006-preview-main-64x48-300-2.80-999x-1.nv21",
+                                          "0007-preview-main-oops.nv21",
+                                          "0008-depth-80x60-1-2-2.80-1x1.raw",
+                                          "0008-preview-out-64x48.nv21",
+                                          "eeprom.raw"};
+  DumpPlan first;
+  host_plan_dumps(names, &first);
+  std::vector<std::string> reversed(names.rbegin(), names.rend());
+  DumpPlan second;
+  host_plan_dumps(reversed, &second);
+  for (const DumpPlan* p : {&first, &second}) {
+    EXPECT_TRUE(p->hasEeprom);
+    EXPECT_EQ(p->mainWidth, 64);
+    // The sub size comes from the lowest counter's sub dump, never from the listing order.
+    EXPECT_EQ(p->subWidth, 64);
+    ASSERT_EQ(p->frames.size(), 4u);
+    EXPECT_EQ(p->frames[0].main.counter, 2);
+    EXPECT_EQ(p->frames[0].subFile, "0002-preview-sub-64x48-300.nv21");
+    EXPECT_EQ(p->frames[1].main.counter, 6);
+    EXPECT_EQ(p->frames[1].main.focusX, 63);  // held inside the preview, and said
+    EXPECT_EQ(p->frames[1].main.focusY, 0);
+    ASSERT_EQ(p->notes.size(), 1u);
+    EXPECT_EQ(p->notes[0].name, "0006-preview-main-64x48-300-2.80-999x-1.nv21");
+    EXPECT_EQ(p->frames[2].main.counter, 10);
+    EXPECT_EQ(p->frames[2].subFile, "");
+    EXPECT_EQ(p->frames[3].main.counter, 3000000000LL);
+    // Each file not played is named with its reason; the library's other dumps are not frames.
+    EXPECT_NE(refusalOf(*p, "0004-preview-main-64x48-300-2.80-32x24.nv21").find("counter 0004"), std::string::npos);
+    EXPECT_NE(refusalOf(*p, "04-preview-main-64x48-300-2.80-32x24.nv21").find("ambiguous"), std::string::npos);
+    EXPECT_NE(refusalOf(*p, "0004-preview-sub-64x48-300.nv21"), "");
+    EXPECT_NE(refusalOf(*p, "0005-preview-sub-64x48-300.nv21").find("no preview-main"), std::string::npos);
+    EXPECT_NE(refusalOf(*p, "0009-preview-main-32x24-300-2.80-1x1.nv21").find("differs from the first frame's 64x48"),
+              std::string::npos);
+    EXPECT_NE(refusalOf(*p, "0010-preview-sub-32x24-300.nv21").find("0002-preview-sub-64x48-300.nv21"),
+              std::string::npos);
+    EXPECT_NE(refusalOf(*p, "0007-preview-main-oops.nv21").find("not a preview dump name"), std::string::npos);
+    EXPECT_EQ(p->refused.size(), 7u);
+  }
+}
+
+TEST(HostSheet, CellsStayBoundedWhateverThePreviewShape) {
+  struct Case {
+    int32_t w, h, cw, ch;
+  } cases[] = {{1920, 1080, 480, 270}, {1080, 1920, 360, 640}, {64, 4096, 10, 640},
+               {8192, 2, 480, 1},      {2, 8192, 1, 640},      {320, 240, 480, 360}};
+  for (const Case& c : cases) {
+    int32_t cw = 0, ch = 0;
+    host_sheet_cell(c.w, c.h, &cw, &ch);
+    EXPECT_EQ(cw, c.cw) << c.w << "x" << c.h;
+    EXPECT_EQ(ch, c.ch) << c.w << "x" << c.h;
+  }
+}
+
+TEST(HostOutputs, FailedPictureWritesAreReportedAndLeaveNoPartialFile) {
+  const std::vector<uint8_t> rgb(64 * 48 * 3, 100);
+  std::string written, error;
+  EXPECT_FALSE(host_write_rgb("/dev/full", rgb.data(), 64, 48, 1, &written, &error));
+  EXPECT_NE(error, "");
+  EXPECT_EQ(written, "");
+  const std::string dir = testing::TempDir() + "/host_outputs_" + std::to_string(getpid());
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+  error.clear();
+  EXPECT_FALSE(host_write_rgb(dir, rgb.data(), 64, 48, 1, &written, &error));  // a folder in the way
+  EXPECT_NE(error, "");
+  std::vector<SheetRow> none;
+  EXPECT_FALSE(host_write_contact_sheet(dir + "/sheet.png", none, &written, &error));
+  rmdir(dir.c_str());
 }
 
 TEST(HostColour, Nv21RoundTripKeepsGreyAndPrimariesClose) {

@@ -22,9 +22,12 @@ struct Result {
   std::string output;  // stdout and stderr together
 };
 
-Result runTool(const std::string& args) {
+// env: assignments put before the tool (NAME=value ...). A hang would show as exit 124.
+Result runTool(const std::string& args, const std::string& env = "") {
   Result r;
-  const std::string cmd = std::string(VMKTR_HOST_TOOL) + " --no-progress " + args + " 2>&1";
+  // By its full path: some runs clear the PATH.
+  const char* timeout = access("/usr/bin/timeout", X_OK) == 0 ? "/usr/bin/timeout 120 " : "";
+  const std::string cmd = env + " " + timeout + std::string(VMKTR_HOST_TOOL) + " --no-progress " + args + " 2>&1";
   FILE* p = popen(cmd.c_str(), "r");
   if (p == nullptr) return r;
   char buf[4096];
@@ -221,7 +224,7 @@ TEST(HostTool, BadInputIsNamedAndEndsNonZero) {
   EXPECT_NE(r.output.find("nothing-here"), std::string::npos) << r.output;
 }
 
-TEST(HostTool, DumpDirectoryWithGapsAndBrokenFilesIsPlayedAroundThem) {
+TEST(HostTool, DumpDirectoryWithGapsAndBrokenFilesIsPlayedAroundThemAndSaysSo) {
   const std::string dir = tempDir("gaps");
   const std::string frame(64 * 48 * 3 / 2, '\x55');
   std::ofstream(dir + "/0001-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary) << frame;
@@ -229,12 +232,153 @@ TEST(HostTool, DumpDirectoryWithGapsAndBrokenFilesIsPlayedAroundThem) {
   std::ofstream(dir + "/0004-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary) << "short";
   std::ofstream(dir + "/0005-preview-main-garbage.nv21", std::ios::binary) << frame;
   std::ofstream(dir + "/0006-preview-sub-64x48-300.nv21", std::ios::binary) << frame;
+  // Longer than its name implies (sparse: costs no disk), a FIFO that would block a reader,
+  // two dumps claiming one counter, a sub dump of another size than the first one.
+  std::ofstream(dir + "/0007-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary) << frame;
+  ASSERT_EQ(truncate((dir + "/0007-preview-main-64x48-300-2.80-32x24.nv21").c_str(), 1LL << 30), 0);
+  ASSERT_EQ(mkfifo((dir + "/0008-preview-main-64x48-300-2.80-32x24.nv21").c_str(), 0644), 0);
+  std::ofstream(dir + "/0009-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary) << frame;
+  std::ofstream(dir + "/009-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary) << frame;
+  std::ofstream(dir + "/0001-preview-sub-64x48-300.nv21", std::ios::binary) << frame;
+  std::ofstream(dir + "/0003-preview-sub-32x24-300.nv21", std::ios::binary) << std::string(32 * 24 * 3 / 2, 'x');
   const Result r = runTool("--dumps " + dir + " --depth 32x24 --no-sheet --no-video --out " + dir + "/out");
-  EXPECT_EQ(r.exitCode, 0) << r.output;
-  EXPECT_NE(r.output.find("0004-preview-main-64x48-300-2.80-32x24.nv21"), std::string::npos) << r.output;
-  EXPECT_NE(r.output.find("0005-preview-main-garbage.nv21"), std::string::npos) << r.output;
-  EXPECT_NE(r.output.find("frame 0006 has a sub dump but no preview-main dump"), std::string::npos) << r.output;
+  EXPECT_EQ(r.exitCode, 2) << r.output;  // frames were played, but not all: never 0
+  for (const char* named :
+       {"0004-preview-main-64x48-300-2.80-32x24.nv21: 5 bytes, shorter than the 4608 bytes",
+        "0005-preview-main-garbage.nv21: not a preview dump name",
+        "0006-preview-sub-64x48-300.nv21: no preview-main dump is played with the counter 0006",
+        "0007-preview-main-64x48-300-2.80-32x24.nv21: longer than the 4608 bytes",
+        "0008-preview-main-64x48-300-2.80-32x24.nv21: not a regular file",
+        "0009-preview-main-64x48-300-2.80-32x24.nv21: 2 preview-main dumps have the counter 0009",
+        "009-preview-main-64x48-300-2.80-32x24.nv21: 2 preview-main dumps",
+        "0003-preview-sub-32x24-300.nv21: its size 32x24 differs from the first sub dump's 64x48", "skipped 8 items"})
+    EXPECT_NE(r.output.find(named), std::string::npos) << named << "\n" << r.output;
   EXPECT_EQ(list(dir + "/out/frames").size(), 2u);
+  EXPECT_NE(r.output.find("frames written: 2 of 5"), std::string::npos) << r.output;
+}
+
+TEST(HostTool, DumpFolderCalibrationIsReadOrSaidWhy) {
+  const std::string dir = tempDir("eeprom");
+  std::ofstream(dir + "/0001-preview-main-64x48-300-2.80-32x24.nv21", std::ios::binary)
+      << std::string(64 * 48 * 3 / 2, 'x');
+  std::ofstream(dir + "/eeprom.raw", std::ios::binary);  // empty
+  Result r = runTool("--dumps " + dir + " --depth 32x24 --no-sheet --no-video --no-png --out " + dir + "/o1");
+  EXPECT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_NE(r.output.find(dir + "/eeprom.raw is empty"), std::string::npos) << r.output;
+  // Not a calibration block: Init refuses, and the code is given with its meaning.
+  std::ofstream(dir + "/eeprom.raw", std::ios::binary) << "12345";
+  r = runTool("--dumps " + dir + " --depth 32x24 --no-sheet --no-video --no-png --out " + dir + "/o2");
+  EXPECT_EQ(r.exitCode, 3) << r.output;
+  EXPECT_NE(r.output.find("vmKtrRT_SC_Init refused the session: result "), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find(" ("), std::string::npos) << r.output;
+  unlink((dir + "/eeprom.raw").c_str());
+  ASSERT_EQ(mkfifo((dir + "/eeprom.raw").c_str(), 0644), 0);
+  r = runTool("--dumps " + dir + " --depth 32x24 --no-sheet --no-video --no-png --out " + dir + "/o3");
+  EXPECT_EQ(r.exitCode, 2) << r.output;
+  EXPECT_NE(r.output.find(dir + "/eeprom.raw: not a regular file"), std::string::npos) << r.output;
+}
+
+TEST(HostTool, EncoderRunsWithoutAShellAndAnEarlyExitIsAFailedOutput) {
+  const std::string dir = tempDir("encoder");
+  // A stand-in encoder: the frames go into its last argument's file.
+  const std::string fake = dir + "/enc.sh";
+  std::ofstream(fake) << "#!/bin/sh\nfor last; do :; done\nexec cat > \"${last#file:}\"\n";
+  ASSERT_EQ(chmod(fake.c_str(), 0755), 0);
+  const std::string out = dir + "/a b'c;touch INJECTED;'";
+  Result r = runTool(std::string(kSmall) + " --frames 3 --no-png --no-sheet --out \"" + out + "\"",
+                     "cd " + dir + " && VM_HOST_FFMPEG=" + fake);
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_EQ(readAll(out + "/output.mp4").size(), 3u * 320 * 240 * 3 / 2);
+  EXPECT_NE(r.output.find("video: " + out + "/output.mp4"), std::string::npos) << r.output;
+  EXPECT_FALSE(file_exists(dir + "/INJECTED"));
+  EXPECT_FALSE(file_exists("INJECTED"));
+  // An encoder that exits at once: the video is a failed output, everything else is still done.
+  for (const char* encoder : {"/bin/false", "/bin/true"}) {
+    const std::string o = dir + "/early";
+    r = runTool(std::string(kSmall) + " --frames 4 --no-png --out " + o, std::string("VM_HOST_FFMPEG=") + encoder);
+    EXPECT_EQ(r.exitCode, 5) << encoder << "\n" << r.output;
+    EXPECT_NE(r.output.find("could not write " + o + "/output.mp4: the encoder " + encoder), std::string::npos)
+        << r.output;
+    EXPECT_EQ(r.output.find("video:"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("contact sheet: " + o + "/contact_sheet.png"), std::string::npos) << r.output;
+    EXPECT_NE(readAll(o + "/timing.txt").find("caller thread sustains"), std::string::npos);
+    EXPECT_NE(readAll(o + "/log.txt").find("vmKtrRT_SC_Deinit"), std::string::npos);
+    EXPECT_EQ(occurrences(readAll(o + "/trace.json"), "\"name\":\"vmKtrRT_SC_Run\""), 4u);
+  }
+  r = runTool(std::string(kSmall) + " --frames 1 --no-png --no-sheet --out " + dir + "/missing",
+              "VM_HOST_FFMPEG=" + dir + "/no-such-encoder");
+  EXPECT_EQ(r.exitCode, 5) << r.output;
+  EXPECT_NE(r.output.find("no-such-encoder"), std::string::npos) << r.output;
+}
+
+TEST(HostTool, EveryOutputIsCheckedAndOnlyWrittenOnesAreListed) {
+  const std::string dir = tempDir("writes");
+  // A file where frames/ goes: no frame pictures, the rest written, exit 5 naming it.
+  ASSERT_EQ(mkdir((dir + "/o1").c_str(), 0755), 0);
+  std::ofstream(dir + "/o1/frames") << "in the way";
+  Result r = runTool(std::string(kSmall) + " --frames 2 --no-video --out " + dir + "/o1");
+  EXPECT_EQ(r.exitCode, 5) << r.output;
+  EXPECT_NE(r.output.find("could not write " + dir + "/o1/frames"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find("frames written"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("contact sheet: " + dir + "/o1/contact_sheet.png"), std::string::npos) << r.output;
+  // log.txt a folder, timing.txt and a frame on a full device.
+  ASSERT_EQ(mkdir((dir + "/o2").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((dir + "/o2/log.txt").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((dir + "/o2/frames").c_str(), 0755), 0);
+  ASSERT_EQ(symlink("/dev/full", (dir + "/o2/timing.txt").c_str()), 0);
+  ASSERT_EQ(symlink("/dev/full", (dir + "/o2/frames/frame_0001.png").c_str()), 0);
+  r = runTool(std::string(kSmall) + " --frames 2 --no-video --out " + dir + "/o2");
+  EXPECT_EQ(r.exitCode, 5) << r.output;
+  for (const char* failed : {"/o2/log.txt", "/o2/timing.txt", "/o2/frames/frame_0001.png"})
+    EXPECT_NE(r.output.find("could not write " + dir + failed), std::string::npos) << failed << "\n" << r.output;
+  EXPECT_NE(r.output.find("3 outputs could not be written"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find("log: "), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find("timing: "), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("trace: " + dir + "/o2/trace.json"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("frames written: 1 of 2"), std::string::npos) << r.output;
+}
+
+TEST(HostTool, FullDiskIsAFailedOutput) {
+  const std::string dir = tempDir("tmpfs");
+  const std::string mnt = dir + "/small";
+  ASSERT_EQ(mkdir(mnt.c_str(), 0755), 0);
+  if (system(("mount -t tmpfs -o size=64k tmpfs '" + mnt + "' 2>/dev/null").c_str()) != 0)
+    GTEST_SKIP() << "no tmpfs can be mounted here";
+  const Result r = runTool(std::string(kSmall) + " --frames 4 --out " + mnt + "/out", "PATH=/nonexistent");
+  EXPECT_EQ(system(("umount '" + mnt + "'").c_str()), 0);
+  EXPECT_EQ(r.exitCode, 5) << r.output;
+  EXPECT_NE(r.output.find("No space left on device"), std::string::npos) << r.output;
+  EXPECT_EQ(r.output.find("video:"), std::string::npos) << r.output;  // the Y4M cannot fit in 64 KiB
+}
+
+TEST(HostTool, TallPreviewMakesABoundedSheetAndTrackedFocusStaysInside) {
+  const std::string out = tempDir("tall");
+  const Result r = runTool(
+      "--main 64x2048 --sub 64x2048 --depth 32x24 --frames 4 --focus track --no-video --no-png "
+      "--out " +
+      out);
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_EQ(r.output.find("ERROR"), std::string::npos) << r.output;  // no region with left > right
+  Image8 sheet;
+  std::string error;
+  ASSERT_TRUE(image_read8(out + "/contact_sheet.png", &sheet, &error)) << error;
+  EXPECT_LE(sheet.width, 4 * 480 + 5 * 8);
+  EXPECT_LE(sheet.height, 4 * (640 + 8) + 8);
+}
+
+TEST(HostTool, HelpListsExitCodesAndTheEncoderOverride) {
+  const Result r = runTool("--help");
+  EXPECT_EQ(r.exitCode, 0);
+  EXPECT_NE(r.output.find("exit codes"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("VM_HOST_FFMPEG"), std::string::npos) << r.output;
+  const Result bad = runTool("--frames 1 --setprop persist.vm.ktrrt.sc.dump=0xff");
+  EXPECT_EQ(bad.exitCode, 2);
+  EXPECT_NE(bad.output.find("persist.vm.ktrrt.sc.dump"), std::string::npos) << bad.output;
+  // A property given through the environment is held to the same rule.
+  const Result env = runTool("--frames 1 --no-video --out " + tempDir("envprop"),
+                             "VM_HOST_PROPERTIES='persist.vm.ktrrt.sc.display=0x1c1'");
+  EXPECT_EQ(env.exitCode, 2) << env.output;
+  EXPECT_NE(env.output.find("persist.vm.ktrrt.sc.display"), std::string::npos) << env.output;
 }
 
 }  // namespace

@@ -2,32 +2,11 @@
 #include "host_config.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 
+#include "tool_cli.h"
+
 namespace {
-
-bool parseInt(const char* s, int64_t lo, int64_t hi, int32_t* out) {
-  char* end = nullptr;
-  long long v = strtoll(s, &end, 0);
-  if (end == s || *end != '\0' || v < lo || v > hi) return false;
-  *out = static_cast<int32_t>(v);
-  return true;
-}
-
-bool parseFloat(const char* s, float lo, float hi, float* out) {
-  char* end = nullptr;
-  double v = strtod(s, &end);
-  if (end == s || *end != '\0' || !(v >= lo && v <= hi)) return false;
-  *out = static_cast<float>(v);
-  return true;
-}
-
-bool parseSize(const char* s, int32_t* w, int32_t* h) {
-  int consumed = 0;
-  if (sscanf(s, "%dx%d%n", w, h, &consumed) != 2 || s[consumed] != '\0') return false;
-  return *w > 0 && *h > 0 && *w <= 8192 && *h <= 8192;
-}
 
 bool onOff(const char* s, bool* out) {
   if (strcmp(s, "on") == 0 || strcmp(s, "1") == 0) return (*out = true), true;
@@ -35,149 +14,197 @@ bool onOff(const char* s, bool* out) {
   return false;
 }
 
+bool parseFNumber(const char* s, float* out) {
+  double v = 0;
+  if (!tool_parse_double(s, 0.5, 64.0, &v)) return false;
+  *out = static_cast<float>(v);
+  return true;
+}
+
+// The library's own property buffer holds 91 characters and the terminating zero.
+constexpr size_t kPropertyValueMax = 91;
+
 }  // namespace
 
 void host_print_usage(FILE* out) {
   fprintf(out,
           "usage: vmktr_host [options]\n"
-          "Runs the bokeh library through its five functions on a sequence of frames.\n\n"
+          "Runs the bokeh library through its five functions on a sequence of frames.\n"
+          "Numbers are decimal.\n\n"
           "sources (default: the built-in synthetic scene)\n"
           "  --synthetic              built-in synthetic scene (a figure before a textured background)\n"
           "  --pair DIR|LEFT.png      stereo pair: a folder with im0/im1 (png/ppm) or the main image\n"
           "  --pair-sub RIGHT.png     the sub image when --pair names a file\n"
-          "  --dumps DIR              replay the library's preview-main/preview-sub dumps in frame order\n"
+          "  --dumps DIR              replay the library's preview-main/preview-sub dumps in counter order;\n"
+          "                           each dump must be exactly the NV21 frame its name gives\n"
           "session\n"
-          "  --frames N               frames to run (default 60; dumps: all found)\n"
-          "  --main WxH --sub WxH     preview sizes (default 1920x1080, 1280x720)\n"
+          "  --frames N               frames to run, 1..1000000 (default 60; dumps: all found)\n"
+          "  --main WxH --sub WxH     preview sizes, even, up to 8192 (default 1920x1080, 1280x720)\n"
           "  --depth WxH              depth map size as the caller sees it (default 320x240)\n"
           "  --screen WxH             display size (default 1080x2340)\n"
-          "  --layout N               camera layout word (default 2; 0x10|0x20/0x40 chip depth)\n"
+          "  --layout N               camera layout word 0..127 (default 2): layout 1..4, plus 16 for chip\n"
+          "                           depth, plus 32 (10-bit) or 64 (8-bit); e.g. 50 = 10-bit chip, layout 2\n"
           "  --format N               image format code 0..6 (default 0, one NV21 block)\n"
-          "  --fnumber F | A:B        fixed f-number, or a ramp from A to B (default 4:1.4)\n"
+          "  --fnumber F | A:B        fixed f-number, or a ramp from A to B, 0.5..64 (default 4:1.4)\n"
           "  --focus centre|X,Y|track focus point (default: the subject of a synthetic scene, else the\n"
-          "                           centre; track follows a slow circle)\n"
+          "                           centre; X,Y inside the main preview; track follows a slow circle)\n"
           "  --temporal-filter on|off temporal depth filter (default off)\n"
           "  --portrait, --high-quality\n"
-          "  --setprop NAME=VALUE     a system property for the library (repeatable)\n"
+          "  --setprop NAME=VALUE     a system property for the library (repeatable); the library's\n"
+          "                           persist.vm.ktrrt.sc.* and persist.vm.log.ktrrt.sc are decimal numbers\n"
           "  --seed N, --motion still|pan|dolly|object|focus   synthetic scene and sequence\n"
           "outputs\n"
           "  --out DIR                output folder (default out)\n"
-          "  --no-video, --no-sheet, --no-png, --no-progress\n");
+          "  --no-video, --no-sheet, --no-png, --no-progress\n"
+          "  The video is output.mp4 through ffmpeg when it is on the PATH (started without a shell),\n"
+          "  else output.y4m. VM_HOST_FFMPEG names another encoder program taking ffmpeg's arguments\n"
+          "  (for tests). An output that cannot be written is named and makes the exit code 5; the\n"
+          "  list printed at the end names only what was written.\n"
+          "%s",
+          kToolExitCodesHelp);
+}
+
+bool host_check_property(const std::string& name, const std::string& value, std::string* error) {
+  if (value.size() > kPropertyValueMax) {
+    *error = "--setprop " + name + ": value longer than " + std::to_string(kPropertyValueMax) + " bytes";
+    return false;
+  }
+  const bool numeric = name.rfind("persist.vm.ktrrt.sc.", 0) == 0 || name == "persist.vm.log.ktrrt.sc";
+  int64_t v = 0;
+  if (numeric && !value.empty() && !tool_parse_int(value.c_str(), INT32_MIN, INT32_MAX, &v)) {
+    // The library would read "0x1c1" as 0: say so rather than run with the switch off.
+    *error = "--setprop " + name + ": '" + value + "' is not a decimal number (the library reads " + name +
+             " as decimal; write 0x1c1 as 449)";
+    return false;
+  }
+  return true;
 }
 
 bool host_parse_args(int argc, char** argv, HostConfig* c, std::string* error) {
-  auto fail = [&](const std::string& m) {
-    *error = m;
-    return false;
-  };
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    auto value = [&](const char** v) {
-      if (i + 1 >= argc) return false;
-      *v = argv[++i];
-      return true;
-    };
+  ToolArgs args(argc, argv);
+  while (args.next()) {
     const char* v = nullptr;
-    if (a == "--synthetic") {
+    if (args.is("--synthetic")) {
       c->source = SourceKind::kSynthetic;
-    } else if (a == "--pair") {
-      if (!value(&v)) return fail("--pair needs a folder or an image");
+    } else if (args.is("--pair")) {
+      if (!args.string_value(&c->sourcePath)) break;
       c->source = SourceKind::kPair;
-      c->sourcePath = v;
-    } else if (a == "--pair-sub") {
-      if (!value(&v)) return fail("--pair-sub needs an image");
-      c->subImagePath = v;
-    } else if (a == "--dumps") {
-      if (!value(&v)) return fail("--dumps needs a directory");
+    } else if (args.is("--pair-sub")) {
+      if (!args.string_value(&c->subImagePath)) break;
+    } else if (args.is("--dumps")) {
+      if (!args.string_value(&c->sourcePath)) break;
       c->source = SourceKind::kDumps;
-      c->sourcePath = v;
-    } else if (a == "--frames") {
-      if (!value(&v) || !parseInt(v, 1, 1000000, &c->frames)) return fail("--frames needs a count of at least 1");
+    } else if (args.is("--frames")) {
+      if (!args.int_value(1, 1000000, &c->frames)) break;
       c->framesGiven = true;
-    } else if (a == "--main") {
-      if (!value(&v) || !parseSize(v, &c->mainWidth, &c->mainHeight)) return fail("--main needs WxH");
-    } else if (a == "--sub") {
-      if (!value(&v) || !parseSize(v, &c->subWidth, &c->subHeight)) return fail("--sub needs WxH");
-    } else if (a == "--depth") {
-      if (!value(&v) || !parseSize(v, &c->depthWidth, &c->depthHeight)) return fail("--depth needs WxH");
-    } else if (a == "--screen") {
-      if (!value(&v) || !parseSize(v, &c->screenWidth, &c->screenHeight)) return fail("--screen needs WxH");
-    } else if (a == "--layout") {
+    } else if (args.is("--main")) {
+      if (!args.size_value(2, 8192, &c->mainWidth, &c->mainHeight)) break;
+    } else if (args.is("--sub")) {
+      if (!args.size_value(2, 8192, &c->subWidth, &c->subHeight)) break;
+    } else if (args.is("--depth")) {
+      if (!args.size_value(1, 8192, &c->depthWidth, &c->depthHeight)) break;
+    } else if (args.is("--screen")) {
+      if (!args.size_value(1, 8192, &c->screenWidth, &c->screenHeight)) break;
+    } else if (args.is("--layout")) {
       int32_t layout = 0;
-      if (!value(&v) || !parseInt(v, 0, 0x7F, &layout)) return fail("--layout needs a layout word 0..0x7f");
+      if (!args.int_value(0, 127, &layout)) break;
       c->cameraLayout = static_cast<uint32_t>(layout);
-    } else if (a == "--format") {
-      if (!value(&v) || !parseInt(v, 0, 6, &c->imageFormat)) return fail("--format needs an image format code 0..6");
-    } else if (a == "--fnumber") {
-      if (!value(&v)) return fail("--fnumber needs F or A:B");
+    } else if (args.is("--format")) {
+      if (!args.int_value(0, 6, &c->imageFormat)) break;
+    } else if (args.is("--fnumber")) {
+      if (!args.value(&v)) break;
       const char* colon = strchr(v, ':');
       if (colon == nullptr) {
-        if (!parseFloat(v, 0.5f, 64.0f, &c->fStart)) return fail("--fnumber: not an f-number between 0.5 and 64");
+        if (!parseFNumber(v, &c->fStart)) args.fail(std::string("--fnumber: '") + v + "' is not an f-number 0.5..64");
         c->fEnd = c->fStart;
       } else {
         const std::string first(v, colon);
-        if (!parseFloat(first.c_str(), 0.5f, 64.0f, &c->fStart) || !parseFloat(colon + 1, 0.5f, 64.0f, &c->fEnd))
-          return fail("--fnumber: not a ramp A:B of f-numbers between 0.5 and 64");
+        if (!parseFNumber(first.c_str(), &c->fStart) || !parseFNumber(colon + 1, &c->fEnd))
+          args.fail(std::string("--fnumber: '") + v + "' is not a ramp A:B of f-numbers 0.5..64");
       }
-    } else if (a == "--focus") {
-      if (!value(&v)) return fail("--focus needs centre, X,Y or track");
+    } else if (args.is("--focus")) {
+      if (!args.value(&v)) break;
       if (strcmp(v, "centre") == 0 || strcmp(v, "center") == 0) {
         c->focus = FocusMode::kCentre;
       } else if (strcmp(v, "track") == 0) {
         c->focus = FocusMode::kTrack;
       } else {
-        int consumed = 0;
-        if (sscanf(v, "%d,%d%n", &c->focusX, &c->focusY, &consumed) != 2 || v[consumed] != '\0' || c->focusX < 0 ||
-            c->focusY < 0)
-          return fail("--focus: expected centre, track or X,Y in main-preview pixels");
+        int64_t x = 0, y = 0;
+        if (!tool_parse_int_pair(v, ',', 0, 8191, &x, &y)) {
+          args.fail(std::string("--focus: '") + v +
+                    "' is not centre, track or X,Y in main-preview pixels (0..8191 each)");
+          break;
+        }
         c->focus = FocusMode::kFixed;
+        c->focusX = static_cast<int32_t>(x);
+        c->focusY = static_cast<int32_t>(y);
       }
-    } else if (a == "--temporal-filter") {
-      if (!value(&v) || !onOff(v, &c->temporalFilter)) return fail("--temporal-filter needs on or off");
-    } else if (a == "--portrait") {
+    } else if (args.is("--temporal-filter")) {
+      if (!args.value(&v)) break;
+      if (!onOff(v, &c->temporalFilter)) args.fail(std::string("--temporal-filter: '") + v + "' is not on or off");
+    } else if (args.is("--portrait")) {
       c->portrait = true;
-    } else if (a == "--high-quality") {
+    } else if (args.is("--high-quality")) {
       c->highQuality = true;
-    } else if (a == "--setprop") {
-      if (!value(&v) || strchr(v, '=') == nullptr || v[0] == '=') return fail("--setprop needs NAME=VALUE");
+    } else if (args.is("--setprop")) {
+      if (!args.value(&v)) break;
       const char* eq = strchr(v, '=');
-      if (strlen(eq + 1) > 91) return fail(std::string("--setprop: value longer than 91 bytes for ") + v);
-      c->properties.emplace_back(std::string(v, eq), std::string(eq + 1));
-    } else if (a == "--seed") {
-      int32_t seed = 0;
-      if (!value(&v) || !parseInt(v, 0, 0x7FFFFFFF, &seed)) return fail("--seed needs a number");
+      if (eq == nullptr || eq == v) {
+        args.fail(std::string("--setprop: '") + v + "' is not NAME=VALUE");
+        break;
+      }
+      const std::string name(v, eq), value(eq + 1);
+      std::string why;
+      if (!host_check_property(name, value, &why)) {
+        args.fail(why);
+        break;
+      }
+      c->properties.emplace_back(name, value);
+    } else if (args.is("--seed")) {
+      int64_t seed = 0;
+      if (!args.int_value(0, UINT32_MAX, &seed)) break;
       c->seed = static_cast<uint32_t>(seed);
-    } else if (a == "--motion") {
-      if (!value(&v)) return fail("--motion needs a sequence kind");
-      c->motion = v;
+    } else if (args.is("--motion")) {
+      if (!args.string_value(&c->motion)) break;
       if (c->motion != "still" && c->motion != "pan" && c->motion != "dolly" && c->motion != "object" &&
           c->motion != "focus")
-        return fail("--motion: unknown sequence '" + c->motion + "' (still, pan, dolly, object, focus)");
-    } else if (a == "--out") {
-      if (!value(&v) || v[0] == '\0') return fail("--out needs a folder");
-      c->outDir = v;
-    } else if (a == "--no-video") {
+        args.fail("--motion: unknown sequence '" + c->motion + "' (still, pan, dolly, object, focus)");
+    } else if (args.is("--out")) {
+      if (!args.string_value(&c->outDir)) break;
+    } else if (args.is("--no-video")) {
       c->video = false;
-    } else if (a == "--no-sheet") {
+    } else if (args.is("--no-sheet")) {
       c->sheet = false;
-    } else if (a == "--no-png") {
+    } else if (args.is("--no-png")) {
       c->pngFrames = false;
-    } else if (a == "--no-progress") {
+    } else if (args.is("--no-progress")) {
       c->progress = false;
-    } else if (a == "--help" || a == "-h") {
-      return fail("help");
+    } else if (args.is_help()) {
+      c->help = true;
+      return true;
     } else {
-      return fail("unknown option '" + a + "'");
+      args.unknown();
     }
   }
+  auto fail = [&](const std::string& m) {
+    *error = m;
+    return false;
+  };
+  if (args.failed()) return fail(args.error());
   // What Init would refuse: say so before starting rather than after.
   if ((c->mainWidth | c->mainHeight | c->subWidth | c->subHeight) & 1)
-    return fail("preview sizes must be even (NV21 has one chroma pair per 2x2 block)");
+    return fail("--main, --sub: preview sizes must be even (NV21 has one chroma pair per 2x2 block)");
   if (static_cast<int64_t>(c->depthWidth) * c->depthHeight > 4096LL * 4096LL)
-    return fail("depth map larger than 4096x4096");
+    return fail("--depth: depth map larger than 4096x4096");
   const uint32_t layout = c->cameraLayout & 0xF;
   if (layout < 1 || layout > 4) return fail("--layout: the low four bits must be a layout 1..4");
   if (c->source == SourceKind::kPair && c->motion != "still" && c->motion != "pan")
     return fail("--motion: a stereo pair can be played still or as a slow pan only");
+  // Dumps carry their own focus points and sizes; for the other sources the point must lie
+  // inside the main preview, or the focus region would be empty.
+  if (c->focus == FocusMode::kFixed && c->source != SourceKind::kDumps &&
+      (c->focusX >= c->mainWidth || c->focusY >= c->mainHeight))
+    return fail("--focus: " + std::to_string(c->focusX) + "," + std::to_string(c->focusY) +
+                " lies outside the main preview " + std::to_string(c->mainWidth) + "x" + std::to_string(c->mainHeight));
   return true;
 }

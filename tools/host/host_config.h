@@ -3,6 +3,7 @@
 #define VM_HOST_CONFIG_H
 
 #include <stdint.h>
+#include <stdio.h>
 
 #include <string>
 #include <utility>
@@ -37,11 +38,15 @@ struct HostConfig {
   bool sheet = true;
   bool pngFrames = true;
   bool progress = true;  // shown only on a terminal
+  bool help = false;     // --help: print the usage and stop
 };
 
 // Parses argv into config; on a bad flag or a value the library would refuse, returns false
-// with a message naming the problem.
+// with a message naming the option. --help sets config->help and returns true.
 bool host_parse_args(int argc, char** argv, HostConfig* config, std::string* error);
 void host_print_usage(FILE* out);
+// The library reads its numeric properties (persist.vm.ktrrt.sc.*, persist.vm.log.ktrrt.sc) as
+// decimal numbers: false with the property named when value is anything else (empty is unset).
+bool host_check_property(const std::string& name, const std::string& value, std::string* error);
 
 #endif  // VM_HOST_CONFIG_H

@@ -3,6 +3,7 @@
 // rendered frames, a contact sheet, a video, the library's log and a timing report.
 #include <dirent.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -23,6 +24,7 @@
 #include "host_outputs.h"
 #include "host_sources.h"
 #include "image/depth_display.h"
+#include "tool_cli.h"
 #include "vmKtrRT_SC.h"
 #include "vm_host_platform.h"
 
@@ -42,17 +44,6 @@ int32_t threadId() {
   return static_cast<int32_t>(syscall(SYS_gettid));
 }
 
-bool makeDirs(const std::string& path) {
-  std::string partial;
-  for (size_t i = 0; i <= path.size(); ++i) {
-    if (i == path.size() || path[i] == '/') {
-      if (!partial.empty() && mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return false;
-    }
-    if (i < path.size()) partial.push_back(path[i]);
-  }
-  return true;
-}
-
 std::set<std::string> listDir(const std::string& dir) {
   std::set<std::string> names;
   if (DIR* d = opendir(dir.c_str())) {
@@ -63,17 +54,41 @@ std::set<std::string> listDir(const std::string& dir) {
   return names;
 }
 
-bool moveFile(const std::string& from, const std::string& to) {
+// Moves one of the library's dumps; a copy across file systems is checked, and the original is
+// removed only once the copy is whole (a failure never loses the dump).
+bool moveFile(const std::string& from, const std::string& to, std::string* error) {
   if (rename(from.c_str(), to.c_str()) == 0) return true;
+  if (errno != EXDEV) {
+    *error = strerror(errno);
+    return false;
+  }
+  if (!tool_is_regular_file(from)) {
+    *error = from + " is not a regular file";
+    return false;
+  }
   FILE* in = fopen(from.c_str(), "rb");
-  FILE* out = in != nullptr ? fopen(to.c_str(), "wb") : nullptr;
-  bool ok = in != nullptr && out != nullptr;
+  if (in == nullptr) {
+    *error = from + ": " + strerror(errno);
+    return false;
+  }
+  FILE* out = fopen(to.c_str(), "wb");
+  if (out == nullptr) {
+    *error = strerror(errno);
+    fclose(in);
+    return false;
+  }
+  bool ok = true;
   char buf[65536];
   size_t n;
   while (ok && (n = fread(buf, 1, sizeof buf, in)) > 0) ok = fwrite(buf, 1, n, out) == n;
-  if (in != nullptr) fclose(in);
-  if (out != nullptr) ok = fclose(out) == 0 && ok;
-  if (ok) unlink(from.c_str());
+  if (!ok) *error = strerror(errno);
+  if (ok && ferror(in)) ok = false, *error = from + " could not be read";
+  fclose(in);
+  if (!tool_close_checked(out, error)) ok = false;
+  if (ok)
+    unlink(from.c_str());
+  else
+    unlink(to.c_str());
   return ok;
 }
 
@@ -121,30 +136,25 @@ void onLogLine(void* /*user*/, int prio, const char* tag, const char* message) {
   }
 }
 
-// Newest dump of a kind in the dump directory (highest frame counter), read whole.
-bool newestDump(const std::string& dir, const std::string& kind, std::vector<uint8_t>* out) {
+// Newest dump of a kind in the dump directory (highest frame counter), read whole when it has
+// the expected length.
+bool newestDump(const std::string& dir, const std::string& kind, size_t bytes, std::vector<uint8_t>* out) {
   std::string best;
-  int bestCounter = -1;
+  int64_t bestCounter = -1;
   for (const std::string& name : listDir(dir)) {
-    int counter = 0, consumed = 0;
-    char kindBuf[32];
-    if (sscanf(name.c_str(), "%d-%31[a-z-]%n", &counter, kindBuf, &consumed) != 2) continue;
-    std::string k = kindBuf;
-    // The kind is followed by a dash, and a negative first number brings a second one.
-    while (!k.empty() && k.back() == '-') k.pop_back();
-    if (k != kind || counter < bestCounter) continue;
+    // NNNN-<kind>-<number>...: the next character tells "depth" from "depth-main".
+    size_t at = 0;
+    int64_t counter = 0;
+    while (at < name.size() && at < 18 && name[at] >= '0' && name[at] <= '9')
+      counter = counter * 10 + (name[at++] - '0');
+    if (at == 0 || name.compare(at, kind.size() + 2, "-" + kind + "-") != 0) continue;
+    const char next = at + kind.size() + 2 < name.size() ? name[at + kind.size() + 2] : '\0';
+    if (!(next == '-' || (next >= '0' && next <= '9')) || counter < bestCounter) continue;
     bestCounter = counter;
     best = name;
   }
-  if (best.empty()) return false;
-  FILE* f = fopen((dir + "/" + best).c_str(), "rb");
-  if (f == nullptr) return false;
-  out->clear();
-  uint8_t buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
-  fclose(f);
-  return true;
+  std::string error;
+  return !best.empty() && tool_read_file(dir + "/" + best, bytes, out, &error) && out->size() == bytes;
 }
 
 void colouriseDepth(const std::vector<uint8_t>& raw, int32_t w, int32_t h, std::vector<uint8_t>* rgb) {
@@ -170,53 +180,119 @@ bool hasProperty(const HostConfig& c, const std::string& name) {
   return false;
 }
 
-}  // namespace
+const char* initResultMeaning(uint32_t result) {
+  switch (result) {
+    case 1:
+      return "bad argument or unknown flag";
+    case 2:
+      return "out of memory";
+    case 3:
+      return "a buffer slot missing";
+    case 5:
+      return "result discarded on request";
+    case 6:
+      return "invalid or missing calibration";
+    default:
+      return "an engine's code, passed through";
+  }
+}
 
-int main(int argc, char** argv) {
+// The library reads these as decimal numbers; values from VM_HOST_PROPERTIES or the property
+// file are held to that as --setprop's are.
+const char* const kLibraryProperties[] = {"persist.vm.log.ktrrt.sc",     "persist.vm.ktrrt.sc.debug",
+                                          "persist.vm.ktrrt.sc.display", "persist.vm.ktrrt.sc.info",
+                                          "persist.vm.ktrrt.sc.dump",    "persist.vm.ktrrt.sc.dflag"};
+
+bool closeLog(ToolReport* report, const std::string& path) {
+  std::lock_guard<std::mutex> lock(g_log.mu);
+  if (g_log.file == nullptr) return false;
+  std::string error;
+  const bool ok = tool_close_checked(g_log.file, &error);
+  g_log.file = nullptr;
+  if (!ok) report->write_failed(path, error);
+  return ok;
+}
+
+int hostMain(int argc, char** argv) {
+  // A finished encoder must show as a failed write, not end the runner.
+  signal(SIGPIPE, SIG_IGN);
   if (getenv("VM_HOST_LOG") == nullptr) setenv("VM_HOST_LOG", "none", 1);  // the log goes to out/log.txt
   HostConfig config;
   std::string error;
   if (!host_parse_args(argc, argv, &config, &error)) {
-    if (error == "help") {
-      host_print_usage(stdout);
-      return 0;
-    }
     fprintf(stderr, "vmktr_host: %s\n(run with --help for the options)\n", error.c_str());
-    return 2;
+    return kToolExitUsage;
+  }
+  if (config.help) {
+    host_print_usage(stdout);
+    return kToolExitDone;
   }
   if (config.imageFormat == 2) {
-    fprintf(stderr, "vmktr_host: image format 2 (three planes) is not produced by this tool; use 0 or 6\n");
-    return 2;
+    fprintf(stderr, "vmktr_host: --format 2 (three planes) is not produced by this tool; use 0 or 6\n");
+    return kToolExitUsage;
   }
-  if (!makeDirs(config.outDir + "/frames")) {
-    fprintf(stderr, "vmktr_host: cannot create the output folder %s\n", config.outDir.c_str());
-    return 2;
+  ToolReport report;
+  report.tool = "vmktr_host";
+  const std::string& out = config.outDir;
+  if (!tool_make_dirs(out, &error)) {
+    fprintf(stderr, "vmktr_host: cannot create the output folder %s (%s)\n", out.c_str(), error.c_str());
+    return kToolExitWrite;
+  }
+  bool pngFrames = config.pngFrames;
+  if (pngFrames && !tool_make_dirs(out + "/frames", &error)) {
+    report.write_failed(out + "/frames", error + "; no frame pictures are written");
+    pngFrames = false;
   }
   auto source = host_make_source(config);
+  source->setReport(&report);
   if (!source->open(&config, &error)) {
     fprintf(stderr, "vmktr_host: %s\n", error.c_str());
-    return 2;
+    return kToolExitUsage;
   }
   const int32_t frames = std::min(source->frameCount(), config.frames);
+  const int32_t w = config.mainWidth, h = config.mainHeight;
 
   // The library's switches: the user's, plus cost lines for the timing report and the depth
   // and refocus dumps the contact sheet shows.
   vm_host_property_reset();
   for (const auto& p : config.properties) vm_host_property_set(p.first.c_str(), p.second.c_str());
+  for (const char* name : kLibraryProperties) {
+    char value[92] = "";
+    __system_property_get(name, value);
+    if (!host_check_property(name, value, &error)) {
+      fprintf(stderr, "vmktr_host: %s\n", error.c_str());
+      return kToolExitUsage;
+    }
+  }
   if (!hasProperty(config, "persist.vm.log.ktrrt.sc")) vm_host_property_set("persist.vm.log.ktrrt.sc", "16");
   if (config.sheet) {
     if (!hasProperty(config, "persist.vm.ktrrt.sc.debug")) vm_host_property_set("persist.vm.ktrrt.sc.debug", "1");
     char dump[92] = "";
     __system_property_get("persist.vm.ktrrt.sc.dump", dump);
-    vm_host_property_set("persist.vm.ktrrt.sc.dump", std::to_string(atoi(dump) | 0x0C).c_str());
+    int64_t flags = 0;
+    if (dump[0] != '\0') tool_parse_int(dump, INT32_MIN, INT32_MAX, &flags);  // checked decimal above
+    vm_host_property_set("persist.vm.ktrrt.sc.dump", std::to_string(flags | 0x0C).c_str());
   }
 
-  TimingReport report;
-  g_log.file = fopen((config.outDir + "/log.txt").c_str(), "w");
+  // The large buffers come before Init, so an allocation failure never leaves a session open.
+  const size_t mainBytes = static_cast<size_t>(w) * h * 3 / 2;
+  std::vector<uint8_t> work(mainBytes), rgb(static_cast<size_t>(w) * h * 3), inputRgb;
+  int32_t cellW = 0, cellH = 0;
+  host_sheet_cell(w, h, &cellW, &cellH);
+  std::vector<int32_t> sheetFrames;
+  const int32_t sheetRows = std::min(frames, 4);
+  for (int32_t k = 0; k < sheetRows; ++k)
+    sheetFrames.push_back(sheetRows == 1 ? frames - 1 : k * (frames - 1) / (sheetRows - 1));
+  if (config.sheet && !sheetFrames.empty()) inputRgb.resize(rgb.size());
+
+  const std::string logPath = out + "/log.txt";
+  TimingReport timing;
+  g_log.file = fopen(logPath.c_str(), "we");
+  if (g_log.file == nullptr) report.write_failed(logPath, strerror(errno));
   g_log.pid = static_cast<int32_t>(getpid());
   g_log.callerTid = threadId();
   g_log.originUs = nowUs();
-  g_log.report = &report;
+  g_log.report = &timing;
   g_log.threads.emplace(g_log.callerTid, "caller (HAL) thread");
   vm_host_log_set_hook(onLogLine, nullptr);
 
@@ -227,8 +303,8 @@ int main(int argc, char** argv) {
   memset(&init, 0, sizeof init);
   init.screenWidth = config.screenWidth;
   init.screenHeight = config.screenHeight;
-  init.previewMainWidth = init.previewMainStride = config.mainWidth;
-  init.previewMainHeight = init.previewMainScanline = config.mainHeight;
+  init.previewMainWidth = init.previewMainStride = w;
+  init.previewMainHeight = init.previewMainScanline = h;
   init.previewSubWidth = init.previewSubStride = config.subWidth;
   init.previewSubHeight = init.previewSubScanline = config.subHeight;
   init.depthWidth = config.depthWidth;
@@ -243,34 +319,34 @@ int main(int argc, char** argv) {
   init.isUsingTemporalFilter = config.temporalFilter ? 1 : 0;
   const uint32_t initResult = vmKtrRT_SC_Init(init);
   if (initResult != 0) {
-    fprintf(stderr, "vmktr_host: vmKtrRT_SC_Init refused the session: result %u\n", initResult);
+    fprintf(stderr, "vmktr_host: vmKtrRT_SC_Init refused the session: result %u (%s)\n", initResult,
+            initResultMeaning(initResult));
     for (const std::string& l : g_log.errors) fprintf(stderr, "  %s\n", l.c_str());
     vm_host_log_set_hook(nullptr, nullptr);
-    if (g_log.file != nullptr) fclose(g_log.file);
-    return 3;
+    closeLog(&report, logPath);
+    return kToolExitRefused;
   }
 
   VideoWriter video;
-  const bool videoOpen = config.video && video.open(config.outDir, config.mainWidth, config.mainHeight, true);
-  std::vector<int32_t> sheetFrames;
-  const int32_t sheetRows = std::min(frames, 4);
-  for (int32_t k = 0; k < sheetRows; ++k)
-    sheetFrames.push_back(sheetRows == 1 ? frames - 1 : k * (frames - 1) / (sheetRows - 1));
+  bool videoOpen = false;
+  if (config.video) {
+    videoOpen = video.open(out, w, h, true, &error);
+    if (!videoOpen) report.write_failed(video.path(), error);
+  }
   std::vector<SheetRow> sheet;
-
   ProgressBar progress(config.progress);
-  const size_t mainBytes = static_cast<size_t>(config.mainWidth) * config.mainHeight * 3 / 2;
-  std::vector<uint8_t> work(mainBytes), rgb(static_cast<size_t>(config.mainWidth) * config.mainHeight * 3);
   std::vector<uint8_t> chipBytes;
-  int32_t skipped = 0, renderErrors = 0, written = 0;
+  int32_t renderErrors = 0, written = 0;
+  const char* lineStart = config.progress ? "\n" : "";
   const int64_t start = nowUs();
   for (int32_t i = 0; i < frames; ++i) {
     HostFrame f;
     if (!source->frame(i, &f, &error)) {
-      fprintf(stderr, "%svmktr_host: skipping frame %d: %s\n", config.progress ? "\n" : "", i, error.c_str());
-      ++skipped;
+      fputs(lineStart, stderr);
+      report.skip(f.name.empty() ? "frame " + std::to_string(i) : f.name, error);
       continue;
     }
+    ++report.processed;
     memcpy(work.data(), f.main.data(), mainBytes);
     TriggerData t;
     memset(&t, 0, sizeof t);
@@ -279,26 +355,31 @@ int main(int argc, char** argv) {
     t.fnumber = f.hasFNumber
                     ? f.fNumber
                     : config.fStart + (config.fEnd - config.fStart) * (frames > 1 ? float(i) / (frames - 1) : 0);
-    int32_t fx = config.mainWidth / 2, fy = config.mainHeight / 2;
+    // 64-bit and held inside the preview: no focus, given or computed, can wrap or leave it.
+    int64_t fx = w / 2, fy = h / 2;
     if (f.hasFocus) {
       fx = f.focusX, fy = f.focusY;
     } else if (config.focus == FocusMode::kFixed) {
       fx = config.focusX, fy = config.focusY;
     } else if (config.focus == FocusMode::kCentre) {
-      source->subject(i, &fx, &fy);  // the subject when the scene knows it, else the centre
+      int32_t sx = 0, sy = 0;
+      if (source->subject(i, &sx, &sy)) fx = sx, fy = sy;  // the subject when the scene knows it
     } else if (config.focus == FocusMode::kTrack) {
-      const double a = 2 * M_PI * i / std::max(1, frames);
-      fx += static_cast<int32_t>(config.mainHeight / 6.0 * std::cos(a));
-      fy += static_cast<int32_t>(config.mainHeight / 6.0 * std::sin(a));
+      // A circle that fits the preview whichever side is the shorter.
+      const double a = 2 * M_PI * i / std::max(1, frames), radius = std::min(w, h) / 6.0;
+      fx += static_cast<int64_t>(radius * std::cos(a));
+      fy += static_cast<int64_t>(radius * std::sin(a));
     }
+    fx = std::min<int64_t>(std::max<int64_t>(fx, 0), w - 1);
+    fy = std::min<int64_t>(std::max<int64_t>(fy, 0), h - 1);
     // A small region around the focus point; its centre, as the library computes it, is the point.
-    const int32_t half = std::max(1, config.mainWidth / 40);
-    t.regionLeft = std::max(0, fx - half);
-    t.regionRight = std::min(config.mainWidth, fx + half);
-    t.regionTop = std::max(0, fy - half);
-    t.regionBottom = std::min(config.mainHeight, fy + half);
+    const int64_t half = std::max(1, w / 40);
+    t.regionLeft = static_cast<int32_t>(std::max<int64_t>(0, fx - half));
+    t.regionRight = static_cast<int32_t>(std::min<int64_t>(w, fx + half));
+    t.regionTop = static_cast<int32_t>(std::max<int64_t>(0, fy - half));
+    t.regionBottom = static_cast<int32_t>(std::min<int64_t>(h, fy + half));
     t.mainImage.data = work.data();
-    t.mainImage.plane2 = work.data() + static_cast<size_t>(config.mainWidth) * config.mainHeight;
+    t.mainImage.plane2 = work.data() + static_cast<size_t>(w) * h;
     t.mainImage.size = static_cast<int32_t>(mainBytes);
     if ((config.cameraLayout & 0x10) != 0) {
       const bool tenBit = (config.cameraLayout & 0x20) != 0;
@@ -320,41 +401,50 @@ int main(int argc, char** argv) {
     const int64_t t0 = nowUs();
     const int32_t result = static_cast<int32_t>(vmKtrRT_SC_Run(t));
     const int64_t t1 = nowUs();
-    report.runMs.push_back((t1 - t0) / 1000.0);
+    timing.runMs.push_back((t1 - t0) / 1000.0);
     {
       std::lock_guard<std::mutex> lock(g_log.mu);
-      report.events.push_back(TraceEvent{"vmKtrRT_SC_Run", t0 - g_log.originUs, t1 - t0, g_log.callerTid});
+      timing.events.push_back(TraceEvent{"vmKtrRT_SC_Run", t0 - g_log.originUs, t1 - t0, g_log.callerTid});
     }
     if (result < 0 && renderErrors++ < 5)
-      fprintf(stderr, "%svmktr_host: frame %d: vmKtrRT_SC_Run returned %d (renderer code %d)\n",
-              config.progress ? "\n" : "", i, result, -result);
+      fprintf(stderr, "%svmktr_host: frame %d: vmKtrRT_SC_Run returned %d (renderer code %d)\n", lineStart, i, result,
+              -result);
 
+    // A failed video is said once at the end, with the encoder's exit; later frames are not sent.
     if (videoOpen) video.write(work.data());
     const bool onSheet = config.sheet && std::find(sheetFrames.begin(), sheetFrames.end(), i) != sheetFrames.end();
-    if (config.pngFrames || onSheet) host_nv21_to_rgb(work.data(), config.mainWidth, config.mainHeight, rgb.data());
-    if (config.pngFrames) {
+    if (pngFrames || onSheet) host_nv21_to_rgb(work.data(), w, h, rgb.data());
+    if (pngFrames) {
       char name[64];
       snprintf(name, sizeof name, "/frames/frame_%04d.png", i);
-      if (!host_write_rgb(config.outDir + name, rgb.data(), config.mainWidth, config.mainHeight).empty()) ++written;
+      std::string path;
+      if (host_write_rgb(out + name, rgb.data(), w, h, 1, &path, &error))
+        ++written;
+      else
+        report.write_failed(out + name, error);
     }
     if (onSheet) {
       SheetRow row;
       row.frame = i;
-      row.width = config.mainWidth;
-      row.height = config.mainHeight;
-      row.output = rgb;
-      row.input.resize(rgb.size());
-      host_nv21_to_rgb(f.main.data(), config.mainWidth, config.mainHeight, row.input.data());
+      row.width = cellW;
+      row.height = cellH;
+      row.output.resize(static_cast<size_t>(cellW) * cellH * 3);
+      host_scale_rgb(rgb.data(), w, h, w, row.output.data(), cellW, cellH);
+      host_nv21_to_rgb(f.main.data(), w, h, inputRgb.data());
+      row.input.resize(row.output.size());
+      host_scale_rgb(inputRgb.data(), w, h, w, row.input.data(), cellW, cellH);
       std::vector<uint8_t> raw;
-      if (newestDump(dumpDir, "depth", &raw)) {
+      const size_t depthCells = static_cast<size_t>(config.depthWidth) * config.depthHeight;
+      if (newestDump(dumpDir, "depth", depthCells * 2, &raw)) {
         row.depthWidth = config.depthWidth;
         row.depthHeight = config.depthHeight;
         colouriseDepth(raw, row.depthWidth, row.depthHeight, &row.depthRgb);
       }
-      if (newestDump(dumpDir, "refocus", &raw)) {
-        const bool chip = (config.cameraLayout & 0x10) != 0;
-        row.mapWidth = chip ? config.depthWidth : 320;
-        row.mapHeight = chip ? config.depthHeight : 240;
+      const bool chip = (config.cameraLayout & 0x10) != 0;
+      const int32_t mapW = chip ? config.depthWidth : 320, mapH = chip ? config.depthHeight : 240;
+      if (newestDump(dumpDir, "refocus", static_cast<size_t>(mapW) * mapH, &raw)) {
+        row.mapWidth = mapW;
+        row.mapHeight = mapH;
         greyMap(raw, row.mapWidth, row.mapHeight, &row.mapRgb);
       }
       sheet.push_back(std::move(row));
@@ -362,34 +452,63 @@ int main(int argc, char** argv) {
     progress.update(i + 1, frames, (nowUs() - start) / 1e6);
   }
   progress.finish();
-  report.wallSeconds = (nowUs() - start) / 1e6;
+  timing.wallSeconds = (nowUs() - start) / 1e6;
   vmKtrRT_SC_Deinit();
   vm_host_log_set_hook(nullptr, nullptr);
-  for (const auto& t : g_log.threads) report.threadNames.push_back(t);
-  if (g_log.file != nullptr) fclose(g_log.file);
+  for (const auto& t : g_log.threads) timing.threadNames.push_back(t);
+  const bool logWritten = closeLog(&report, logPath);
 
-  // The library's dumps of this run move into the output folder.
+  // The library's dumps of this run move into the output folder; one that cannot stays where
+  // the library wrote it.
   int32_t moved = 0;
+  bool dumpsFolder = false, dumpsFolderFailed = false;
   for (const std::string& name : listDir(dumpDir)) {
     if (dumpsBefore.count(name) != 0) continue;
-    if (moved == 0) makeDirs(config.outDir + "/dumps");
-    if (moveFile(dumpDir + "/" + name, config.outDir + "/dumps/" + name)) ++moved;
+    if (!dumpsFolder && !dumpsFolderFailed) {
+      dumpsFolder = tool_make_dirs(out + "/dumps", &error);
+      dumpsFolderFailed = !dumpsFolder;
+      if (dumpsFolderFailed) report.write_failed(out + "/dumps", error + "; the dumps stay in " + dumpDir);
+    }
+    if (!dumpsFolder) break;
+    if (moveFile(dumpDir + "/" + name, out + "/dumps/" + name, &error))
+      ++moved;
+    else
+      report.write_failed(out + "/dumps/" + name, error + "; it stays in " + dumpDir);
   }
 
-  const std::string videoPath = videoOpen ? video.close() : "";
-  const std::string sheetPath =
-      config.sheet ? host_write_contact_sheet(config.outDir + "/contact_sheet.png", sheet) : std::string();
-  host_write_timing(config.outDir + "/timing.txt", config.outDir + "/trace.json", report);
+  std::string videoPath, sheetPath;
+  if (videoOpen) {
+    if (video.close(&error))
+      videoPath = video.path();
+    else
+      report.write_failed(video.path(), error);
+  }
+  if (config.sheet && !sheet.empty() &&
+      !host_write_contact_sheet(out + "/contact_sheet.png", sheet, &sheetPath, &error))
+    report.write_failed(out + "/contact_sheet.png", error);
+  const bool timingWritten = host_write_timing_text(out + "/timing.txt", timing, &error);
+  if (!timingWritten) report.write_failed(out + "/timing.txt", error);
+  const bool traceWritten = host_write_trace(out + "/trace.json", timing, &error);
+  if (!traceWritten) report.write_failed(out + "/trace.json", error);
 
-  printf("%s", host_timing_summary(report).c_str());
+  printf("%s", host_timing_summary(timing).c_str());
   if (!g_log.errors.empty()) {
     printf("the library reported %zu ERROR line(s), the first:\n  %s\n", g_log.errors.size(), g_log.errors[0].c_str());
   }
-  printf("frames written: %d (%d skipped) in %s/frames\n", written, skipped, config.outDir.c_str());
+  // Only what is really on disk.
+  if (written > 0) printf("frames written: %d of %d in %s/frames\n", written, frames, out.c_str());
   if (!sheetPath.empty()) printf("contact sheet: %s\n", sheetPath.c_str());
   if (!videoPath.empty()) printf("video: %s\n", videoPath.c_str());
-  printf("log: %s/log.txt  timing: %s/timing.txt  trace: %s/trace.json\n", config.outDir.c_str(), config.outDir.c_str(),
-         config.outDir.c_str());
-  if (moved > 0) printf("library dumps: %d file(s) in %s/dumps\n", moved, config.outDir.c_str());
-  return skipped > 0 && skipped == frames ? 4 : 0;
+  if (logWritten) printf("log: %s\n", logPath.c_str());
+  if (timingWritten) printf("timing: %s/timing.txt\n", out.c_str());
+  if (traceWritten) printf("trace: %s/trace.json\n", out.c_str());
+  if (moved > 0) printf("library dumps: %d file(s) in %s/dumps\n", moved, out.c_str());
+  fflush(stdout);
+  return report.finish();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return tool_main("vmktr_host", argc, argv, hostMain);
 }

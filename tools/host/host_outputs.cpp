@@ -1,30 +1,53 @@
 // host_outputs.cpp - PNG/PPM, video, contact sheet, timing report and trace, progress bar.
 #include "host_outputs.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
 
 #include "host_sources.h"
+#include "tool_cli.h"
 
 #ifdef VM_HAVE_PNG
 #include <png.h>
 #endif
 
-std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height,
-                           int compression) {
+namespace {
+
+// A failed picture leaves no truncated file behind under its name (a device or link stays).
+void removePartial(const std::string& path) {
+  if (tool_is_regular_file(path)) unlink(path.c_str());
+}
+
 #ifdef VM_HAVE_PNG
-  FILE* f = fopen(pngPath.c_str(), "wb");
-  if (f == nullptr) return "";
-  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, nullptr, nullptr, nullptr);
-  png_infop info = png != nullptr ? png_create_info_struct(png) : nullptr;
-  if (png == nullptr || info == nullptr || setjmp(png_jmpbuf(png))) {
+struct PngFailure {
+  std::string message;
+  int savedErrno = 0;
+};
+void pngError(png_structp png, png_const_charp message) {
+  auto* f = static_cast<PngFailure*>(png_get_error_ptr(png));
+  f->savedErrno = errno;
+  f->message = message != nullptr ? message : "libpng error";
+  png_longjmp(png, 1);
+}
+void pngWarning(png_structp, png_const_charp) {}
+
+// Everything after setjmp lives in the caller's objects, so a longjmp loses nothing.
+bool writePng(FILE* f, const uint8_t* rgb, int32_t width, int32_t height, int compression, PngFailure* failure) {
+  png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, failure, pngError, pngWarning);
+  if (png == nullptr) return false;
+  png_infop info = png_create_info_struct(png);
+  if (info == nullptr || setjmp(png_jmpbuf(png))) {
     png_destroy_write_struct(&png, &info);
-    fclose(f);
-    return "";
+    return false;
   }
   png_init_io(png, f);
   png_set_compression_level(png, compression);
@@ -35,60 +58,152 @@ std::string host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32
     png_write_row(png, const_cast<png_bytep>(rgb + static_cast<size_t>(y) * width * 3));
   png_write_end(png, nullptr);
   png_destroy_write_struct(&png, &info);
-  return fclose(f) == 0 ? pngPath : "";
-#else
-  (void)compression;  // PPM is not compressed
-  std::string path = pngPath.substr(0, pngPath.rfind('.')) + ".ppm";
-  FILE* f = fopen(path.c_str(), "wb");
-  if (f == nullptr) return "";
-  fprintf(f, "P6\n%d %d\n255\n", width, height);
-  const size_t n = static_cast<size_t>(width) * height * 3;
-  const bool ok = fwrite(rgb, 1, n, f) == n;
-  return fclose(f) == 0 && ok ? path : "";
+  return true;
+}
 #endif
-}
 
-namespace {
-bool onPath(const char* program) {
-  const char* path = getenv("PATH");
-  if (path == nullptr) return false;
-  std::string p = path;
-  size_t start = 0;
-  while (start <= p.size()) {
-    const size_t end = std::min(p.find(':', start), p.size());
-    const std::string candidate = p.substr(start, end - start) + "/" + program;
-    if (access(candidate.c_str(), X_OK) == 0) return true;
-    start = end + 1;
-  }
-  return false;
-}
 }  // namespace
 
-bool VideoWriter::open(const std::string& outDir, int32_t width, int32_t height, bool allowFfmpeg) {
+bool host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height, int compression,
+                    std::string* written, std::string* error) {
+#ifdef VM_HAVE_PNG
+  const std::string path = pngPath;
+#else
+  (void)compression;  // PPM is not compressed
+  const std::string path = pngPath.substr(0, pngPath.rfind('.')) + ".ppm";
+#endif
+  FILE* f = fopen(path.c_str(), "wb");
+  if (f == nullptr) {
+    *error = strerror(errno);
+    return false;
+  }
+#ifdef VM_HAVE_PNG
+  PngFailure failure;
+  errno = 0;
+  if (!writePng(f, rgb, width, height, compression, &failure)) {
+    *error = failure.message.empty() ? "the PNG writer could not start" : failure.message;
+    if (failure.savedErrno != 0) *error += std::string(": ") + strerror(failure.savedErrno);
+    fclose(f);
+    removePartial(path);
+    return false;
+  }
+#else
+  fprintf(f, "P6\n%d %d\n255\n", width, height);
+  const size_t n = static_cast<size_t>(width) * height * 3;
+  if (fwrite(rgb, 1, n, f) != n) {
+    *error = strerror(errno);
+    fclose(f);
+    removePartial(path);
+    return false;
+  }
+#endif
+  if (!tool_close_checked(f, error)) {
+    removePartial(path);
+    return false;
+  }
+  *written = path;
+  return true;
+}
+
+std::string host_find_encoder(std::string* error) {
+  const char* forced = getenv("VM_HOST_FFMPEG");
+  const std::string program = forced != nullptr && *forced != '\0' ? forced : "ffmpeg";
+  if (program.find('/') != std::string::npos) {
+    if (access(program.c_str(), X_OK) == 0) return program;
+    *error = "VM_HOST_FFMPEG: " + program + " is not an executable program";
+    return "";
+  }
+  const char* path = getenv("PATH");
+  const std::string p = path != nullptr ? path : "";
+  for (size_t start = 0; start <= p.size();) {
+    const size_t end = std::min(p.find(':', start), p.size());
+    const std::string dir = end > start ? p.substr(start, end - start) : ".";
+    const std::string candidate = dir + "/" + program;
+    if (tool_is_regular_file(candidate) && access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  if (forced != nullptr && *forced != '\0') *error = "VM_HOST_FFMPEG: " + program + " is not on the PATH";
+  return "";
+}
+
+bool VideoWriter::open(const std::string& outDir, int32_t width, int32_t height, bool allowEncoder,
+                       std::string* error) {
   width_ = width;
   height_ = height;
-  if (allowFfmpeg && onPath("ffmpeg")) {
+  failure_.clear();
+  error->clear();
+  encoder_ = allowEncoder ? host_find_encoder(error) : "";
+  if (!error->empty()) {
     path_ = outDir + "/output.mp4";
-    const std::string cmd = "ffmpeg -y -loglevel error -f rawvideo -pix_fmt nv21 -s " + std::to_string(width) + "x" +
-                            std::to_string(height) + " -r 30 -i - -pix_fmt yuv420p -q:v 3 '" + path_ + "'";
-    out_ = popen(cmd.c_str(), "w");
-    pipe_ = out_ != nullptr;
+    return false;
   }
+  if (!encoder_.empty()) {
+    path_ = outDir + "/output.mp4";
+    // An argument vector, no shell: the folder's name is never read as a command. "file:" keeps a
+    // name that starts with '-' or holds a colon from being read as an option or a protocol.
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    const std::string target = "file:" + path_;
+    std::vector<std::string> args = {encoder_,   "-nostdin", "-y",      "-loglevel", "error", "-f",  "rawvideo",
+                                     "-pix_fmt", "nv21",     "-s",      size,        "-r",    "30",  "-i",
+                                     "pipe:0",   "-pix_fmt", "yuv420p", "-q:v",      "3",     target};
+    // -nostdin stops ffmpeg reading keys from its input; the frames come on pipe:0 all the same.
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) {
+      *error = std::string("no pipe for the encoder: ") + strerror(errno);
+      return false;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[0], STDIN_FILENO);
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    sigset_t defaults;
+    sigemptyset(&defaults);
+    sigaddset(&defaults, SIGPIPE);  // the runner ignores SIGPIPE; the encoder gets it back
+    posix_spawnattr_setsigdefault(&attr, &defaults);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGDEF);
+    pid_t pid = -1;
+    const int rc = posix_spawn(&pid, encoder_.c_str(), &actions, &attr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attr);
+    ::close(fds[0]);
+    if (rc != 0) {
+      ::close(fds[1]);
+      *error = "the encoder " + encoder_ + " could not be started: " + strerror(rc);
+      return false;
+    }
+    pid_ = pid;
+    out_ = fdopen(fds[1], "wb");
+    if (out_ == nullptr) {
+      ::close(fds[1]);
+      std::string ignored;
+      close(&ignored);
+      *error = "the encoder's pipe could not be opened";
+      return false;
+    }
+    return true;
+  }
+  path_ = outDir + "/output.y4m";
+  out_ = fopen(path_.c_str(), "wb");
   if (out_ == nullptr) {
-    path_ = outDir + "/output.y4m";
-    out_ = fopen(path_.c_str(), "wb");
-    if (out_ == nullptr) return false;
-    fprintf(out_, "YUV4MPEG2 W%d H%d F30:1 Ip A1:1 C420jpeg\n", width, height);
+    *error = strerror(errno);
+    return false;
   }
+  fprintf(out_, "YUV4MPEG2 W%d H%d F30:1 Ip A1:1 C420jpeg\n", width, height);
   return true;
 }
 
 bool VideoWriter::write(const uint8_t* nv21) {
-  if (out_ == nullptr) return false;
+  if (out_ == nullptr || !failure_.empty()) return false;
   const size_t luma = static_cast<size_t>(width_) * height_;
-  if (pipe_) {
-    failed_ |= fwrite(nv21, 1, luma * 3 / 2, out_) != luma * 3 / 2;
-    return !failed_;
+  if (pid_ > 0) {
+    if (fwrite(nv21, 1, luma * 3 / 2, out_) != luma * 3 / 2)
+      failure_ = errno == EPIPE ? "the encoder " + encoder_ + " stopped reading frames (it exited early)"
+                                : std::string("writing to the encoder failed: ") + strerror(errno);
+    return failure_.empty();
   }
   // Y4M wants planar 4:2:0 with U before V.
   planar_.resize(luma * 3 / 2);
@@ -100,29 +215,73 @@ bool VideoWriter::write(const uint8_t* nv21) {
     v[i] = vu[2 * i];
     u[i] = vu[2 * i + 1];
   }
-  fputs("FRAME\n", out_);
-  failed_ |= fwrite(planar_.data(), 1, planar_.size(), out_) != planar_.size();
-  return !failed_;
+  if (fputs("FRAME\n", out_) == EOF || fwrite(planar_.data(), 1, planar_.size(), out_) != planar_.size())
+    failure_ = strerror(errno);
+  return failure_.empty();
 }
 
-std::string VideoWriter::close() {
-  if (out_ == nullptr) return "";
-  const int rc = pipe_ ? pclose(out_) : fclose(out_);
+bool VideoWriter::close(std::string* error) {
+  if (out_ == nullptr && pid_ <= 0) {
+    *error = failure_.empty() ? "not open" : failure_;
+    return false;
+  }
+  std::string closeError;
+  const bool closed = out_ == nullptr || tool_close_checked(out_, &closeError);
   out_ = nullptr;
-  return rc == 0 && !failed_ ? path_ : "";
+  std::string encoderError;
+  if (pid_ > 0) {
+    int status = 0;
+    pid_t r;
+    while ((r = waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
+    }
+    pid_ = -1;
+    if (r < 0)
+      encoderError = "the encoder " + encoder_ + " could not be waited for";
+    else if (WIFSIGNALED(status))
+      encoderError = "the encoder " + encoder_ + " was ended by signal " + std::to_string(WTERMSIG(status));
+    else if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+      encoderError = "the encoder " + encoder_ + " exited with status " + std::to_string(WEXITSTATUS(status));
+    else if (failure_.empty() && !tool_is_regular_file(path_))
+      encoderError = "the encoder " + encoder_ + " finished without writing the file";
+  }
+  // The first cause is the one worth reading: an early exit explains the broken pipe.
+  *error = !failure_.empty() ? failure_ : !encoderError.empty() ? encoderError : closed ? "" : closeError;
+  if (!failure_.empty() && !encoderError.empty()) *error += "; " + encoderError;
+  return error->empty();
 }
 
 VideoWriter::~VideoWriter() {
-  close();
+  if (out_ != nullptr || pid_ > 0) {
+    std::string ignored;
+    close(&ignored);
+  }
 }
 
-std::string host_write_contact_sheet(const std::string& path, const std::vector<SheetRow>& rows) {
-  if (rows.empty()) return "";
-  constexpr int32_t kTileW = 480, kGap = 8;
-  const int32_t tileH = std::max(1, kTileW * rows[0].height / std::max(1, rows[0].width));
-  const int32_t sheetW = 4 * kTileW + 5 * kGap;
-  const int32_t sheetH = static_cast<int32_t>(rows.size()) * (tileH + kGap) + kGap;
+void host_sheet_cell(int32_t width, int32_t height, int32_t* cellWidth, int32_t* cellHeight) {
+  constexpr int64_t kMaxW = 480, kMaxH = 640;
+  const int64_t w = std::max<int64_t>(1, width), h = std::max<int64_t>(1, height);
+  if (h * kMaxW <= w * kMaxH) {  // wide: the width is the limit
+    *cellWidth = static_cast<int32_t>(kMaxW);
+    *cellHeight = static_cast<int32_t>(std::max<int64_t>(1, kMaxW * h / w));
+  } else {
+    *cellHeight = static_cast<int32_t>(kMaxH);
+    *cellWidth = static_cast<int32_t>(std::max<int64_t>(1, kMaxH * w / h));
+  }
+}
+
+bool host_write_contact_sheet(const std::string& path, const std::vector<SheetRow>& rows, std::string* written,
+                              std::string* error) {
+  if (rows.empty()) {
+    *error = "no frame to show";
+    return false;
+  }
+  constexpr int32_t kGap = 8;
+  int32_t cellW = 0, cellH = 0;
+  host_sheet_cell(rows[0].width, rows[0].height, &cellW, &cellH);
+  const int32_t sheetW = 4 * cellW + 5 * kGap;
+  const int32_t sheetH = static_cast<int32_t>(rows.size()) * (cellH + kGap) + kGap;
   std::vector<uint8_t> sheet(static_cast<size_t>(sheetW) * sheetH * 3, 24);
+  std::vector<uint8_t> scaled(static_cast<size_t>(cellW) * cellH * 3);
   for (size_t r = 0; r < rows.size(); ++r) {
     const SheetRow& row = rows[r];
     struct Tile {
@@ -133,16 +292,16 @@ std::string host_write_contact_sheet(const std::string& path, const std::vector<
                   {&row.mapRgb, row.mapWidth, row.mapHeight},
                   {&row.output, row.width, row.height}};
     for (int t = 0; t < 4; ++t) {
-      if (tiles[t].rgb->empty() || tiles[t].w <= 0 || tiles[t].h <= 0) continue;
-      std::vector<uint8_t> scaled(static_cast<size_t>(kTileW) * tileH * 3);
-      host_scale_rgb(tiles[t].rgb->data(), tiles[t].w, tiles[t].h, tiles[t].w, scaled.data(), kTileW, tileH);
-      const int32_t x0 = kGap + t * (kTileW + kGap), y0 = kGap + static_cast<int32_t>(r) * (tileH + kGap);
-      for (int32_t y = 0; y < tileH; ++y)
-        memcpy(&sheet[(static_cast<size_t>(y0 + y) * sheetW + x0) * 3], &scaled[static_cast<size_t>(y) * kTileW * 3],
-               static_cast<size_t>(kTileW) * 3);
+      const Tile& tile = tiles[t];
+      if (tile.w <= 0 || tile.h <= 0 || tile.rgb->size() < static_cast<size_t>(tile.w) * tile.h * 3) continue;
+      host_scale_rgb(tile.rgb->data(), tile.w, tile.h, tile.w, scaled.data(), cellW, cellH);
+      const int32_t x0 = kGap + t * (cellW + kGap), y0 = kGap + static_cast<int32_t>(r) * (cellH + kGap);
+      for (int32_t y = 0; y < cellH; ++y)
+        memcpy(&sheet[(static_cast<size_t>(y0 + y) * sheetW + x0) * 3], &scaled[static_cast<size_t>(y) * cellW * 3],
+               static_cast<size_t>(cellW) * 3);
     }
   }
-  return host_write_rgb(path, sheet.data(), sheetW, sheetH, 9);
+  return host_write_rgb(path, sheet.data(), sheetW, sheetH, 9, written, error);
 }
 
 double host_percentile(std::vector<double> values, double p) {
@@ -185,16 +344,25 @@ std::string host_timing_summary(const TimingReport& r) {
   return s;
 }
 
-bool host_write_timing(const std::string& textPath, const std::string& tracePath, const TimingReport& r) {
-  FILE* t = fopen(textPath.c_str(), "w");
-  if (t == nullptr) return false;
+bool host_write_timing_text(const std::string& path, const TimingReport& r, std::string* error) {
+  FILE* t = fopen(path.c_str(), "w");
+  if (t == nullptr) {
+    *error = strerror(errno);
+    return false;
+  }
   fputs(host_timing_summary(r).c_str(), t);
   fputs("\nframe  run_ms\n", t);
   for (size_t i = 0; i < r.runMs.size(); ++i) fprintf(t, "%5zu  %.3f\n", i, r.runMs[i]);
-  bool ok = fclose(t) == 0;
+  return tool_close_checked(t, error);  // a full disk shows in the flush at the latest
+}
+
+bool host_write_trace(const std::string& path, const TimingReport& r, std::string* error) {
   // Chrome trace-event format: complete events ("X") in microseconds, thread names as metadata.
-  FILE* j = fopen(tracePath.c_str(), "w");
-  if (j == nullptr) return false;
+  FILE* j = fopen(path.c_str(), "w");
+  if (j == nullptr) {
+    *error = strerror(errno);
+    return false;
+  }
   fputs("{\"displayTimeUnit\":\"ms\",\"traceEvents\":[\n", j);
   bool first = true;
   for (const auto& n : r.threadNames) {
@@ -208,7 +376,7 @@ bool host_write_timing(const std::string& textPath, const std::string& tracePath
     first = false;
   }
   fputs("\n]}\n", j);
-  return fclose(j) == 0 && ok;
+  return tool_close_checked(j, error);
 }
 
 ProgressBar::ProgressBar(bool enabled) : enabled_(enabled && isatty(STDERR_FILENO) != 0) {}

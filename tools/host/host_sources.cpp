@@ -2,6 +2,7 @@
 #include "host_sources.h"
 
 #include <dirent.h>
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -13,23 +14,12 @@
 #include "calib_block.h"
 #include "image_io.h"
 #include "synth_scene.h"
+#include "tool_cli.h"
 
 namespace {
 
 uint8_t clamp8(float v) {
   return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5f);
-}
-
-bool readFile(const std::string& path, std::vector<uint8_t>* out) {
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return false;
-  out->clear();
-  uint8_t buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out->insert(out->end(), buf, buf + n);
-  const bool ok = ferror(f) == 0;
-  fclose(f);
-  return ok;
 }
 
 // ---- synthetic scene ----
@@ -150,6 +140,12 @@ class PairSource : public HostSource {
       *error = "--pair names an image: give the sub image with --pair-sub";
       return false;
     }
+    // A FIFO or device named like an image would block the reader: regular files only.
+    for (const std::string* path : {&left, &right})
+      if (!tool_is_regular_file(*path)) {
+        *error = *path + ": " + (file_exists(*path) ? "not a regular file" : "cannot be opened (no such file)");
+        return false;
+      }
     if (!image_read8(left, &left_, error) || !image_read8(right, &right_, error)) return false;
     if (left_.width != right_.width || left_.height != right_.height) {
       *error = "the two views differ in size: " + left + " is " + std::to_string(left_.width) + "x" +
@@ -198,13 +194,21 @@ class PairSource : public HostSource {
   }
 
  private:
+  // The pair's disparity range, when its calib.txt gives one (a missing or odd file leaves it open).
   void readNdisp(const std::string& path) {
-    FILE* f = fopen(path.c_str(), "r");
-    if (f == nullptr) return;
-    char line[512];
-    while (fgets(line, sizeof line, f) != nullptr)
-      if (strncmp(line, "ndisp=", 6) == 0) ndisp_ = static_cast<float>(atof(line + 6));
-    fclose(f);
+    std::vector<uint8_t> bytes;
+    std::string ignored;
+    if (!tool_read_file(path, 1 << 16, &bytes, &ignored)) return;
+    const std::string text(bytes.begin(), bytes.end());
+    for (size_t at = 0; at < text.size();) {
+      const size_t eol = std::min(text.find('\n', at), text.size());
+      std::string line = text.substr(at, eol - at);
+      while (!line.empty() && (line.back() == '\r' || line.back() == ' ')) line.pop_back();
+      double v = 0;
+      if (line.rfind("ndisp=", 0) == 0 && tool_parse_double(line.c_str() + 6, 1, 100000, &v))
+        ndisp_ = static_cast<float>(v);
+      at = eol + 1;
+    }
   }
   static void toRgb(Image8* im) {
     if (im->channels == 3) return;
@@ -238,51 +242,39 @@ class DumpSource : public HostSource {
     }
     DIR* dir = opendir(c->sourcePath.c_str());
     if (dir == nullptr) {
-      *error = "cannot open the dump directory " + c->sourcePath;
+      *error = "cannot open the dump directory " + c->sourcePath + ": " + strerror(errno);
       return false;
     }
-    int32_t mainW = 0, mainH = 0, subW = 0, subH = 0;
-    while (dirent* e = readdir(dir)) {
-      const std::string name = e->d_name;
-      if (name == "." || name == "..") continue;
-      if (name == "eeprom.raw") {
-        readFile(c->sourcePath + "/" + name, &calibration_);
-        continue;
-      }
-      DumpName d;
-      if (!host_parse_dump_name(name, &d)) {
-        if (name.find("preview-") != std::string::npos)
-          fprintf(stderr, "vmktr_host: skipping %s: not a preview dump name\n", name.c_str());
-        continue;
-      }
-      Entry& entry = entries_[d.counter];
-      (d.isMain ? entry.main : entry.sub) = name;
-      (d.isMain ? entry.mainName : entry.subName) = d;
-      if (d.isMain && mainW == 0) mainW = d.width, mainH = d.height;
-      if (!d.isMain && subW == 0) subW = d.width, subH = d.height;
-    }
+    std::vector<std::string> names;
+    while (dirent* e = readdir(dir))
+      if (e->d_name[0] != '.') names.push_back(e->d_name);
     closedir(dir);
-    for (auto it = entries_.begin(); it != entries_.end();) {
-      if (it->second.main.empty()) {
-        fprintf(stderr, "vmktr_host: frame %04d has a sub dump but no preview-main dump: skipped\n", it->first);
-        it = entries_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-    if (entries_.empty()) {
-      *error = "no preview-main dumps (NNNN-preview-main-WxH-VCM-F-XxY.nv21) in " + c->sourcePath;
+    host_plan_dumps(names, &plan_);
+    for (const DumpNote& n : plan_.refused) skip(n.name, n.why);
+    for (const DumpNote& n : plan_.notes) fprintf(stderr, "vmktr_host: %s: %s\n", n.name.c_str(), n.why.c_str());
+    if (plan_.frames.empty()) {
+      *error = "no playable preview-main dumps (NNNN-preview-main-WxH-VCM-F-XxY.nv21) in " + c->sourcePath;
       return false;
     }
-    c->mainWidth = mainW;
-    c->mainHeight = mainH;
-    if (subW > 0) c->subWidth = subW, c->subHeight = subH;
-    for (const auto& e : entries_) order_.push_back(e.first);
-    if (c->framesGiven && c->frames < static_cast<int32_t>(order_.size()))
-      order_.resize(static_cast<size_t>(c->frames));
-    c->frames = static_cast<int32_t>(order_.size());
-    if (calibration_.empty()) {
+    c->mainWidth = plan_.mainWidth;
+    c->mainHeight = plan_.mainHeight;
+    if (plan_.subWidth > 0) c->subWidth = plan_.subWidth, c->subHeight = plan_.subHeight;
+    if (c->framesGiven && c->frames < static_cast<int32_t>(plan_.frames.size()))
+      plan_.frames.resize(static_cast<size_t>(c->frames));
+    c->frames = static_cast<int32_t>(plan_.frames.size());
+    const std::string eeprom = c->sourcePath + "/eeprom.raw";
+    if (plan_.hasEeprom) {
+      // A calibration block is 128 bytes; anything near a megabyte is not one.
+      if (!tool_read_file(eeprom, 1 << 20, &calibration_, error)) {
+        *error = eeprom + ": " + *error;
+        return false;
+      }
+      if (calibration_.empty())
+        fprintf(stderr, "vmktr_host: %s is empty: using a default calibration block\n", eeprom.c_str());
+    } else {
       fprintf(stderr, "vmktr_host: no eeprom.raw in %s: using a default calibration block\n", c->sourcePath.c_str());
+    }
+    if (calibration_.empty()) {
       CalibBlock block;
       calib_block_defaults(&block, c->mainWidth, c->mainHeight, c->subWidth, c->subHeight, 0.0f, c->mainWidth / 8.0f);
       calibration_.assign(CALIB_BLOCK_SIZE, 0);
@@ -291,77 +283,62 @@ class DumpSource : public HostSource {
     lastSub_.assign(static_cast<size_t>(c->subWidth) * c->subHeight * 3 / 2, 128);
     return true;
   }
-  int32_t frameCount() const override { return static_cast<int32_t>(order_.size()); }
+  int32_t frameCount() const override { return static_cast<int32_t>(plan_.frames.size()); }
   bool frame(int32_t index, HostFrame* out, std::string* error) override {
-    const Entry& e = entries_.at(order_.at(static_cast<size_t>(index)));
-    const size_t mainBytes = static_cast<size_t>(config_->mainWidth) * config_->mainHeight * 3 / 2;
-    if (e.mainName.width != config_->mainWidth || e.mainName.height != config_->mainHeight) {
-      *error = e.main + ": size differs from the first frame's";
-      return false;
-    }
-    if (!readFile(config_->sourcePath + "/" + e.main, &out->main) || out->main.size() < mainBytes) {
-      *error = e.main + ": unreadable or shorter than an NV21 frame of its size";
-      return false;
-    }
-    out->main.resize(mainBytes);
+    const DumpFrame& e = plan_.frames.at(static_cast<size_t>(index));
+    out->name = e.mainFile;
+    if (!readDump(e.mainFile, e.main, &out->main, error)) return false;
     // Frames without a sub dump did not ask for depth when recorded: the library does not read
     // the sub image then, so the last one is handed over again.
-    if (!e.sub.empty()) {
+    if (!e.subFile.empty()) {
       std::vector<uint8_t> sub;
-      const size_t subBytes = lastSub_.size();
-      if (readFile(config_->sourcePath + "/" + e.sub, &sub) && sub.size() >= subBytes) {
-        sub.resize(subBytes);
+      std::string why;
+      if (readDump(e.subFile, e.sub, &sub, &why))
         lastSub_.swap(sub);
-      } else {
-        fprintf(stderr, "vmktr_host: %s: unreadable or short, the previous sub frame is used\n", e.sub.c_str());
-      }
+      else
+        skip(e.subFile, why + "; the previous sub frame is used");
     }
     out->sub = lastSub_;
-    out->vcmMain = e.mainName.vcm;
-    out->vcmSub = e.sub.empty() ? e.mainName.vcm : e.subName.vcm;
+    out->vcmMain = e.main.vcm;
+    out->vcmSub = e.subFile.empty() ? e.main.vcm : e.sub.vcm;
     out->hasFNumber = true;
-    out->fNumber = e.mainName.fNumber;
+    out->fNumber = e.main.fNumber;
     out->hasFocus = true;
-    out->focusX = e.mainName.focusX;
-    out->focusY = e.mainName.focusY;
-    out->name = e.main;
+    out->focusX = e.main.focusX;
+    out->focusY = e.main.focusY;
+    out->name = e.mainFile;
     return true;
   }
 
  private:
-  struct Entry {
-    std::string main, sub;
-    DumpName mainName, subName;
-  };
+  // Exactly the bytes the name implies: a longer file is refused without being read, so a
+  // huge file named like a small frame costs nothing; FIFOs and devices are refused unopened.
+  bool readDump(const std::string& file, const DumpName& d, std::vector<uint8_t>* out, std::string* error) {
+    const size_t bytes = host_dump_bytes(d);
+    if (!tool_read_file(config_->sourcePath + "/" + file, bytes, out, error)) {
+      if (error->rfind("larger than", 0) == 0)
+        *error = "longer than the " + std::to_string(bytes) + " bytes of the NV21 frame its name implies";
+      return false;
+    }
+    if (out->size() != bytes) {
+      *error = std::to_string(out->size()) + " bytes, shorter than the " + std::to_string(bytes) +
+               " bytes of the NV21 frame its name implies";
+      return false;
+    }
+    return true;
+  }
+  void skip(const std::string& what, const std::string& why) {
+    if (report_ != nullptr)
+      report_->skip(what, why);
+    else
+      fprintf(stderr, "vmktr_host: skipped %s: %s\n", what.c_str(), why.c_str());
+  }
   HostConfig* config_ = nullptr;
-  std::map<int32_t, Entry> entries_;
-  std::vector<int32_t> order_;
+  DumpPlan plan_;
   std::vector<uint8_t> lastSub_;
 };
 
 }  // namespace
-
-bool host_parse_dump_name(const std::string& name, DumpName* out) {
-  DumpName d;
-  int consumed = 0;
-  const char* s = name.c_str();
-  if (sscanf(s, "%d-preview-main-%dx%d-%d-%f-%dx%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm, &d.fNumber,
-             &d.focusX, &d.focusY, &consumed) == 7 &&
-      s[consumed] == '\0') {
-    d.isMain = true;
-  } else if (consumed = 0,
-             sscanf(s, "%d-preview-sub-%dx%d-%d.nv21%n", &d.counter, &d.width, &d.height, &d.vcm, &consumed) == 4 &&
-                 s[consumed] == '\0') {
-    d.isMain = false;
-  } else {
-    return false;
-  }
-  if (d.counter < 0 || d.width <= 0 || d.height <= 0 || d.width > 16384 || d.height > 16384 ||
-      ((d.width | d.height) & 1))
-    return false;
-  *out = d;
-  return true;
-}
 
 void host_rgb_to_nv21(const uint8_t* rgb, int32_t w, int32_t h, uint8_t* nv21) {
   for (int32_t y = 0; y < h; ++y)

@@ -10,6 +10,9 @@
 #include <vector>
 
 #include "host_config.h"
+#include "host_dumps.h"
+
+struct ToolReport;
 
 struct HostFrame {
   std::vector<uint8_t> main;   // NV21, main preview size
@@ -32,24 +35,17 @@ class HostSource {
   // false with a message when the frame cannot be had: the run reports it and skips the frame.
   virtual bool frame(int32_t index, HostFrame* out, std::string* error) = 0;
   const std::vector<uint8_t>& calibration() const { return calibration_; }
+  // Where files the source passes over are counted (dumps refused by name).
+  void setReport(ToolReport* report) { report_ = report; }
   // Where the scene's subject is in the main preview, when the source knows it.
   virtual bool subject(int32_t /*frame*/, int32_t* /*x*/, int32_t* /*y*/) const { return false; }
 
  protected:
   std::vector<uint8_t> calibration_;
+  ToolReport* report_ = nullptr;
 };
 
 std::unique_ptr<HostSource> host_make_source(const HostConfig& config);
-
-// Frame-name parsing of the dump directory, exposed for tests.
-struct DumpName {
-  int32_t counter = 0;
-  bool isMain = false;
-  int32_t width = 0, height = 0, vcm = 0;
-  float fNumber = 0;
-  int32_t focusX = 0, focusY = 0;
-};
-bool host_parse_dump_name(const std::string& name, DumpName* out);
 
 // NV21 <-> RGB (BT.601 full range) and bilinear RGB scaling, shared with the outputs.
 void host_rgb_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, uint8_t* nv21);
