@@ -199,6 +199,12 @@ TEST_F(DepthEval, EveryPairedImageMustHaveTheLeftSize) {
   r = pair({"--truth", truth_, "--truth-scale", "4", "--mask", none});
   EXPECT_EQ(r.code, 2) << r.err;
   EXPECT_TRUE(contains(r.err, none)) << r.err;
+  // PFM truth is known by its content, whatever its name.
+  const std::string floatTruth = dir_ + "/truth.gt";
+  write_bytes(floatTruth, pfm(kW, kH, float(kShift)));
+  r = pair({"--truth", floatTruth});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_TRUE(contains(r.out, "bad1.0 0.00%")) << r.out;
 }
 
 TEST_F(DepthEval, UnreadableInputsAreNamedNeverWaitedOn) {
@@ -294,6 +300,17 @@ TEST(DepthEvalFolder, ReadsEveryLayoutAndNamesWhatItCannotScore) {
   r = run(VM_DEPTH_EVAL, {"--folder", root, "--only", "nosuch"});
   EXPECT_EQ(r.code, 4) << r.err;
   EXPECT_TRUE(contains(r.err, "nosuch")) << r.err;
+
+  // One name in two sets: both scored, neither output overwrites the other.
+  mkdir((root + "/copy").c_str(), 0755);
+  make_scene(root + "/copy/teddy", "im2.ppm", "im6.ppm", "disp2.pgm", pgm(kW, kH, kShift * 4));
+  r = run(VM_DEPTH_EVAL, {"--folder", root, "--only", "teddy", "--out", out});
+  EXPECT_EQ(r.code, 0) << r.err;
+  EXPECT_GE(bad1_of(r.out, "copy/teddy"), 0.0) << r.out;
+  EXPECT_GE(bad1_of(r.out, "middlebury2003/teddy"), 0.0) << r.out;
+  EXPECT_TRUE(tool_is_regular_file(out + "/copy_teddy.pfm"));
+  EXPECT_TRUE(tool_is_regular_file(out + "/middlebury2003_teddy.pfm"));
+  ASSERT_EQ(rename((root + "/copy").c_str(), (work_dir() + "/copy moved").c_str()), 0);
 
   // Scenes that cannot be scored: no layout, a truncated image, a right image of another size.
   mkdir((root + "/broken").c_str(), 0755);

@@ -4,6 +4,7 @@
 // bad 2.0, mean absolute error and fill. Over a folder of scenes it prints a table and the means,
 // and names every scene it could not score.
 #include <dirent.h>
+#include <errno.h>
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -34,6 +35,7 @@ const double kMaxDisparity = 1000.0;
 
 struct Scene {
   std::string name, left, right, truth, mask;
+  std::string relative;     // the scene's folder below the folder given; names a scene whose name repeats
   float truthScale = 1.0f;  // 8-bit ground truth: disparity = value / scale; 0 = unknown
   bool pfmTruth = false;
 };
@@ -81,6 +83,17 @@ bool same_size(const std::string& a, int32_t aw, int32_t ah, const std::string& 
   if (aw == bw && ah == bh) return true;
   *error = b + " is " + size_text(bw, bh) + " but " + a + " is " + size_text(aw, ah);
   return false;
+}
+
+// PFM by its first bytes (Pf or PF), whatever the file's name.
+bool is_pfm(const std::string& path) {
+  if (!tool_is_regular_file(path)) return false;
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  char magic[2] = {0, 0};
+  const bool pfm = fread(magic, 1, 2, f) == 2 && magic[0] == 'P' && (magic[1] == 'f' || magic[1] == 'F');
+  fclose(f);
+  return pfm;
 }
 
 bool load_truth(const Scene& s, ImageF* gt, std::string* error) {
@@ -329,15 +342,14 @@ bool is_dir(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-std::vector<std::string> list_dir(const std::string& dir) {
-  std::vector<std::string> names;
+bool list_dir(const std::string& dir, std::vector<std::string>* names) {
   DIR* d = opendir(dir.c_str());
-  if (!d) return names;
+  if (!d) return false;
   while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') names.push_back(e->d_name);
+    if (e->d_name[0] != '.') names->push_back(e->d_name);
   closedir(d);
-  std::sort(names.begin(), names.end());
-  return names;
+  std::sort(names->begin(), names->end());
+  return true;
 }
 
 // The layouts of the stereo data README. Images may be PNG, PPM or PGM under the same stem (the
@@ -384,14 +396,19 @@ bool match_layout(const std::string& dir, const std::string& name, bool set2001,
 
 // Scenes in the layouts above, found at any depth below `dir` up to four folders down. A folder
 // holding files but no subfolder and no layout is a scene that cannot be read: reported.
-void find_scenes(const std::string& dir, const std::string& name, bool set2001, int depth, std::vector<Scene>* scenes,
-                 ToolReport* report) {
+void find_scenes(const std::string& dir, const std::string& relative, const std::string& name, bool set2001, int depth,
+                 std::vector<Scene>* scenes, ToolReport* report) {
   Scene s;
   if (match_layout(dir, name, set2001, &s)) {
+    s.relative = relative.empty() ? name : relative;
     scenes->push_back(s);
     return;
   }
-  const std::vector<std::string> entries = list_dir(dir);
+  std::vector<std::string> entries;
+  if (!list_dir(dir, &entries)) {
+    report->skip(dir, std::string("cannot be listed: ") + strerror(errno));
+    return;
+  }
   bool hasFiles = false, hasDirs = false;
   for (const std::string& e : entries) {
     const std::string path = dir + "/" + e;
@@ -404,7 +421,8 @@ void find_scenes(const std::string& dir, const std::string& name, bool set2001, 
       report->skip(path, "deeper than four folders below the folder given");
       continue;
     }
-    find_scenes(path, e, set2001 || e.find("2001") != std::string::npos, depth + 1, scenes, report);
+    find_scenes(path, relative.empty() ? e : relative + "/" + e, e, set2001 || e.find("2001") != std::string::npos,
+                depth + 1, scenes, report);
   }
   if (hasFiles && !hasDirs && depth > 0)
     report->skip(dir,
@@ -421,7 +439,7 @@ void usage(FILE* f) {
           "2.0 in %%, pixels without an estimate counting as bad, mean absolute error, fill in %%).\n"
           "  --folder DIR       every scene below DIR in a layout of the stereo data README (PNG, PPM or\n"
           "                     PGM images); scenes that cannot be scored are named and counted\n"
-          "  --only NAME        only the scene (folder) NAME\n"
+          "  --only NAME        only the scene (folder) NAME; a name found in two sets is shown as SET/NAME\n"
           "  --out DIR|FILE     the disparity as PFM: DIR/NAME.pfm per scene, or FILE for a pair\n"
           "  --quality Q        1 fast, 2 high (default)%s\n"
           "  --left/--right     the pair; the right image matches (x - d, y) of the left one\n"
@@ -502,7 +520,7 @@ int run(int argc, char** argv) {
   if (folder.empty()) {
     Scene s;
     s.name = "pair", s.left = left, s.right = right, s.truth = truth, s.mask = mask, s.truthScale = float(truthScale);
-    s.pfmTruth = truth.size() > 4 && truth.compare(truth.size() - 4, 4, ".pfm") == 0;
+    s.pfmTruth = is_pfm(truth);
     Score sc;
     bool scored = false;
     std::string error;
@@ -537,11 +555,19 @@ int run(int argc, char** argv) {
   std::vector<Scene> scenes;
   const size_t slash = folder.find_last_not_of('/');
   const std::string base = folder.substr(0, slash + 1), root = base.substr(base.find_last_of('/') + 1);
-  find_scenes(folder, root.empty() ? folder : root, folder.find("2001") != std::string::npos, 0, &scenes, &report);
+  find_scenes(folder, "", root.empty() ? folder : root, folder.find("2001") != std::string::npos, 0, &scenes, &report);
+  // Scenes of one name in two sets keep apart in the table and in --out: named by their folder.
+  std::vector<std::string> names;
+  for (const Scene& s : scenes) names.push_back(s.name);
+  for (Scene& s : scenes)
+    if (std::count(names.begin(), names.end(), s.name) > 1) s.name = s.relative;
   if (!only.empty()) {
     std::vector<Scene> kept;
     for (const Scene& s : scenes)
-      if (s.name == only) kept.push_back(s);
+      if (s.name == only || s.relative == only ||
+          (s.relative.size() > only.size() &&
+           s.relative.compare(s.relative.size() - only.size() - 1, std::string::npos, "/" + only) == 0))
+        kept.push_back(s);
     if (kept.empty()) fprintf(stderr, "%s: no scene named %s under %s\n", kTool, only.c_str(), folder.c_str());
     scenes.swap(kept);
     report.skipped.clear();  // folders of other names were not asked for
@@ -555,7 +581,9 @@ int run(int argc, char** argv) {
     Score sc;
     bool scored = false;
     std::string error;
-    const std::string outPath = out.empty() ? std::string() : out + "/" + s.name + ".pfm";
+    std::string file = s.name;
+    std::replace(file.begin(), file.end(), '/', '_');
+    const std::string outPath = out.empty() ? std::string() : out + "/" + file + ".pfm";
     const Outcome o = evaluate(s, quality, 0, 0, outPath, &sc, &scored, &error);
     if (o == kNotWritten) {
       report.write_failed(outPath, error);
