@@ -262,7 +262,7 @@ std::vector<uint8_t> pfm_bytes(const ImageF& image) {
 
 // Reads the pair (and truth and mask when named), checks their sizes, runs the engine, scores
 // against the truth when there is one and writes the disparity to outPath when it is not empty.
-// Without truth the search range is [dmin, dmax].
+// The search range is [dmin, dmax] when dmax > 0, else the truth's range.
 Outcome evaluate(const Scene& s, int32_t quality, float dmin, float dmax, const std::string& outPath, Score* score,
                  bool* scored, std::string* error) {
   Image8 left, right, mask;
@@ -278,7 +278,9 @@ Outcome evaluate(const Scene& s, int32_t quality, float dmin, float dmax, const 
   if (!s.truth.empty()) {
     if (!load_truth(s, &gt, error)) return kBadInput;
     if (!same_size(s.left, left.width, left.height, s.truth, gt.width, gt.height, error)) return kBadInput;
-    if (!truth_range(gt, s.truth, &dmin, &dmax, error)) return kBadInput;
+    float lo = 0, hi = 0;
+    if (!truth_range(gt, s.truth, &lo, &hi, error)) return kBadInput;
+    if (!(dmax > 0)) dmin = lo, dmax = hi;
   }
   if (!s.mask.empty()) {
     if (!read_image(s.mask, &mask, error)) return kBadInput;
@@ -446,8 +448,9 @@ void usage(FILE* f) {
           "  --truth GT         ground truth of the left view: PFM (.pfm), else 8-bit PNG/PGM, 0 unknown\n"
           "  --truth-scale K    8-bit truth holds disparity x K (default 1)\n"
           "  --mask M           only pixels where M is 255 are scored (needs --truth)\n"
-          "  --min/--max D      the search range in pixels when there is no truth (0..%d)\n"
-          "Every image must have the size of the left one.\n"
+          "  --min/--max D      the search range in pixels (0..%d); default with --truth: the truth's range\n"
+          "Every image must have the size of the left one. In a folder, im2/im6 with disp2 is read in\n"
+          "quarter pixels (the 2003 sets), in eighths below a folder whose name holds 2001.\n"
           "%s",
 #ifdef VM_EVAL_OPENCV
           ", 0 StereoSGBM",
@@ -507,8 +510,10 @@ int run(int argc, char** argv) {
       args.fail("--left needs --right");
     else if (!left.empty() && !only.empty())
       args.fail("--only goes with --folder");
-    else if (!left.empty() && truth.empty() && !(haveMax && dmax > dmin))
-      args.fail("give --truth or --max (above --min) for the search range");
+    else if (!left.empty() && truth.empty() && !haveMax)
+      args.fail("give --truth or --max for the search range");
+    else if (haveMax && !(dmax > dmin))
+      args.fail("--max must be above --min");
     else if (!mask.empty() && truth.empty())
       args.fail("--mask needs --truth");
   }
@@ -524,7 +529,7 @@ int run(int argc, char** argv) {
     Score sc;
     bool scored = false;
     std::string error;
-    const Outcome o = evaluate(s, quality, float(dmin), float(dmax), out, &sc, &scored, &error);
+    const Outcome o = evaluate(s, quality, float(dmin), haveMax ? float(dmax) : 0.0f, out, &sc, &scored, &error);
     if (o != kScored) {
       fprintf(stderr, "%s: %s\n", kTool, error.c_str());
       return o == kEngineRefused ? kToolExitRefused : o == kNotWritten ? kToolExitWrite : kToolExitUsage;
