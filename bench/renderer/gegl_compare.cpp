@@ -15,10 +15,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "renderer_internal.h"
 #include "synth_scene.h"
+#include "tool_cli.h"
 
 namespace {
 
@@ -242,29 +244,49 @@ void quality(int32_t w, int32_t h, uint32_t seed) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  gegl_init(&argc, &argv);
+int body(int argc, char** argv) {
+  gegl_init(&argc, &argv);  // takes GEGL's own options out of argv first
   g_object_set(gegl_config(), "threads", 1, "use-opencl", FALSE, nullptr);
   bool withSpeed = true, fullHd = false;
-  for (int i = 1; i < argc; ++i) {
-    if (strcmp(argv[i], "--quality-only") == 0) {
+  std::string dumpDir;
+  ToolArgs args(argc, argv);
+  while (args.next()) {
+    if (args.is_help()) {
+      printf(
+          "usage: gegl_compare [--quality-only] [--full-hd] [--dump DIR]\n"
+          "  --quality-only  no speed comparison\n"
+          "  --full-hd       also the scene at 1920 x 1080 (its oracle takes minutes)\n"
+          "  --dump DIR      luma planes and error images of each scene as PGM files into DIR\n"
+          "%s",
+          kToolExitCodesHelp);
+      return kToolExitDone;
+    } else if (args.is("--quality-only")) {
       withSpeed = false;
-    } else if (strcmp(argv[i], "--full-hd") == 0) {
+    } else if (args.is("--full-hd")) {
       fullHd = true;
-    } else if (strcmp(argv[i], "--dump") == 0 && i + 1 < argc) {
-      g_dumpDir = argv[++i];
+    } else if (args.is("--dump")) {
+      std::string why;
+      if (args.string_value(&dumpDir) && !tool_make_dirs(dumpDir, &why)) args.fail("--dump " + why);
     } else {
-      fprintf(stderr, "usage: %s [--quality-only] [--full-hd] [--dump DIR]\n", argv[0]);
-      return 2;
+      args.unknown();
     }
   }
+  if (args.failed()) {
+    fprintf(stderr, "gegl_compare: %s\n", args.error().c_str());
+    return kToolExitUsage;
+  }
+  if (!dumpDir.empty()) g_dumpDir = dumpDir.c_str();
   if (withSpeed) speed();
   quality(320, 180, 5);
   quality(640, 360, 7);
   quality(960, 540, 5);
   if (fullHd) quality(1920, 1080, 5);
   gegl_exit();
-  return 0;
+  return kToolExitDone;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return tool_main("gegl_compare", argc, argv, body);
 }

@@ -1,12 +1,15 @@
 // depth_eval.cpp - vm_depth_eval: runs the depth engine (through its C functions) on stereo pairs
 // at their own resolution, writes the disparity in pixels as PFM (+inf where the engine has no
 // depth) and scores it against ground truth: bad 1.0 (pixels without an estimate count as bad),
-// bad 2.0, mean absolute error and fill. Over a folder of scenes it prints a table and the means.
+// bad 2.0, mean absolute error and fill. Over a folder of scenes it prints a table and the means,
+// and names every scene it could not score.
 #include <dirent.h>
+#include <errno.h>
 #include <math.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -16,6 +19,7 @@
 #include "calib_block.h"
 #include "engines.h"
 #include "image_io.h"
+#include "tool_cli.h"
 
 #ifdef VM_EVAL_OPENCV
 #include <opencv2/calib3d.hpp>
@@ -24,16 +28,24 @@
 
 namespace {
 
+const char kTool[] = "vm_depth_eval";
+// The engine's own limits: sides of 8..8192 and a disparity code of at most 1022.
+const int32_t kMinSide = 8, kMaxSide = 8192;
+const double kMaxDisparity = 1000.0;
+
 struct Scene {
   std::string name, left, right, truth, mask;
+  std::string relative;     // the scene's folder below the folder given; names a scene whose name repeats
   float truthScale = 1.0f;  // 8-bit ground truth: disparity = value / scale; 0 = unknown
   bool pfmTruth = false;
 };
 
 struct Score {
   double bad1 = 0, bad2 = 0, mae = 0, fill = 0, ms = 0;
-  bool ok = false;
 };
+
+// Why a scene or pair could not be scored; picks the exit code.
+enum Outcome { kScored, kBadInput, kEngineRefused, kNotWritten };
 
 double now_ms() {
   timespec t;
@@ -41,10 +53,59 @@ double now_ms() {
   return double(t.tv_sec) * 1000.0 + double(t.tv_nsec) / 1e6;
 }
 
+// The reader's message with the file named once.
+std::string named(const std::string& path, const std::string& message) {
+  return message.find(path) != std::string::npos ? message : path + ": " + message;
+}
+
+// A FIFO or a device would block the readers or feed them without end: regular files only.
+bool input_file(const std::string& path, std::string* error) {
+  if (tool_is_regular_file(path)) return true;
+  *error = path + (file_exists(path) ? ": not a regular file" : ": no such file");
+  return false;
+}
+
+bool read_image(const std::string& path, Image8* im, std::string* error) {
+  std::string e;
+  if (!input_file(path, error)) return false;
+  if (image_read8(path, im, &e)) return true;
+  *error = named(path, e);
+  return false;
+}
+
+std::string size_text(int32_t w, int32_t h) {
+  return std::to_string(w) + "x" + std::to_string(h);
+}
+
+// Every image paired with the left one must have its size: the scores index them alike.
+bool same_size(const std::string& a, int32_t aw, int32_t ah, const std::string& b, int32_t bw, int32_t bh,
+               std::string* error) {
+  if (aw == bw && ah == bh) return true;
+  *error = b + " is " + size_text(bw, bh) + " but " + a + " is " + size_text(aw, ah);
+  return false;
+}
+
+// PFM by its first bytes (Pf or PF), whatever the file's name.
+bool is_pfm(const std::string& path) {
+  if (!tool_is_regular_file(path)) return false;
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  char magic[2] = {0, 0};
+  const bool pfm = fread(magic, 1, 2, f) == 2 && magic[0] == 'P' && (magic[1] == 'f' || magic[1] == 'F');
+  fclose(f);
+  return pfm;
+}
+
 bool load_truth(const Scene& s, ImageF* gt, std::string* error) {
-  if (s.pfmTruth) return image_read_pfm(s.truth, gt, error);
+  if (!input_file(s.truth, error)) return false;
+  std::string e;
+  if (s.pfmTruth) {
+    if (image_read_pfm(s.truth, gt, &e)) return true;
+    *error = named(s.truth, e);
+    return false;
+  }
   Image8 g;
-  if (!image_read8(s.truth, &g, error)) return false;
+  if (!read_image(s.truth, &g, error)) return false;
   gt->width = g.width;
   gt->height = g.height;
   gt->data.resize(size_t(g.width) * size_t(g.height));
@@ -52,6 +113,24 @@ bool load_truth(const Scene& s, ImageF* gt, std::string* error) {
     uint8_t v = g.data[i * size_t(g.channels)];
     gt->data[i] = v == 0 ? INFINITY : float(v) / s.truthScale;
   }
+  return true;
+}
+
+// The finite range of the ground truth, refused when empty or beyond the engine's reach.
+bool truth_range(const ImageF& gt, const std::string& path, float* lo, float* hi, std::string* error) {
+  *lo = INFINITY, *hi = 0;
+  for (float v : gt.data)
+    if (isfinite(v)) *lo = std::min(*lo, v), *hi = std::max(*hi, v);
+  if (!(*hi > 0)) {
+    *error = path + ": no valid ground truth";
+    return false;
+  }
+  if (*hi > float(kMaxDisparity)) {
+    *error = path + ": ground truth disparity " + std::to_string(*hi) + " beyond the engine's " +
+             std::to_string(int(kMaxDisparity));
+    return false;
+  }
+  *lo = std::max(0.0f, *lo);
   return true;
 }
 
@@ -72,22 +151,21 @@ void to_planes(const Image8& im, std::vector<uint8_t>* planes) {
   }
 }
 
-// Runs the engine on one pair with the search range [dmin, dmax]; disparity in pixels, +inf
-// where there is none.
+// Runs the engine on one pair of equal size with the search range [dmin, dmax]; disparity in
+// pixels, +inf where there is none.
 bool run_engine(const Image8& left, const Image8& right, float dmin, float dmax, int32_t quality, ImageF* disp,
                 double* ms, std::string* error) {
-  if (left.width != right.width || left.height != right.height) {
-    *error = "left and right sizes differ";
-    return false;
-  }
   const int32_t w = left.width, h = left.height;
+  // A flat truth (one plane) still needs a range of at least a pixel.
+  dmin = floorf(dmin);
+  dmax = std::max(ceilf(dmax), dmin + 1.0f);
   CalibBlock cb;
-  calib_block_defaults(&cb, w, h, w, h, floorf(dmin), ceilf(dmax));
-  int32_t scale = int32_t(1022.0f / (ceilf(dmax) + 2.0f));
+  calib_block_defaults(&cb, w, h, w, h, dmin, dmax);
+  int32_t scale = int32_t(1022.0f / (dmax + 2.0f));
   cb.disparityScale = uint16_t(std::max(1, std::min(16, scale)));
   uint8_t block[CALIB_BLOCK_SIZE];
   if (calib_block_write(&cb, block, sizeof(block)) != CALIB_OK) {
-    *error = "bad calibration values";
+    *error = "the calibration block refused the range " + std::to_string(dmin) + ".." + std::to_string(dmax);
     return false;
   }
   std::vector<uint8_t> lp, rp;
@@ -100,8 +178,9 @@ bool run_engine(const Image8& left, const Image8& right, float dmin, float dmax,
   vmDpx2RT_FieldofDepth_Set(quality);
   int32_t r = vmDpx2_Express_Init(block, sizeof(block), w, h, nullptr, 0);
   if (r != 0) {
-    char text[64];
-    snprintf(text, sizeof(text), "vmDpx2_Express_Init failed: %x", unsigned(r));
+    char text[96];
+    snprintf(text, sizeof(text), "vmDpx2_Express_Init refused %dx%d, disparity %.0f..%.0f: %x", w, h, double(dmin),
+             double(dmax), unsigned(r));
     *error = text;
     return false;
   }
@@ -111,7 +190,9 @@ bool run_engine(const Image8& left, const Image8& right, float dmin, float dmax,
   *ms = now_ms() - t0;
   vmDpx2_Express_Close();
   if (r != 0) {
-    *error = "vmDpx2_Run_Express failed";
+    char text[64];
+    snprintf(text, sizeof(text), "vmDpx2_Run_Express failed: %x", unsigned(r));
+    *error = text;
     return false;
   }
   disp->width = w;
@@ -162,36 +243,72 @@ bool run_sgbm(const Image8& left, const Image8& right, float dmin, float dmax, I
 }
 #endif
 
-Score evaluate(const Scene& s, int32_t quality, const std::string& outDir) {
-  Score score;
-  std::string error;
+// PFM bytes (one channel, little-endian, bottom row first), written through the checked writer:
+// a full disk must show even when the whole file fits the stream's buffer.
+std::vector<uint8_t> pfm_bytes(const ImageF& image) {
+  char header[64];
+  const int n = snprintf(header, sizeof(header), "Pf\n%d %d\n-1.0\n", image.width, image.height);
+  std::vector<uint8_t> out(header, header + n);
+  out.reserve(out.size() + image.data.size() * 4);
+  for (int32_t y = image.height - 1; y >= 0; --y)
+    for (int32_t x = 0; x < image.width; ++x) {
+      uint32_t u;
+      memcpy(&u, &image.data[size_t(y) * size_t(image.width) + size_t(x)], 4);
+      const uint8_t b[4] = {uint8_t(u), uint8_t(u >> 8), uint8_t(u >> 16), uint8_t(u >> 24)};
+      out.insert(out.end(), b, b + 4);
+    }
+  return out;
+}
+
+// Reads the pair (and truth and mask when named), checks their sizes, runs the engine, scores
+// against the truth when there is one and writes the disparity to outPath when it is not empty.
+// The search range is [dmin, dmax] when dmax > 0, else the truth's range.
+Outcome evaluate(const Scene& s, int32_t quality, float dmin, float dmax, const std::string& outPath, Score* score,
+                 bool* scored, std::string* error) {
   Image8 left, right, mask;
   ImageF gt, disp;
-  if (!image_read8(s.left, &left, &error) || !image_read8(s.right, &right, &error) || !load_truth(s, &gt, &error) ||
-      (!s.mask.empty() && !image_read8(s.mask, &mask, &error))) {
-    fprintf(stderr, "%s: %s\n", s.name.c_str(), error.c_str());
-    return score;
+  *scored = false;
+  if (!read_image(s.left, &left, error) || !read_image(s.right, &right, error)) return kBadInput;
+  if (!same_size(s.left, left.width, left.height, s.right, right.width, right.height, error)) return kBadInput;
+  if (left.width < kMinSide || left.height < kMinSide || left.width > kMaxSide || left.height > kMaxSide) {
+    *error = s.left + " is " + size_text(left.width, left.height) + "; the engine takes " + std::to_string(kMinSide) +
+             ".." + std::to_string(kMaxSide) + " a side";
+    return kBadInput;
   }
-  if (gt.width != left.width || gt.height != left.height) {
-    fprintf(stderr, "%s: ground truth size differs from the images\n", s.name.c_str());
-    return score;
+  if (!s.truth.empty()) {
+    if (!load_truth(s, &gt, error)) return kBadInput;
+    if (!same_size(s.left, left.width, left.height, s.truth, gt.width, gt.height, error)) return kBadInput;
+    float lo = 0, hi = 0;
+    if (!truth_range(gt, s.truth, &lo, &hi, error)) return kBadInput;
+    if (!(dmax > 0)) dmin = lo, dmax = hi;
   }
-  float lo = INFINITY, hi = 0;
-  for (float v : gt.data)
-    if (isfinite(v)) lo = std::min(lo, v), hi = std::max(hi, v);
-  if (!(hi > 0)) {
-    fprintf(stderr, "%s: no valid ground truth\n", s.name.c_str());
-    return score;
+  if (!s.mask.empty()) {
+    if (!read_image(s.mask, &mask, error)) return kBadInput;
+    if (!same_size(s.left, left.width, left.height, s.mask, mask.width, mask.height, error)) return kBadInput;
   }
-  bool ok = quality == 0 ? false : run_engine(left, right, std::max(0.0f, lo), hi, quality, &disp, &score.ms, &error);
+  bool ok = false;
+  if (quality > 0) ok = run_engine(left, right, dmin, dmax, quality, &disp, &score->ms, error);
 #ifdef VM_EVAL_OPENCV
-  if (quality == 0) ok = run_sgbm(left, right, std::max(0.0f, lo), hi, &disp), error = "SGBM failed";
-#endif
-  if (!ok) {
-    fprintf(stderr, "%s: %s\n", s.name.c_str(), error.c_str());
-    return score;
+  if (quality == 0) {
+    ok = run_sgbm(left, right, dmin, dmax, &disp);
+    if (!ok) *error = "StereoSGBM failed";
   }
-  if (!outDir.empty()) image_write_pfm(outDir + "/" + s.name + ".pfm", disp);
+#endif
+  if (!ok) return kEngineRefused;
+  if (!outPath.empty()) {
+    const std::vector<uint8_t> bytes = pfm_bytes(disp);
+    std::string why;
+    if (!tool_write_file(outPath, bytes.data(), bytes.size(), &why)) {
+      *error = outPath + ": " + why;
+      return kNotWritten;
+    }
+  }
+  if (s.truth.empty()) {
+    size_t filled = 0;
+    for (float v : disp.data) filled += isfinite(v);
+    score->fill = 100.0 * double(filled) / double(disp.data.size());
+    return kScored;
+  }
   size_t counted = 0, bad1 = 0, bad2 = 0, estimated = 0, filled = 0;
   double absErr = 0;
   for (size_t i = 0; i < gt.data.size(); ++i) {
@@ -210,167 +327,296 @@ Score evaluate(const Scene& s, int32_t quality, const std::string& outDir) {
     absErr += e;
     ++estimated;
   }
-  if (counted == 0) return score;
-  score.bad1 = 100.0 * double(bad1) / double(counted);
-  score.bad2 = 100.0 * double(bad2) / double(counted);
-  score.mae = estimated ? absErr / double(estimated) : 0;
-  score.fill = 100.0 * double(filled) / double(gt.data.size());
-  score.ok = true;
-  return score;
-}
-
-std::vector<std::string> list_dir(const std::string& dir) {
-  std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  if (!d) return names;
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') names.push_back(e->d_name);
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-// Scenes in the layouts the stereo data README describes, found at any depth below `dir`.
-void find_scenes(const std::string& dir, const std::string& name, std::vector<Scene>* scenes, int depth) {
-  auto has = [&](const char* f) { return file_exists(dir + "/" + f); };
-  Scene s;
-  s.name = name;
-  if (has("im0.png") && has("im1.png") && has("disp0GT.pfm")) {
-    s.left = dir + "/im0.png", s.right = dir + "/im1.png", s.truth = dir + "/disp0GT.pfm", s.pfmTruth = true;
-    if (has("mask0nocc.png")) s.mask = dir + "/mask0nocc.png";
-  } else if (has("imL.png") && has("imR.png") && has("truedisp.pgm")) {
-    s.left = dir + "/imL.png", s.right = dir + "/imR.png", s.truth = dir + "/truedisp.pgm", s.truthScale = 16;
-    if (has("nonocc.png")) s.mask = dir + "/nonocc.png";
-  } else if (has("imL.png") && has("imR.png") && has("disp2.pgm")) {
-    s.left = dir + "/imL.png", s.right = dir + "/imR.png", s.truth = dir + "/disp2.pgm", s.truthScale = 8;
-  } else if (has("im2.png") && has("im6.png") && has("disp2.pgm")) {
-    s.left = dir + "/im2.png", s.right = dir + "/im6.png", s.truth = dir + "/disp2.pgm", s.truthScale = 4;
-  } else if (has("view1.png") && has("view5.png") && has("disp1.png")) {
-    s.left = dir + "/view1.png", s.right = dir + "/view5.png", s.truth = dir + "/disp1.png", s.truthScale = 3;
+  if (counted == 0) {
+    *error = (s.mask.empty() ? s.truth : s.mask) + ": no pixel with ground truth to score";
+    return kBadInput;
   }
-  if (!s.left.empty()) {
+  score->bad1 = 100.0 * double(bad1) / double(counted);
+  score->bad2 = 100.0 * double(bad2) / double(counted);
+  score->mae = estimated ? absErr / double(estimated) : 0;
+  score->fill = 100.0 * double(filled) / double(gt.data.size());
+  *scored = true;
+  return kScored;
+}
+
+bool is_dir(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool list_dir(const std::string& dir, std::vector<std::string>* names) {
+  DIR* d = opendir(dir.c_str());
+  if (!d) return false;
+  while (dirent* e = readdir(d))
+    if (e->d_name[0] != '.') names->push_back(e->d_name);
+  closedir(d);
+  std::sort(names->begin(), names->end());
+  return true;
+}
+
+// The layouts of the stereo data README. Images may be PNG, PPM or PGM under the same stem (the
+// sets were first published as PPM/PGM); truth with a scale of 0 is the named PFM.
+struct Layout {
+  const char *left, *right, *truth;
+  float scale;
+  const char* mask;
+};
+const Layout kLayouts[] = {
+    {"im0", "im1", "disp0GT.pfm", 0, "mask0nocc"},  // MiddEval3
+    {"imL", "imR", "truedisp", 16, "nonocc"},       // 2001 tsukuba (0 on the 18 px border: unknown)
+    {"imL", "imR", "disp2", 8, nullptr},            // 2001 venus
+    {"im2", "im6", "disp2", 4, nullptr},            // 2003 teddy, cones (2001 sets: / 8, see below)
+    {"view1", "view5", "disp1", 3, nullptr},        // 2005 and 2006
+};
+
+std::string with_ext(const std::string& dir, const char* stem) {
+  static const char* const kExts[] = {".png", ".ppm", ".pgm"};
+  for (const char* ext : kExts) {
+    const std::string path = dir + "/" + stem + ext;
+    if (file_exists(path)) return path;
+  }
+  return std::string();
+}
+
+// A scene of one of the layouts in `dir`, or false.
+bool match_layout(const std::string& dir, const std::string& name, bool set2001, Scene* s) {
+  for (const Layout& l : kLayouts) {
+    const std::string left = with_ext(dir, l.left), right = with_ext(dir, l.right);
+    const std::string truth =
+        l.scale == 0 ? (file_exists(dir + "/" + l.truth) ? dir + "/" + l.truth : "") : with_ext(dir, l.truth);
+    if (left.empty() || right.empty() || truth.empty()) continue;
+    s->name = name, s->left = left, s->right = right, s->truth = truth;
+    s->pfmTruth = l.scale == 0;
+    s->truthScale = l.scale;
+    // The 2001 sets other than tsukuba came as im2/im6 with disp2 in eighths of a pixel.
+    if (set2001 && strcmp(l.left, "im2") == 0) s->truthScale = 8;
+    s->mask = l.mask != nullptr ? with_ext(dir, l.mask) : std::string();
+    return true;
+  }
+  return false;
+}
+
+// Scenes in the layouts above, found at any depth below `dir` up to four folders down. A folder
+// holding files but no subfolder and no layout is a scene that cannot be read: reported.
+void find_scenes(const std::string& dir, const std::string& relative, const std::string& name, bool set2001, int depth,
+                 std::vector<Scene>* scenes, ToolReport* report) {
+  Scene s;
+  if (match_layout(dir, name, set2001, &s)) {
+    s.relative = relative.empty() ? name : relative;
     scenes->push_back(s);
     return;
   }
-  if (depth > 3) return;
-  for (const std::string& sub : list_dir(dir)) {
-    std::string path = dir + "/" + sub;
-    DIR* d = opendir(path.c_str());
-    if (!d) continue;
-    closedir(d);
-    find_scenes(path, sub, scenes, depth + 1);
+  std::vector<std::string> entries;
+  if (!list_dir(dir, &entries)) {
+    report->skip(dir, std::string("cannot be listed: ") + strerror(errno));
+    return;
   }
+  bool hasFiles = false, hasDirs = false;
+  for (const std::string& e : entries) {
+    const std::string path = dir + "/" + e;
+    if (!is_dir(path)) {
+      hasFiles = true;
+      continue;
+    }
+    hasDirs = true;
+    if (depth >= 4) {
+      report->skip(path, "deeper than four folders below the folder given");
+      continue;
+    }
+    find_scenes(path, relative.empty() ? e : relative + "/" + e, e, set2001 || e.find("2001") != std::string::npos,
+                depth + 1, scenes, report);
+  }
+  if (hasFiles && !hasDirs && depth > 0)
+    report->skip(dir,
+                 "no stereo layout (im0/im1 + disp0GT.pfm, imL/imR + truedisp or disp2, im2/im6 + disp2, "
+                 "view1/view5 + disp1)");
 }
 
-void usage() {
-  fprintf(stderr,
-          "usage: vm_depth_eval --folder DIR [--quality 1|2, or 0 for StereoSGBM when built with OpenCV] [--out DIR]\n"
-          "                     [--only NAME]\n"
-          "       vm_depth_eval --left L --right R --max D [--min D] [--quality 1|2] [--out FILE.pfm]\n"
-          "                     [--truth GT (PFM, or 8-bit with --truth-scale K)] [--mask M]\n");
+void usage(FILE* f) {
+  fprintf(f,
+          "usage: vm_depth_eval --folder DIR [--quality Q] [--out DIR] [--only NAME]\n"
+          "       vm_depth_eval --left L --right R (--truth GT | --max D [--min D]) [--truth-scale K] [--mask M]\n"
+          "                     [--quality Q] [--out FILE.pfm]\n"
+          "Runs the stereo engine on a pair at its own size and scores it against ground truth (bad 1.0 and\n"
+          "2.0 in %%, pixels without an estimate counting as bad, mean absolute error, fill in %%).\n"
+          "  --folder DIR       every scene below DIR in a layout of the stereo data README (PNG, PPM or\n"
+          "                     PGM images); scenes that cannot be scored are named and counted\n"
+          "  --only NAME        only the scene (folder) NAME; a name found in two sets is shown as SET/NAME\n"
+          "  --out DIR|FILE     the disparity as PFM: DIR/NAME.pfm per scene, or FILE for a pair\n"
+          "  --quality Q        1 fast, 2 high (default)%s\n"
+          "  --left/--right     the pair; the right image matches (x - d, y) of the left one\n"
+          "  --truth GT         ground truth of the left view: PFM (.pfm), else 8-bit PNG/PGM, 0 unknown\n"
+          "  --truth-scale K    8-bit truth holds disparity x K (default 1)\n"
+          "  --mask M           only pixels where M is 255 are scored (needs --truth)\n"
+          "  --min/--max D      the search range in pixels (0..%d); default with --truth: the truth's range\n"
+          "Every image must have the size of the left one. In a folder, im2/im6 with disp2 is read in\n"
+          "quarter pixels (the 2003 sets), in eighths below a folder whose name holds 2001.\n"
+          "%s",
+#ifdef VM_EVAL_OPENCV
+          ", 0 StereoSGBM",
+#else
+          "",
+#endif
+          int(kMaxDisparity), kToolExitCodesHelp);
+}
+
+int run(int argc, char** argv) {
+  std::string folder, out, only, left, right, truth, mask;
+  int32_t quality = 2;
+  double dmin = 0, dmax = 0, truthScale = 1;
+  bool haveMax = false;
+#ifdef VM_EVAL_OPENCV
+  const int32_t minQuality = 0;
+#else
+  const int32_t minQuality = 1;
+#endif
+  ToolArgs args(argc, argv);
+  while (args.next()) {
+    if (args.is_help()) {
+      usage(stdout);
+      return kToolExitDone;
+    } else if (args.is("--folder")) {
+      args.string_value(&folder);
+    } else if (args.is("--out")) {
+      args.string_value(&out);
+    } else if (args.is("--only")) {
+      args.string_value(&only);
+    } else if (args.is("--quality")) {
+      args.int_value(minQuality, 2, &quality);
+    } else if (args.is("--left")) {
+      args.string_value(&left);
+    } else if (args.is("--right")) {
+      args.string_value(&right);
+    } else if (args.is("--truth")) {
+      args.string_value(&truth);
+    } else if (args.is("--truth-scale")) {
+      args.double_value(0.001, 1000.0, &truthScale);
+    } else if (args.is("--mask")) {
+      args.string_value(&mask);
+    } else if (args.is("--min")) {
+      args.double_value(0.0, kMaxDisparity, &dmin);
+    } else if (args.is("--max")) {
+      haveMax = args.double_value(0.0, kMaxDisparity, &dmax);
+    } else {
+      args.unknown();
+    }
+  }
+  if (!args.failed()) {
+    if (folder.empty() == left.empty())
+      args.fail("give either --folder or --left and --right");
+    else if (!folder.empty() && !(right.empty() && truth.empty() && mask.empty() && !haveMax))
+      args.fail("--folder takes no --right, --truth, --mask, --min or --max");
+    else if (!left.empty() && right.empty())
+      args.fail("--left needs --right");
+    else if (!left.empty() && !only.empty())
+      args.fail("--only goes with --folder");
+    else if (!left.empty() && truth.empty() && !haveMax)
+      args.fail("give --truth or --max for the search range");
+    else if (haveMax && !(dmax > dmin))
+      args.fail("--max must be above --min");
+    else if (!mask.empty() && truth.empty())
+      args.fail("--mask needs --truth");
+  }
+  if (args.failed()) {
+    fprintf(stderr, "%s: %s\n", kTool, args.error().c_str());
+    return kToolExitUsage;
+  }
+
+  if (folder.empty()) {
+    Scene s;
+    s.name = "pair", s.left = left, s.right = right, s.truth = truth, s.mask = mask, s.truthScale = float(truthScale);
+    s.pfmTruth = is_pfm(truth);
+    Score sc;
+    bool scored = false;
+    std::string error;
+    const Outcome o = evaluate(s, quality, float(dmin), haveMax ? float(dmax) : 0.0f, out, &sc, &scored, &error);
+    if (o != kScored) {
+      fprintf(stderr, "%s: %s\n", kTool, error.c_str());
+      return o == kEngineRefused ? kToolExitRefused : o == kNotWritten ? kToolExitWrite : kToolExitUsage;
+    }
+    if (scored)
+      printf("bad1.0 %.2f%%  bad2.0 %.2f%%  MAE %.3f  fill %.2f%%  run %.1f ms\n", sc.bad1, sc.bad2, sc.mae, sc.fill,
+             sc.ms);
+    else
+      printf("fill %.2f%%  run %.1f ms\n", sc.fill, sc.ms);
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+      fprintf(stderr, "%s: could not write the score to standard output\n", kTool);
+      return kToolExitWrite;
+    }
+    return kToolExitDone;
+  }
+
+  if (!is_dir(folder)) {
+    fprintf(stderr, "%s: %s: not a folder\n", kTool, folder.c_str());
+    return kToolExitUsage;
+  }
+  std::string why;
+  if (!out.empty() && !tool_make_dirs(out, &why)) {
+    fprintf(stderr, "%s: --out %s\n", kTool, why.c_str());
+    return kToolExitWrite;
+  }
+  ToolReport report;
+  report.tool = kTool;
+  std::vector<Scene> scenes;
+  const size_t slash = folder.find_last_not_of('/');
+  const std::string base = folder.substr(0, slash + 1), root = base.substr(base.find_last_of('/') + 1);
+  find_scenes(folder, "", root.empty() ? folder : root, folder.find("2001") != std::string::npos, 0, &scenes, &report);
+  // Scenes of one name in two sets keep apart in the table and in --out: named by their folder.
+  std::vector<std::string> names;
+  for (const Scene& s : scenes) names.push_back(s.name);
+  for (Scene& s : scenes)
+    if (std::count(names.begin(), names.end(), s.name) > 1) s.name = s.relative;
+  if (!only.empty()) {
+    std::vector<Scene> kept;
+    for (const Scene& s : scenes)
+      if (s.name == only || s.relative == only ||
+          (s.relative.size() > only.size() &&
+           s.relative.compare(s.relative.size() - only.size() - 1, std::string::npos, "/" + only) == 0))
+        kept.push_back(s);
+    if (kept.empty()) fprintf(stderr, "%s: no scene named %s under %s\n", kTool, only.c_str(), folder.c_str());
+    scenes.swap(kept);
+    report.skipped.clear();  // folders of other names were not asked for
+  } else if (scenes.empty()) {
+    fprintf(stderr, "%s: no scene under %s\n", kTool, folder.c_str());
+  }
+  if (!scenes.empty()) printf("%-12s %8s %8s %8s %8s %9s\n", "scene", "bad1.0%", "bad2.0%", "MAE", "fill%", "run ms");
+  Score mean;
+  size_t refused = 0;
+  for (const Scene& s : scenes) {
+    Score sc;
+    bool scored = false;
+    std::string error;
+    std::string file = s.name;
+    std::replace(file.begin(), file.end(), '/', '_');
+    const std::string outPath = out.empty() ? std::string() : out + "/" + file + ".pfm";
+    const Outcome o = evaluate(s, quality, 0, 0, outPath, &sc, &scored, &error);
+    if (o == kNotWritten) {
+      report.write_failed(outPath, error);
+      continue;
+    }
+    if (o != kScored) {
+      refused += o == kEngineRefused;
+      report.skip(s.name, error);
+      continue;
+    }
+    printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", s.name.c_str(), sc.bad1, sc.bad2, sc.mae, sc.fill, sc.ms);
+    fflush(stdout);
+    mean.bad1 += sc.bad1, mean.bad2 += sc.bad2, mean.mae += sc.mae, mean.fill += sc.fill, mean.ms += sc.ms;
+    ++report.processed;
+  }
+  if (report.processed > 0) {
+    const double n = double(report.processed);
+    printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", "mean", mean.bad1 / n, mean.bad2 / n, mean.mae / n, mean.fill / n,
+           mean.ms / n);
+  }
+  if (fflush(stdout) != 0 || ferror(stdout)) report.write_failed("standard output", "the table was not written");
+  const int rc = report.finish();
+  // Every skip an engine refusal: say so with its own code.
+  return rc == kToolExitUsage && refused == report.skipped.size() ? kToolExitRefused : rc;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string folder, out, only, left, right, truth, mask;
-  int32_t quality = 2;
-  float dmin = 0, dmax = 0, truthScale = 1;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    std::string a = argv[i], v = argv[i + 1];
-    if (a == "--folder")
-      folder = v;
-    else if (a == "--out")
-      out = v;
-    else if (a == "--only")
-      only = v;
-    else if (a == "--quality")
-      quality = atoi(v.c_str());
-    else if (a == "--left")
-      left = v;
-    else if (a == "--right")
-      right = v;
-    else if (a == "--truth")
-      truth = v;
-    else if (a == "--truth-scale")
-      truthScale = float(atof(v.c_str()));
-    else if (a == "--mask")
-      mask = v;
-    else if (a == "--min")
-      dmin = float(atof(v.c_str()));
-    else if (a == "--max")
-      dmax = float(atof(v.c_str()));
-    else {
-      usage();
-      return 2;
-    }
-  }
-  if (argc % 2 == 0 || (folder.empty() && left.empty())) {
-    usage();
-    return 2;
-  }
-  if (!folder.empty()) {
-    std::vector<Scene> scenes;
-    find_scenes(folder, "", &scenes, 0);
-    if (scenes.empty()) {
-      printf("vm_depth_eval: no scenes under %s: skipped\n", folder.c_str());
-      return 0;
-    }
-    printf("%-12s %8s %8s %8s %8s %9s\n", "scene", "bad1.0%", "bad2.0%", "MAE", "fill%", "run ms");
-    Score mean;
-    int count = 0;
-    for (const Scene& s : scenes) {
-      if (!only.empty() && s.name != only) continue;
-      Score sc = evaluate(s, quality, out);
-      if (!sc.ok) continue;
-      printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", s.name.c_str(), sc.bad1, sc.bad2, sc.mae, sc.fill, sc.ms);
-      fflush(stdout);
-      mean.bad1 += sc.bad1, mean.bad2 += sc.bad2, mean.mae += sc.mae, mean.fill += sc.fill, mean.ms += sc.ms;
-      ++count;
-    }
-    if (count > 0)
-      printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", "mean", mean.bad1 / count, mean.bad2 / count, mean.mae / count,
-             mean.fill / count, mean.ms / count);
-    return 0;
-  }
-  Image8 l, r;
-  ImageF disp;
-  std::string error;
-  double ms = 0;
-  if (!image_read8(left, &l, &error) || !image_read8(right, &r, &error)) {
-    fprintf(stderr, "vm_depth_eval: %s\n", error.c_str());
-    return 1;
-  }
-  if (truth.empty() && !(dmax > dmin)) {
-    fprintf(stderr, "vm_depth_eval: give --max (and --min) or --truth for the search range\n");
-    return 2;
-  }
-  if (!truth.empty()) {
-    Scene s;
-    s.name = "pair", s.left = left, s.right = right, s.truth = truth, s.mask = mask, s.truthScale = truthScale;
-    s.pfmTruth = truth.size() > 4 && truth.compare(truth.size() - 4, 4, ".pfm") == 0;
-    std::string dir = out.empty() ? std::string() : ".";
-    Score sc = evaluate(s, quality, "");
-    if (!sc.ok) return 1;
-    printf("bad1.0 %.2f%%  bad2.0 %.2f%%  MAE %.3f  fill %.2f%%  run %.1f ms\n", sc.bad1, sc.bad2, sc.mae, sc.fill,
-           sc.ms);
-  }
-  if (!out.empty()) {
-    if (!(dmax > dmin)) {
-      ImageF gt;
-      Scene s;
-      s.truth = truth, s.truthScale = truthScale;
-      s.pfmTruth = truth.size() > 4 && truth.compare(truth.size() - 4, 4, ".pfm") == 0;
-      if (!load_truth(s, &gt, &error)) return 1;
-      dmin = INFINITY, dmax = 0;
-      for (float v : gt.data)
-        if (isfinite(v)) dmin = std::min(dmin, v), dmax = std::max(dmax, v);
-      dmin = std::max(0.0f, dmin);
-    }
-    if (!run_engine(l, r, dmin, dmax, quality, &disp, &ms, &error) || !image_write_pfm(out, disp)) {
-      fprintf(stderr, "vm_depth_eval: %s\n", error.empty() ? "cannot write the output" : error.c_str());
-      return 1;
-    }
-  }
-  return 0;
+  return tool_main(kTool, argc, argv, run);
 }

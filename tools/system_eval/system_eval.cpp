@@ -21,10 +21,13 @@
 #include "engine_tap.h"
 #include "engines.h"
 #include "synth_scene.h"
+#include "tool_cli.h"
 #include "vmKtrRT_SC.h"
 #include "vm_host_platform.h"
 
 namespace {
+
+const int32_t kMaxWidth = 1920;  // frames of every sequence are held at once: bounds the memory
 
 struct Options {
   int32_t width = 960, height = 540, depthWidth = 320, depthHeight = 180;
@@ -501,67 +504,83 @@ Result run_sequence(const Options& o, const Sequence& q, Prepared* prep) {
   return res;
 }
 
-bool parse(int argc, char** argv, Options* o) {
-  for (int i = 1; i < argc; ++i) {
-    const std::string a = argv[i];
-    const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
-    auto num = [&](double* out) {
-      if (v == nullptr) return false;
-      char* end = nullptr;
-      *out = strtod(v, &end);
-      ++i;
-      return end != v && *end == 0 && isfinite(*out);
-    };
-    double x = 0;
-    if (a == "--tiny") {
+void usage(FILE* f) {
+  fprintf(f,
+          "usage: vm_system_eval [--tiny] [--width W] [--depth-width N] [--depth-height N] [--frames N] [--lens N]\n"
+          "                      [--seed N] [--fnumber F] [--pace-ms N] [--settle N] [--speed MM_PER_FRAME]\n"
+          "                      [--no-temporal] [--no-chip] [--max-gap DB] [--max-band-gap DB] [--trace]\n"
+          "The whole system on synthetic sequences against the depth-of-field oracle, beside the renderer\n"
+          "fed the ground-truth map.\n"
+          "  --tiny              640x360, depth 320x180, 3 frames, 4 lens samples (later options override)\n"
+          "  --width W           main and sub width, even, 64..%d; height W x 9/16 (--size says the same)\n"
+          "  --depth-width N     16..4096 (default 320)   --depth-height N  16..4096 (default 180)\n"
+          "  --frames N          measured frames, 1..200 (default 12)\n"
+          "  --lens N            oracle lens samples per side, 1..64 (default 8)\n"
+          "  --seed N            0..4294967295 (default 3)   --fnumber F  0.1..1000 (default 2.0)\n"
+          "  --pace-ms N         0..1000 ms between frames (default 33)\n"
+          "  --settle N          preview frames after the first map before measuring, 0..300 (default 10)\n"
+          "  --speed MM          the moving figure's mm per frame, -1000..1000 (default 12)\n"
+          "  --no-temporal       no temporal filter on chip depth   --no-chip  no depth-chip sequence\n"
+          "  --max-gap DB        fail (exit 1) when the system is more than DB under the ground-truth render\n"
+          "  --max-band-gap DB   the same in the edge band (-1000..1000; negative: no bound, the default)\n"
+          "  --trace             per measured frame, which depth frame drew it\n"
+          "%s"
+          "  1 a bound of --max-gap or --max-band-gap was missed, or a check of the measurement failed\n",
+          kMaxWidth, kToolExitCodesHelp);
+}
+
+bool parse(int argc, char** argv, Options* o, bool* help) {
+  ToolArgs args(argc, argv);
+  double x = 0;
+  while (args.next()) {
+    if (args.is_help()) {
+      *help = true;
+      return true;
+    } else if (args.is("--tiny")) {
       o->width = 640, o->height = 360, o->depthWidth = 320, o->depthHeight = 180, o->frames = 3, o->lensSamples = 4;
-      continue;
-    }
-    if (a == "--no-temporal") {
+    } else if (args.is("--no-temporal")) {
       o->temporalFilter = 0;
-      continue;
-    }
-    if (a == "--no-chip") {
+    } else if (args.is("--no-chip")) {
       o->withChip = 0;
-      continue;
-    }
-    if (a == "--trace") {
+    } else if (args.is("--trace")) {
       o->trace = 1;
-      continue;
-    }
-    if (!num(&x)) return false;
-    if (a == "--size" || a == "--width") {
-      o->width = int32_t(x), o->height = int32_t(x * 9 / 16);
+    } else if (args.is("--size") || args.is("--width")) {
+      if (!args.int_value(64, kMaxWidth, &o->width)) break;
+      if (o->width % 2 != 0) args.fail(args.option() + ": the width must be even, not " + std::to_string(o->width));
+      o->height = o->width * 9 / 16;
       o->height -= o->height % 2;
-    } else if (a == "--depth-width") {
-      o->depthWidth = int32_t(x);
-    } else if (a == "--depth-height") {
-      o->depthHeight = int32_t(x);
-    } else if (a == "--frames") {
-      o->frames = int32_t(x);
-    } else if (a == "--lens") {
-      o->lensSamples = int32_t(x);
-    } else if (a == "--seed") {
-      o->seed = uint32_t(x);
-    } else if (a == "--fnumber") {
-      o->fNumber = float(x);
-    } else if (a == "--pace-ms") {
-      o->paceMs = int32_t(x);
-    } else if (a == "--speed") {
-      o->objectSpeed = float(x);
-    } else if (a == "--settle") {
-      o->settle = int32_t(x);
-    } else if (a == "--max-gap") {
-      o->maxGap = float(x);
-    } else if (a == "--max-band-gap") {
-      o->maxBandGap = float(x);
+    } else if (args.is("--depth-width")) {
+      args.int_value(16, 4096, &o->depthWidth);
+    } else if (args.is("--depth-height")) {
+      args.int_value(16, 4096, &o->depthHeight);
+    } else if (args.is("--frames")) {
+      args.int_value(1, 200, &o->frames);
+    } else if (args.is("--lens")) {
+      args.int_value(1, 64, &o->lensSamples);
+    } else if (args.is("--seed")) {
+      int64_t seed = 0;
+      if (args.int_value(0, UINT32_MAX, &seed)) o->seed = uint32_t(seed);
+    } else if (args.is("--fnumber")) {
+      if (args.double_value(0.1, 1000.0, &x)) o->fNumber = float(x);
+    } else if (args.is("--pace-ms")) {
+      args.int_value(0, 1000, &o->paceMs);
+    } else if (args.is("--speed")) {
+      if (args.double_value(-1000.0, 1000.0, &x)) o->objectSpeed = float(x);
+    } else if (args.is("--settle")) {
+      args.int_value(0, 300, &o->settle);
+    } else if (args.is("--max-gap")) {
+      if (args.double_value(-1000.0, 1000.0, &x)) o->maxGap = float(x);
+    } else if (args.is("--max-band-gap")) {
+      if (args.double_value(-1000.0, 1000.0, &x)) o->maxBandGap = float(x);
     } else {
-      return false;
+      args.unknown();
     }
   }
-  return o->width >= 64 && o->width % 2 == 0 && o->height >= 36 && o->depthWidth >= 16 && o->depthHeight >= 16 &&
-         o->frames >= 1 && o->frames <= 200 && o->lensSamples >= 1 && o->lensSamples <= 64 && o->fNumber > 0 &&
-         o->paceMs >= 0 && o->paceMs <= 1000 && o->settle >= 0 && o->settle <= 300;
+  if (args.failed()) {
+    fprintf(stderr, "vm_system_eval: %s\n", args.error().c_str());
+    return false;
+  }
+  return true;
 }
 
 void print_breakdown(const Result& r) {
@@ -599,16 +618,13 @@ void print_breakdown(const Result& r) {
   if (b.focusN > 0) printf("  focus depth: mean |system - truth| %.3f px\n", b.focusErr / b.focusN);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int body(int argc, char** argv) {
   Options o;
-  if (!parse(argc, argv, &o)) {
-    fprintf(stderr,
-            "usage: vm_system_eval [--tiny] [--width W (height W x 9/16)] [--depth-width N] [--depth-height N]\n"
-            "       [--frames N] [--lens N] [--seed N] [--fnumber F] [--pace-ms N] [--settle N]\n"
-            "       [--speed MM_PER_FRAME] [--no-temporal] [--no-chip] [--max-gap DB] [--max-band-gap DB] [--trace]\n");
-    return 2;
+  bool help = false;
+  if (!parse(argc, argv, &o, &help)) return kToolExitUsage;
+  if (help) {
+    usage(stdout);
+    return kToolExitDone;
   }
   setenv("VM_HOST_LOG", "none", 0);
   const Sequence seqs[] = {
@@ -623,6 +639,7 @@ int main(int argc, char** argv) {
   printf("%-14s %8s %8s %8s %8s %7s | %8s %8s %7s | %8s %8s\n", "sequence", "drawn", "warmup", "system", "gt-fed",
          "gap", "sys band", "gt band", "gap", "sharp", "sh band");
   bool pass = true;
+  int32_t refused = 0, measured = 0;  // sequences the engines or the system would not run; run
   Prepared prep;
   int32_t prepared = -1;  // the motion `prep` holds
   for (const Sequence& q : seqs) {
@@ -632,16 +649,17 @@ int main(int argc, char** argv) {
       if (!prepare(o, q.name, q.motion, &prep)) prep.ok = false;
     }
     if (!prep.ok) {
-      pass = false;
+      ++refused;
       continue;
     }
     Options oq = o;
     oq.chip = q.chip;
     const Result r = run_sequence(oq, q, &prep);
     if (!r.ok) {
-      pass = false;
+      ++refused;
       continue;
     }
+    ++measured;
     const double gap = r.truth.psnr() - r.system.psnr(), bandGap = r.truthBand.psnr() - r.systemBand.psnr();
     printf("%-14s %5d/%-2d %8d %8.2f %8.2f %7.2f | %8.2f %8.2f %7.2f | %8.2f %8.2f\n", q.name, r.rendered, o.frames,
            r.warmup, r.system.psnr(), r.truth.psnr(), gap, r.systemBand.psnr(), r.truthBand.psnr(), bandGap,
@@ -669,5 +687,19 @@ int main(int argc, char** argv) {
       pass = false;
     }
   }
-  return pass ? 0 : 1;
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "vm_system_eval: could not write the table to standard output\n");
+    return kToolExitWrite;
+  }
+  if (refused > 0) {
+    fprintf(stderr, "vm_system_eval: %d sequence%s could not be run\n", refused, refused == 1 ? "" : "s");
+    return measured == 0 ? kToolExitNothing : kToolExitRefused;
+  }
+  return pass ? kToolExitDone : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  return tool_main("vm_system_eval", argc, argv, body);
 }
