@@ -138,7 +138,10 @@ void ToolReport::skip(const std::string& what, const std::string& why) {
 }
 
 void ToolReport::write_failed(const std::string& path, const std::string& why) {
-  fprintf(stderr, "%s: could not write %s: %s\n", tool, path.c_str(), why.c_str());
+  // The image writers' messages start with the path already; say it once.
+  const std::string prefix = path + ": ";
+  const std::string reason = why.compare(0, prefix.size(), prefix) == 0 ? why.substr(prefix.size()) : why;
+  fprintf(stderr, "%s: could not write %s: %s\n", tool, path.c_str(), reason.c_str());
   writeFailures.push_back(path);
 }
 

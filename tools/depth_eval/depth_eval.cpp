@@ -243,23 +243,6 @@ bool run_sgbm(const Image8& left, const Image8& right, float dmin, float dmax, I
 }
 #endif
 
-// PFM bytes (one channel, little-endian, bottom row first), written through the checked writer:
-// a full disk must show even when the whole file fits the stream's buffer.
-std::vector<uint8_t> pfm_bytes(const ImageF& image) {
-  char header[64];
-  const int n = snprintf(header, sizeof(header), "Pf\n%d %d\n-1.0\n", image.width, image.height);
-  std::vector<uint8_t> out(header, header + n);
-  out.reserve(out.size() + image.data.size() * 4);
-  for (int32_t y = image.height - 1; y >= 0; --y)
-    for (int32_t x = 0; x < image.width; ++x) {
-      uint32_t u;
-      memcpy(&u, &image.data[size_t(y) * size_t(image.width) + size_t(x)], 4);
-      const uint8_t b[4] = {uint8_t(u), uint8_t(u >> 8), uint8_t(u >> 16), uint8_t(u >> 24)};
-      out.insert(out.end(), b, b + 4);
-    }
-  return out;
-}
-
 // Reads the pair (and truth and mask when named), checks their sizes, runs the engine, scores
 // against the truth when there is one and writes the disparity to outPath when it is not empty.
 // The search range is [dmin, dmax] when dmax > 0, else the truth's range.
@@ -296,12 +279,7 @@ Outcome evaluate(const Scene& s, int32_t quality, float dmin, float dmax, const 
 #endif
   if (!ok) return kEngineRefused;
   if (!outPath.empty()) {
-    const std::vector<uint8_t> bytes = pfm_bytes(disp);
-    std::string why;
-    if (!tool_write_file(outPath, bytes.data(), bytes.size(), &why)) {
-      *error = outPath + ": " + why;
-      return kNotWritten;
-    }
+    if (!image_write_pfm(outPath, disp, error)) return kNotWritten;
   }
   if (s.truth.empty()) {
     size_t filled = 0;

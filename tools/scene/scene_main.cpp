@@ -16,29 +16,6 @@ namespace {
 const char kTool[] = "vm_scene";
 const int32_t kMaxSide = 8192;
 
-// PPM and PFM bytes, written through the checked writer: a full disk must show even when the whole
-// file fits the stream's buffer.
-std::vector<uint8_t> ppm_bytes(const Image8& image) {
-  const std::string header = "P6\n" + std::to_string(image.width) + " " + std::to_string(image.height) + "\n255\n";
-  std::vector<uint8_t> out(header.begin(), header.end());
-  out.insert(out.end(), image.data.begin(), image.data.end());
-  return out;
-}
-
-std::vector<uint8_t> pfm_bytes(const ImageF& image) {
-  const std::string header = "Pf\n" + std::to_string(image.width) + " " + std::to_string(image.height) + "\n-1.0\n";
-  std::vector<uint8_t> out(header.begin(), header.end());
-  out.reserve(out.size() + image.data.size() * 4);
-  for (int32_t y = image.height - 1; y >= 0; --y)  // bottom row first, little-endian
-    for (int32_t x = 0; x < image.width; ++x) {
-      uint32_t u;
-      memcpy(&u, &image.data[size_t(y) * size_t(image.width) + size_t(x)], 4);
-      const uint8_t b[4] = {uint8_t(u), uint8_t(u >> 8), uint8_t(u >> 16), uint8_t(u >> 24)};
-      out.insert(out.end(), b, b + 4);
-    }
-  return out;
-}
-
 void usage(FILE* f) {
   fprintf(f,
           "usage: vm_scene --out DIR [--seed N] [--main WxH] [--sub WxH] [--depth WxH] [--frames N]\n"
@@ -155,13 +132,26 @@ int body(int argc, char** argv) {
   truth.width = dw, truth.height = dh;
   truth.data.resize(size_t(dw) * size_t(dh));
   // Writes one file; a failure ends the run (the disk is full or the folder went away).
-  auto write = [&](const char* prefix, int32_t f, const char* ext, const std::vector<uint8_t>& bytes) {
+  auto name = [&](const char* prefix, int32_t f, const char* ext) {
     char number[16];
     snprintf(number, sizeof(number), "%03d", f);
-    const std::string path = out + "/" + prefix + number + ext;
-    if (tool_write_file(path, bytes.data(), bytes.size(), &why)) return true;
-    report.write_failed(path, why);
-    return false;
+    return out + "/" + prefix + number + ext;
+  };
+  auto checked = [&](const std::string& path, bool written) {
+    if (!written) report.write_failed(path, why);
+    return written;
+  };
+  auto write = [&](const char* prefix, int32_t f, const char* ext, const std::vector<uint8_t>& bytes) {
+    const std::string path = name(prefix, f, ext);
+    return checked(path, tool_write_file(path, bytes.data(), bytes.size(), &why));
+  };
+  auto writePpm = [&](const char* prefix, int32_t f, const Image8& image) {
+    const std::string path = name(prefix, f, ".ppm");
+    return checked(path, image_write_pnm(path, image, &why));
+  };
+  auto writePfm = [&](const char* prefix, int32_t f, const ImageF& image) {
+    const std::string path = name(prefix, f, ".pfm");
+    return checked(path, image_write_pfm(path, image, &why));
   };
   for (int32_t f = 0; f < frames; ++f) {
     if (scene_render_rgb(&desc, f, 0, mw, mh, aa, rgb.data.data()) != 0 ||
@@ -172,8 +162,8 @@ int body(int argc, char** argv) {
       return kToolExitRefused;
     }
     scene_rgb_to_nv21(rgb.data.data(), mw, mh, mainNv21.data());
-    if (!write("main_", f, ".nv21", mainNv21) || !write("sub_", f, ".nv21", subNv21) ||
-        !write("main_", f, ".ppm", ppm_bytes(rgb)) || !write("truth_", f, ".pfm", pfm_bytes(truth)))
+    if (!write("main_", f, ".nv21", mainNv21) || !write("sub_", f, ".nv21", subNv21) || !writePpm("main_", f, rgb) ||
+        !writePfm("truth_", f, truth))
       return report.finish();
     if (dof > 0) {
       Image8 dofImage = rgb;
@@ -182,7 +172,7 @@ int body(int argc, char** argv) {
         fprintf(stderr, "%s: the oracle refused frame %d at f/%g\n", kTool, f, dof);
         return kToolExitRefused;
       }
-      if (!write("dof_", f, ".ppm", ppm_bytes(dofImage))) return report.finish();
+      if (!writePpm("dof_", f, dofImage)) return report.finish();
     }
     ++report.processed;
   }
