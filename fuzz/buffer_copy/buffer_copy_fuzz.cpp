@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "flow/session_context.h"
+#include "fuzz_input.h"
 #include "memory/buffer_manager.h"
 #include "vm_host_platform.h"
 
@@ -38,19 +39,7 @@ namespace {
 const int64_t kMaxBytes = int64_t{1} << 22;
 const int kMaxFrames = 4;
 
-struct Bytes {
-  const uint8_t* p;
-  size_t n;
-  size_t at;
-  uint8_t u8() { return at < n ? p[at++] : 0; }
-  uint16_t u16() { return static_cast<uint16_t>(u8() | (u8() << 8)); }
-  uint32_t u32() { return static_cast<uint32_t>(u16()) | (static_cast<uint32_t>(u16()) << 16); }
-  bool done() const { return at >= n; }
-};
-
-void check(bool ok) {
-  if (!ok) __builtin_trap();
-}
+using Bytes = FuzzBytes;
 
 int32_t dim(Bytes* in) {
   static const int32_t kEdge[] = {0,     1,     2,     3,     4,    5,    6,         7,        8,
@@ -106,17 +95,17 @@ int64_t usualSize(int32_t format, int64_t pixels) {
 
 // Reads and writes of the layout model; any index outside what the target owns traps.
 uint8_t at(const Block& b, int64_t i) {
-  check(b.p != nullptr && i >= 0 && i < static_cast<int64_t>(b.n));
+  fuzz_check(b.p != nullptr && i >= 0 && i < static_cast<int64_t>(b.n));
   return b.p[i];
 }
 void put(std::vector<uint8_t>* out, int64_t i, uint8_t v) {
-  check(i >= 0 && i < static_cast<int64_t>(out->size()));
+  fuzz_check(i >= 0 && i < static_cast<int64_t>(out->size()));
   (*out)[static_cast<size_t>(i)] = v;
 }
 // The first n bytes of the source unchanged.
 void head(std::vector<uint8_t>* out, const Block& data, int64_t n) {
   if (n <= 0) return;
-  check(data.p != nullptr && n <= static_cast<int64_t>(data.n) && n <= static_cast<int64_t>(out->size()));
+  fuzz_check(data.p != nullptr && n <= static_cast<int64_t>(data.n) && n <= static_cast<int64_t>(out->size()));
   memcpy(out->data(), data.p, static_cast<size_t>(n));
 }
 
@@ -214,27 +203,27 @@ void frame(Bytes* in, BufferHalf* dst, int32_t capacity) {
   g_bufferErrors = g_notSupported = 0;
   buffer_manager_copy_buffer_from_trigger(dst, &src, format, width, height, stride, scanline);
 
-  check(dst->data == dstData && dst->capacity == capacity && dst->state.load() == stateBefore);
+  fuzz_check(dst->data == dstData && dst->capacity == capacity && dst->state.load() == stateBefore);
   const int refusals = g_bufferErrors + g_notSupported;
-  check(refusals <= 1);
+  fuzz_check(refusals <= 1);
   const bool unpadded = width == stride && height == scanline;
   const bool known = format >= 0 && format <= 6;
   if (refusals == 1) {
-    check(dst->size == sizeBefore);
-    check(before.empty() || memcmp(before.data(), dstData, before.size()) == 0);
+    fuzz_check(dst->size == sizeBefore);
+    fuzz_check(before.empty() || memcmp(before.data(), dstData, before.size()) == 0);
     // A frame that plainly covers its format is not refused.
     const bool plain = dstData != nullptr && data.p != nullptr && size >= 0 && size <= sizeBefore && size <= capacity &&
                        unpadded && known && (format != 2 || (pixels > 0 && size >= usualSize(2, pixels))) &&
                        (format != 6 || (hasPlane2 && pixels > 0 && width % 2 == 0 && height % 2 == 0 &&
                                         size >= usualSize(6, pixels) && 2 * pixels <= capacity));
-    check(!plain);
+    fuzz_check(!plain);
     return;
   }
-  check(dstData != nullptr && data.p != nullptr && size >= 0 && size <= sizeBefore && unpadded && known);
-  check(format != 6 || plane2.p != nullptr);
-  check(dst->size == size);
+  fuzz_check(dstData != nullptr && data.p != nullptr && size >= 0 && size <= sizeBefore && unpadded && known);
+  fuzz_check(format != 6 || plane2.p != nullptr);
+  fuzz_check(dst->size == size);
   model(&before, data, plane2, format, width, height, size);
-  check(before.empty() || memcmp(before.data(), dstData, before.size()) == 0);
+  fuzz_check(before.empty() || memcmp(before.data(), dstData, before.size()) == 0);
 }
 
 }  // namespace

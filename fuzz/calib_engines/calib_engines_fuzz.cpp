@@ -13,21 +13,11 @@
 
 #include "calib_block.h"
 #include "engines.h"
+#include "fuzz_input.h"
 
 namespace {
 
-// Reads from the input; past its end every read yields 0.
-struct Bytes {
-  const uint8_t* p;
-  size_t n;
-  size_t at;
-  uint8_t u8() { return at < n ? p[at++] : 0; }
-  uint32_t u32() { return uint32_t(u8()) | uint32_t(u8()) << 8 | uint32_t(u8()) << 16 | uint32_t(u8()) << 24; }
-};
-
-void check(bool ok) {
-  if (!ok) __builtin_trap();
-}
+using Bytes = FuzzBytes;
 
 // A small side (lo..lo+120) most of the time; sometimes one the engines must refuse.
 int32_t side(Bytes* in, int32_t lo) {
@@ -54,16 +44,16 @@ void stereo_and_filter(Bytes* in, const std::vector<uint8_t>& block, int32_t blo
                           : vmDpx2_Express_Init(data, blockSize, w, h, nullptr, 0);
   CalibBlock decoded;
   const int32_t read = calib_block_read(data, blockSize > 0 ? size_t(blockSize) : 0, &decoded);
-  check(read == CALIB_OK || r == read);  // the block's own reason comes first, unchanged
-  if (read == CALIB_OK && !(small(w, 8) && small(h, 8))) check(r == 1);
+  fuzz_check(read == CALIB_OK || r == read);  // the block's own reason comes first, unchanged
+  if (read == CALIB_OK && !(small(w, 8) && small(h, 8))) fuzz_check(r == 1);
   if (r != 0) {
-    check(read != CALIB_OK || r == 1 || r == 0x701);
+    fuzz_check(read != CALIB_OK || r == 1 || r == 0x701);
     // A refused Init leaves nothing to run.
     std::vector<uint16_t> none(1);
-    check(vmDpx2_Run_Express(none.data(), nullptr, nullptr, 0, 0) == 3);
+    fuzz_check(vmDpx2_Run_Express(none.data(), nullptr, nullptr, 0, 0) == 3);
     return;
   }
-  check(read == CALIB_OK);
+  fuzz_check(read == CALIB_OK);
 
   const size_t n = size_t(w) * size_t(h);
   std::vector<uint8_t> mainPlanes(3 * n), subPlanes(3 * n);
@@ -77,30 +67,30 @@ void stereo_and_filter(Bytes* in, const std::vector<uint8_t>& block, int32_t blo
   DpxImage s{
       DPX_IMAGE_FORMAT_YUV444_PLANAR, {0, 0, 0}, {subPlanes.data(), subPlanes.data() + n, subPlanes.data() + 2 * n}};
   std::vector<uint16_t> depth(n, 0xBEEF);
-  check(vmDpx2_Run_Express(depth.data(), &m, &s, int32_t(in->u32()), int32_t(in->u32())) == 0);
-  for (uint16_t d : depth) check(d <= 1023);
+  fuzz_check(vmDpx2_Run_Express(depth.data(), &m, &s, int32_t(in->u32()), int32_t(in->u32())) == 0);
+  for (uint16_t d : depth) fuzz_check(d <= 1023);
 
   // The temporal filter on that map, guided by a main luma of its own (small) size.
   const int32_t mw = side(in, 1), mh = side(in, 1);
   const int32_t fr = vmZu_TemporalFilterU16_Init(mw, mh, w, h);
   if (!(small(mw, 1) && small(mh, 1))) {
     const bool inRange = mw > 0 && mh > 0 && mw <= 16384 && mh <= 16384;
-    if (!inRange) check(fr == 1);
+    if (!inRange) fuzz_check(fr == 1);
     if (fr == 0) vmZu_TemporalFilterU16_Close();  // accepted, but too large to run here
   } else {
-    check(fr == 0);
+    fuzz_check(fr == 0);
     std::vector<uint8_t> guide(size_t(mw) * size_t(mh));
     for (size_t i = 0; i < guide.size(); ++i) guide[i] = (pattern & 4) ? in->u8() : mainPlanes[i % n];
     std::vector<uint16_t> filtered(n);
     for (int k = 0; k < 2; ++k) {
-      check(vmZu_TemporalFilterU16_Run(filtered.data(), depth.data(), w, h, guide.data(), mw, mh) == 0);
-      for (uint16_t d : filtered) check(d <= 1023);
+      fuzz_check(vmZu_TemporalFilterU16_Run(filtered.data(), depth.data(), w, h, guide.data(), mw, mh) == 0);
+      for (uint16_t d : filtered) fuzz_check(d <= 1023);
     }
     // Sizes other than Init's are refused.
-    check(vmZu_TemporalFilterU16_Run(filtered.data(), depth.data(), w + 1, h, guide.data(), mw, mh) == 1);
+    fuzz_check(vmZu_TemporalFilterU16_Run(filtered.data(), depth.data(), w + 1, h, guide.data(), mw, mh) == 1);
     vmZu_TemporalFilterU16_Close();
   }
-  check(vmDpx2_Express_Close() == 0);
+  fuzz_check(vmDpx2_Express_Close() == 0);
 }
 
 }  // namespace
@@ -124,14 +114,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   CalibBlock decoded;
   const int32_t read = calib_block_read(block.empty() ? nullptr : block.data(), block.size(), &decoded);
-  check(read == CALIB_OK || calib_code(read));
+  fuzz_check(read == CALIB_OK || calib_code(read));
   if (read == CALIB_OK) {
     // What the reader accepts the writer writes, and it reads back the same.
     uint8_t again[CALIB_BLOCK_SIZE];
-    check(calib_block_write(&decoded, again, sizeof again) == CALIB_OK);
+    fuzz_check(calib_block_write(&decoded, again, sizeof again) == CALIB_OK);
     CalibBlock back;
-    check(calib_block_read(again, sizeof again, &back) == CALIB_OK);
-    check(memcmp(&back, &decoded, sizeof back) == 0);
+    fuzz_check(calib_block_read(again, sizeof again, &back) == CALIB_OK);
+    fuzz_check(memcmp(&back, &decoded, sizeof back) == 0);
   }
   stereo_and_filter(&in, block, blockSize, ctrl);
   return 0;

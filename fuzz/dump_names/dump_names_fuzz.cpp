@@ -10,13 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_input.h"
 #include "host_dumps.h"
 
 namespace {
-
-void check(bool ok) {
-  if (!ok) abort();
-}
 
 bool samePlan(const DumpPlan& a, const DumpPlan& b) {
   if (a.frames.size() != b.frames.size() || a.refused.size() != b.refused.size() || a.mainWidth != b.mainWidth ||
@@ -48,9 +45,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     DumpName d;
     const bool parsed = host_parse_dump_name(n, &d);
     if (parsed) {
-      check(d.counter >= 0 && d.width >= 2 && d.height >= 2 && ((d.width | d.height) & 1) == 0);
-      check(d.width <= kHostMaxPreviewSide && d.height <= kHostMaxPreviewSide);
-      check(host_dump_bytes(d) <= size_t(kHostMaxPreviewSide) * kHostMaxPreviewSide * 3 / 2);
+      fuzz_check(d.counter >= 0 && d.width >= 2 && d.height >= 2 && ((d.width | d.height) & 1) == 0);
+      fuzz_check(d.width <= kHostMaxPreviewSide && d.height <= kHostMaxPreviewSide);
+      fuzz_check(host_dump_bytes(d) <= size_t(kHostMaxPreviewSide) * kHostMaxPreviewSide * 3 / 2);
     }
     if (parsed || n.find("preview-main") != std::string::npos || n.find("preview-sub") != std::string::npos)
       ++previewLike;
@@ -61,23 +58,24 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   size_t played = 0;
   for (size_t i = 0; i < plan.frames.size(); ++i) {
     const DumpFrame& f = plan.frames[i];
-    check(f.main.isMain && f.main.width == plan.mainWidth && f.main.height == plan.mainHeight);
-    check(f.main.focusX >= 0 && f.main.focusX < f.main.width && f.main.focusY >= 0 && f.main.focusY < f.main.height);
-    if (i > 0) check(plan.frames[i - 1].main.counter < f.main.counter);
+    fuzz_check(f.main.isMain && f.main.width == plan.mainWidth && f.main.height == plan.mainHeight);
+    fuzz_check(f.main.focusX >= 0 && f.main.focusX < f.main.width && f.main.focusY >= 0 &&
+               f.main.focusY < f.main.height);
+    if (i > 0) fuzz_check(plan.frames[i - 1].main.counter < f.main.counter);
     ++played;
     if (!f.subFile.empty()) {
-      check(!f.sub.isMain && f.sub.counter == f.main.counter);
-      check(f.sub.width == plan.subWidth && f.sub.height == plan.subHeight);
+      fuzz_check(!f.sub.isMain && f.sub.counter == f.main.counter);
+      fuzz_check(f.sub.width == plan.subWidth && f.sub.height == plan.subHeight);
       ++played;
     }
   }
   // Every name that looks like a preview dump is played or refused by name, never dropped; a
   // name listed twice counts twice.
-  check(played + plan.refused.size() == previewLike);
+  fuzz_check(played + plan.refused.size() == previewLike);
 
   std::vector<std::string> reversed(names.rbegin(), names.rend());
   DumpPlan again;
   host_plan_dumps(reversed, &again);
-  check(samePlan(plan, again));
+  fuzz_check(samePlan(plan, again));
   return 0;
 }

@@ -13,22 +13,11 @@
 
 #include "calib_block.h"
 #include "engines/engines.h"
+#include "fuzz_input.h"
 
 namespace {
 
-// Reads from the input; past its end every read yields 0.
-struct Bytes {
-  const uint8_t* p;
-  size_t n;
-  size_t at;
-  uint8_t u8() { return at < n ? p[at++] : 0; }
-  uint16_t u16() { return uint16_t(u8() | u8() << 8); }
-  uint32_t u32() { return uint32_t(u16()) | uint32_t(u16()) << 16; }
-};
-
-void check(bool ok) {
-  if (!ok) __builtin_trap();
-}
+using Bytes = FuzzBytes;
 
 const int32_t kOk = 0, kArgument = 0x4701, kSize = 0x4702, kFormat = 0x4703, kCalibration = 0x4705, kState = 0x4706,
               kNoDepth = 0x4708;
@@ -108,15 +97,15 @@ bool init(Bytes* in, uint8_t ctrl, Setup* s) {
                                                        sh, s->portrait, ctrl >> 3 & 1, s->format, 0);
   // Sizes first, then the format, then the pairs, then the block's own reason.
   if (refused) {
-    check(r == kSize);
+    fuzz_check(r == kSize);
   } else if (!formatOk) {
-    check(r == kFormat);
+    fuzz_check(r == kFormat);
   } else if (pairBad) {
-    check(r == kCalibration);
+    fuzz_check(r == kCalibration);
   } else if (read != CALIB_OK) {
-    check(r == read);
+    fuzz_check(r == read);
   } else {
-    check(r == kOk);
+    fuzz_check(r == kOk);
   }
   return r == kOk;
 }
@@ -136,18 +125,18 @@ void frames(Bytes* in, uint8_t ctrl, const Setup& s) {
   std::vector<uint8_t> map(mapSize);
   uint16_t lo = 0, hi = 0, target = 0;
   const bool ready = (ctrl & 0x40) == 0;
-  if (ready) check(vmKtrRT_GenRefocusMap_init() == kOk);
+  if (ready) fuzz_check(vmKtrRT_GenRefocusMap_init() == kOk);
   const bool chip = (ctrl & 2) != 0;
   const int32_t g = chip
                         ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(map.data(), depth.data(), fx, fy, &lo, &hi, &target)
                         : vmKtrRT_GenRefocusMap(map.data(), depth.data(), fx, fy, &lo, &hi, &target);
   if (!ready) {
-    check(g == kState);
+    fuzz_check(g == kState);
   } else if (!anyValid) {
-    check(g == kNoDepth);
+    fuzz_check(g == kNoDepth);
   } else {
-    check(g == kOk);
-    check(lo <= target && target <= hi && hi < 1023);
+    fuzz_check(g == kOk);
+    fuzz_check(lo <= target && target <= hi && hi < 1023);
   }
   if ((ctrl & 0x80) != 0)  // a map of the input's own, not the generator's
     for (uint8_t& v : map) v = in->u8();
@@ -170,8 +159,8 @@ void frames(Bytes* in, uint8_t ctrl, const Setup& s) {
     e.displayHeight = int32_t(in->u8()) - 8;
   }
   if (debug != 0) {
-    check(vmKtrRT_GLShowDebugPicture(1, debug >> 7) == kOk);
-    check(vmKtrRT_GLSetDebugPicture(table) == kOk);
+    fuzz_check(vmKtrRT_GLShowDebugPicture(1, debug >> 7) == kOk);
+    fuzz_check(vmKtrRT_GLSetDebugPicture(table) == kOk);
   }
 
   const size_t lumaSize = size_t(s.pw) * size_t(s.ph);
@@ -193,7 +182,7 @@ void frames(Bytes* in, uint8_t ctrl, const Setup& s) {
   const int32_t r = vmKtrRT_GLStartV1(frame.data(), splitChroma ? chroma.data() : nullptr, map.data(), fx, fy, fNumber,
                                       noMap, 0, 0, s.pw, s.ph);
   const bool argOk = noMap != 2 && fNumber > 0.0f && !std::isinf(fNumber);
-  check(r == (argOk ? kOk : kArgument));
+  fuzz_check(r == (argOk ? kOk : kArgument));
 }
 
 }  // namespace
@@ -207,13 +196,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (init(&in, ctrl, &s)) {
     // Effect switch: sometimes off for the frame.
     effect.word[4] = in.u8() & 1;
-    check(vmKtrRT_SetParameter(2, effect) == kOk);
+    fuzz_check(vmKtrRT_SetParameter(2, effect) == kOk);
     frames(&in, ctrl, s);
   } else {
     // Nothing was set up: the generator and the frame call refuse.
-    check(vmKtrRT_GenRefocusMap_init() == kState);
+    fuzz_check(vmKtrRT_GenRefocusMap_init() == kState);
     uint8_t luma[16] = {0};
-    check(vmKtrRT_GLStartV1(luma, nullptr, nullptr, 0, 0, 2.0f, 0, 0, 0, 0, 0) == kState);
+    fuzz_check(vmKtrRT_GLStartV1(luma, nullptr, nullptr, 0, 0, 2.0f, 0, 0, 0, 0, 0) == kState);
   }
   vmKtrRT_GenRefocusMap_Deinit();
   vmKtrRT_GLShowDebugPicture(0, 0);

@@ -11,27 +11,17 @@
 
 #include "debug/debug_log.h"
 #include "flow/session_context.h"
+#include "fuzz_input.h"
 #include "memory/buffer_manager.h"
 #include "policy/policy_manager.h"
 #include "policy/scene_measure.h"
 
 namespace {
 
-// Reads little-endian values from the input; past its end every read yields 0.
-struct Bytes {
-  const uint8_t* p;
-  size_t n;
-  size_t at;
-  uint8_t u8() { return at < n ? p[at++] : 0; }
-  uint16_t u16() { return static_cast<uint16_t>(u8() | (u8() << 8)); }
-  uint32_t u32() { return static_cast<uint32_t>(u16()) | (static_cast<uint32_t>(u16()) << 16); }
+struct Bytes : FuzzBytes {
   // A coordinate: mostly near the plane, sometimes any 32-bit value.
   int32_t coord(bool wide) { return wide ? static_cast<int32_t>(u32()) : static_cast<int16_t>(u16()) / 8; }
 };
-
-void check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 std::vector<uint8_t> plane(Bytes* in, size_t n, const std::vector<uint8_t>* like, uint8_t mode) {
   std::vector<uint8_t> p(n);
@@ -59,21 +49,22 @@ void measures(Bytes* in) {
   const int32_t cy = static_cast<int32_t>((static_cast<int64_t>(top) + bottom) >> 1);
   const int32_t census =
       policy_manager_scene_change_detection(cur.data(), old.data(), left, right, top, bottom, width, height);
-  check(census >= 0 && census <= 63);
-  check(census == scene_measure_census_reference(cur.data(), old.data(), cx, cy, width, height));
+  fuzz_check(census >= 0 && census <= 63);
+  fuzz_check(census == scene_measure_census_reference(cur.data(), old.data(), cx, cy, width, height));
 
   const int32_t moved = policy_manager_estimate_motion(cur.data(), old.data(), left, right, top, bottom, width, height);
-  check(moved >= -1 && moved <= 5);
+  fuzz_check(moved >= -1 && moved <= 5);
   if (moved >= 0) {
     int32_t fast[5][2], ref[5][2];
-    check(scene_measure_motion_search(cur.data(), old.data(), left, right, top, bottom, width, height, fast) == moved);
-    check(scene_measure_motion_search_reference(cur.data(), old.data(), left, right, top, bottom, width, height, ref) ==
-          moved);
-    check(memcmp(fast, ref, sizeof fast) == 0);
+    fuzz_check(scene_measure_motion_search(cur.data(), old.data(), left, right, top, bottom, width, height, fast) ==
+               moved);
+    fuzz_check(scene_measure_motion_search_reference(cur.data(), old.data(), left, right, top, bottom, width, height,
+                                                     ref) == moved);
+    fuzz_check(memcmp(fast, ref, sizeof fast) == 0);
   }
 
   const float sad = policy_manager_calculate_SAD(cur.data(), old.data(), left, right, top, bottom, width, height);
-  check(std::isnan(sad) || sad == -1.0f || (sad >= 0.0f && sad <= 255.0f));
+  fuzz_check(std::isnan(sad) || sad == -1.0f || (sad >= 0.0f && sad <= 255.0f));
 
   // The fixed form over 320 x 240 planes tiled from the two planes.
   std::vector<uint8_t> a(320 * 240), b(320 * 240);
@@ -82,7 +73,7 @@ void measures(Bytes* in) {
     b[i] = n != 0 ? old[(i * 7) % n] : 1;
   }
   const int32_t keep = policy_manager_refocus_map_check(a.data(), b.data(), width, height);
-  check(keep == (scene_measure_census_reference(a.data(), b.data(), 160, 120, 320, 240) <= 10 ? 1 : 0));
+  fuzz_check(keep == (scene_measure_census_reference(a.data(), b.data(), 160, 120, 320, 240) <= 10 ? 1 : 0));
 }
 
 SessionContext ctx;
@@ -96,17 +87,17 @@ void stateMachine(Bytes* in) {
     policy_manager_check_state_machine(&ctx, static_cast<int8_t>(in->u8()));
     const int32_t after = ctx.policyState.load();
     // Inert outside 2..5; inside, every state is reachable only along the table.
-    if (before < 2 || before > 5) check(after == before);
-    if (before == 2) check(after == 2 || after == 3);
-    if (before == 5) check(after == 5 || after == 4);
+    if (before < 2 || before > 5) fuzz_check(after == before);
+    if (before == 2) fuzz_check(after == 2 || after == 3);
+    if (before == 5) fuzz_check(after == 5 || after == 4);
   }
 
   uint32_t rampStart = in->u32();
   const uint32_t now = in->u32();
   const float target = static_cast<float>(in->u8()) / 8.0f;
   const float f = policy_manager_calculate_F_number(&rampStart, now, target, in->u8() & 1);
-  check(std::isfinite(f));
-  check(f >= std::fmin(target, 10.0f) - 1e-3f && f <= std::fmax(target, 10.0f) + 1e-3f);
+  fuzz_check(std::isfinite(f));
+  fuzz_check(f >= std::fmin(target, 10.0f) - 1e-3f && f <= std::fmax(target, 10.0f) + 1e-3f);
 }
 
 // A short session of updates over small previews with arbitrary size fields and regions.
@@ -136,7 +127,7 @@ void updates(Bytes* in) {
     free->size = static_cast<int32_t>(in->u32());  // whatever the field claims
     buffer_manager_publish(free, filled);
     const int32_t r = policy_manager_update(&ctx);
-    check(r == (ctx.policyState.load() == kPolicyStable ? 1 : 0));
+    fuzz_check(r == (ctx.policyState.load() == kPolicyStable ? 1 : 0));
   }
   policy_manager_deinit(&ctx);
   buffer_manager_free(&ctx);
@@ -146,7 +137,7 @@ void updates(Bytes* in) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Bytes in{data, size, 0};
+  Bytes in{{data, size, 0}};
   switch (in.u8() % 3) {
     case 0:
       measures(&in);

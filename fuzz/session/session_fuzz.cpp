@@ -11,19 +11,13 @@
 #include <vector>
 
 #include "fakes.h"
+#include "fuzz_input.h"
 #include "vmKtrRT_SC.h"
 #include "vm_host_platform.h"
 
 namespace {
 
-struct Bytes {
-  const uint8_t* p;
-  size_t n;
-  size_t at;
-  bool done() const { return at >= n; }
-  uint8_t u8() { return at < n ? p[at++] : 0; }
-  uint16_t u16() { return static_cast<uint16_t>(u8() | (u8() << 8)); }
-  int32_t i32() { return static_cast<int32_t>(static_cast<uint32_t>(u16()) | (static_cast<uint32_t>(u16()) << 16)); }
+struct Bytes : FuzzBytes {
   // A size: mostly small and sensible, sometimes any value.
   int32_t size(int32_t limit) {
     const uint8_t kind = u8();
@@ -120,7 +114,7 @@ TriggerData triggerFrom(Bytes* in, Owned* own, int32_t mainLuma, int32_t subLuma
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  Bytes in{data, size, 0};
+  Bytes in{{data, size, 0}};
   Owned own;
   int32_t mainLuma = 0, subLuma = 0;
   vm_host_property_reset();
