@@ -39,8 +39,8 @@ extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Get_Version(char* buffer, uint3
 
 extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Init(InitData data) {
   VM_LOG("KtrRT_SC Version:[%s]\n", VMKTRRT_SC_VERSION);
-  // A running session keeps its switches: the flow controller refuses the second Init.
-  if (flow_controller_is_running()) return static_cast<uint32_t>(flow_controller_init(data));
+  // A running session ends before the switches are read again for the new one.
+  flow_controller_end_running_session();
   READ_AND_ECHO(logFlags, "persist.vm.log.ktrrt.sc", "SET LOG");
   READ_AND_ECHO(debugEnable, "persist.vm.ktrrt.sc.debug", "SET DEBUG");
   if (debugEnable.load(std::memory_order_relaxed) != 0)

@@ -45,6 +45,7 @@ struct RefocusWorker {
   pthread_t thread;
   int32_t threadStarted;  // shut-down joins only a thread that was started
   int32_t syncReady;
+  int32_t rendererOpen;  // its set-up succeeded, so shut-down closes it
 };
 
 struct BokehFields {

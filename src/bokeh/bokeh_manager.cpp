@@ -75,7 +75,9 @@ int32_t bokeh_manager_renderer_format(int32_t imageFormat) {
     case 6:
       return 7;
     default:
-      return -1;
+      // The session runs with such a format (its frames are refused by the frame copy); the
+      // renderer is set up as for the plain 4:2:0 layout.
+      return 0;
   }
 }
 
@@ -140,8 +142,6 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
   const int32_t format = bokeh_manager_renderer_format(ctx->imageFormat);
   if (ctx->otpKind != 0 && ctx->otpKind != 1) {
     r = kBokehUnknownCalibration;
-  } else if (format < 0) {
-    r = kBokehUnknownCalibration;  // Init refuses such formats before this point
   } else if (ctx->rendererExtraParam != 0) {
     r = vmKtrRT_GLInitV1_1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx),
                            session_preview_main_height(ctx), W, H, session_refocus_width(ctx),
@@ -157,6 +157,7 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
     VM_LOG_IF(kLogTrace, "vmKtrRT_GLInit:ERROR[%x]\n", static_cast<unsigned>(r));
     return failInit(ctx, w, r);
   }
+  w->rendererOpen = 1;
 
   bokeh_manager_create_thread(ctx);
   if (debugEnable.load(std::memory_order_relaxed) != 0 && debugDisplay.load(std::memory_order_relaxed) != 0)
@@ -196,7 +197,8 @@ void* bokeh_manager_handler(void* arg) {
     const int32_t r = bokeh_manager_generate_refocus_map(ctx, w);
     VM_LOG_IF(kLogTrace, "bokeh_manager_generate_refocus_map[%d]...\n", r);
   }
-  vmKtrRT_GenRefocusMap_Deinit();
+  // The generator is closed only when it was opened.
+  if (initResult == 0) vmKtrRT_GenRefocusMap_Deinit();
   VM_LOG_IF(kLogTrace, "End gen refocus map handler...\n");
   return nullptr;
 }
@@ -330,8 +332,10 @@ int32_t bokeh_manager_deinit(SessionContext* ctx) {
     pthread_mutex_unlock(&w->mutex);
     if (w->threadStarted) pthread_join(w->thread, nullptr);
     w->threadStarted = 0;
-    vmKtrRT_GLClose();  // after the worker has ended and closed its generator
   }
+  // After the worker has ended and closed its generator; only a renderer that was set up.
+  if (w->rendererOpen) vmKtrRT_GLClose();
+  w->rendererOpen = 0;
   policy_manager_deinit(ctx);
   bokeh_manager_free_scratch(w);
   destroySync(ctx, w);

@@ -36,6 +36,7 @@ struct DepthWorker {
   int32_t threadStarted;  // a join only follows a start that succeeded
   int32_t syncReady;      // mutex and condition variable initialised
   int32_t scratchReserved;
+  int32_t engineOpen;     // vmDpx2_Express_Init succeeded: shut-down closes the engine
   uint8_t* scaleScratch;  // the scaler's work area for one preview, kept for the session
   size_t scaleScratchBytes;
 };

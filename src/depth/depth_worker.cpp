@@ -29,7 +29,7 @@ void freePlanes(DepthWorker* w) {
 }
 
 // Ends the thread (if one was started) and releases what creation took.
-void stopAndRelease(SessionContext* ctx, DepthWorker* w, bool closeEngine) {
+void stopAndRelease(DepthWorker* w) {
   w->exitRequest.store(1, std::memory_order_release);
   if (w->status.load(std::memory_order_acquire) != 0 && w->syncReady) {
     pthread_mutex_lock(&w->mutex);
@@ -37,8 +37,10 @@ void stopAndRelease(SessionContext* ctx, DepthWorker* w, bool closeEngine) {
     pthread_mutex_unlock(&w->mutex);
     if (w->threadStarted) pthread_join(w->thread, nullptr);
     w->threadStarted = 0;
-    if (closeEngine && ctx->depthFromChip == 0) vmDpx2_Express_Close();
   }
+  // Only an engine whose set-up succeeded is closed.
+  if (w->engineOpen) vmDpx2_Express_Close();
+  w->engineOpen = 0;
   freePlanes(w);
   heap_aligned_free(w->scaleScratch);
   w->scaleScratch = nullptr;
@@ -76,7 +78,7 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
   for (int i = 0; i < 2; ++i) {
     w->planes[i].data = static_cast<uint8_t*>(heap_allocate(sizes[i]));
     if (w->planes[i].data == nullptr) {
-      stopAndRelease(ctx, w, false);
+      stopAndRelease(w);
       return kDepthOutOfMemory;
     }
     w->planes[i].size = static_cast<int32_t>(sizes[i]);
@@ -86,14 +88,15 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
   // once here for the configured map, never per frame.
   if (ctx->depthFromChip == 0) {
     if (!image_utility_depth_scratch_reserve(static_cast<int64_t>(samples))) {
-      stopAndRelease(ctx, w, false);
+      VM_LOG("ERROR: depth scratch of %zu samples not reserved\n", samples);
+      stopAndRelease(w);
       return kDepthOutOfMemory;
     }
     w->scratchReserved = 1;
     // The scaler builds three planes of the depth size before turning them into place.
     w->scaleScratch = static_cast<uint8_t*>(heap_aligned_allocate(samples * 3, 16));
     if (w->scaleScratch == nullptr) {
-      stopAndRelease(ctx, w, false);
+      stopAndRelease(w);
       return kDepthOutOfMemory;
     }
     w->scaleScratchBytes = samples * 3;
@@ -107,11 +110,12 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     if (ctx->isUsingTemporalFilter) r = depth_manager_init_temporal_filter(ctx);
   } else {
     r = depth_manager_init_Dpx2_LV(ctx);
+    w->engineOpen = r == kDepthOk ? 1 : 0;
   }
   if (r != kDepthOk) {
     // The session will not start: the worker and its memory go again here, since the caller
     // does not shut down what failed to start.
-    stopAndRelease(ctx, w, true);
+    stopAndRelease(w);
     return r;
   }
   if (debugEnable.load(std::memory_order_relaxed) != 0 && debugDisplay.load(std::memory_order_relaxed) != 0)
@@ -176,7 +180,7 @@ bool depth_manager_worker_waiting(SessionContext* ctx) {
 }
 
 int32_t depth_manager_deinit(SessionContext* ctx) {
-  stopAndRelease(ctx, workerOf(ctx), true);
+  stopAndRelease(workerOf(ctx));
   return 0;
 }
 

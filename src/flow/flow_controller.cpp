@@ -27,50 +27,47 @@ void releaseOtp(SessionContext* ctx) {
   ctx->otpCopy = nullptr;
 }
 
-constexpr int32_t kMaxDepthSide = 4096;
 constexpr int32_t kInitRefused = 1;
+
+// Heap blocks live when the running session began: tear-down must bring the count back.
+int64_t g_blocksBeforeSession = 0;
 
 // Bytes of a w x h slot of bpp bytes a pixel, both buffers, fit 32 bits.
 bool slotFits(int32_t w, int32_t h, int32_t bpp) {
   return static_cast<int64_t>(w) * h * bpp * 2 + 64 <= INT32_MAX;
 }
 
-// What the session cannot work with is refused before anything is taken; the field that is
-// refused and its value are written to field and value.
-bool initDataUsable(const InitData* d, const char** field, int32_t* value) {
-  auto refuse = [&](const char* name, int32_t v) {
+// Everything is taken as given except what would make the library itself compute a buffer
+// size that is negative or beyond 32 bits, and so read or write outside its own buffers. Zero
+// sizes, odd sizes, unknown image formats (the frame copy refuses those frames) and a
+// calibration block of 0 bytes all run. The refused field, its value and why are written out.
+bool initDataUsable(const InitData* d, const char** field, int32_t* value, const char** why) {
+  auto refuse = [&](const char* name, int32_t v, const char* reason) {
     *field = name;
     *value = v;
+    *why = reason;
     return false;
   };
   const struct {
     const char* name;
     int32_t value;
-  } positive[] = {{"screenWidth", d->screenWidth},
-                  {"screenHeight", d->screenHeight},
-                  {"previewMainWidth", d->previewMainWidth},
-                  {"previewMainHeight", d->previewMainHeight},
-                  {"previewSubWidth", d->previewSubWidth},
-                  {"previewSubHeight", d->previewSubHeight},
-                  {"depthWidth", d->depthWidth},
-                  {"depthHeight", d->depthHeight}};
-  for (const auto& f : positive)
-    if (f.value <= 0) return refuse(f.name, f.value);
-  const struct {
-    const char* name;
-    int32_t value;
-  } even[] = {{"previewMainWidth", d->previewMainWidth},
-              {"previewMainHeight", d->previewMainHeight},
-              {"previewSubWidth", d->previewSubWidth},
-              {"previewSubHeight", d->previewSubHeight}};
-  for (const auto& f : even)
-    if ((f.value & 1) != 0) return refuse(f.name, f.value);
-  if (d->depthWidth > kMaxDepthSide) return refuse("depthWidth", d->depthWidth);
-  if (d->depthHeight > kMaxDepthSide) return refuse("depthHeight", d->depthHeight);
-  if (!slotFits(d->previewMainWidth, d->previewMainHeight, 2)) return refuse("previewMainWidth", d->previewMainWidth);
-  if (!slotFits(d->previewSubWidth, d->previewSubHeight, 2)) return refuse("previewSubWidth", d->previewSubWidth);
-  if (d->ImageFormat < 0 || d->ImageFormat > 6) return refuse("ImageFormat", d->ImageFormat);
-  if ((d->otpData != nullptr || d->otpDataAlt != nullptr) && d->otpSize <= 0) return refuse("otpSize", d->otpSize);
+  } sizes[] = {{"previewMainWidth", d->previewMainWidth},
+               {"previewMainHeight", d->previewMainHeight},
+               {"previewSubWidth", d->previewSubWidth},
+               {"previewSubHeight", d->previewSubHeight},
+               {"depthWidth", d->depthWidth},
+               {"depthHeight", d->depthHeight}};
+  for (const auto& f : sizes)
+    if (f.value < 0) return refuse(f.name, f.value, "negative size: its buffer sizes would be negative");
+  const char* const tooLarge = "buffer bytes would overflow 32 bits";
+  if (!slotFits(d->previewMainWidth, d->previewMainHeight, 2))
+    return refuse("previewMainWidth", d->previewMainWidth, tooLarge);
+  if (!slotFits(d->previewSubWidth, d->previewSubHeight, 2))
+    return refuse("previewSubWidth", d->previewSubWidth, tooLarge);
+  // The depth working buffer takes 4 bytes a sample.
+  if (!slotFits(d->depthWidth, d->depthHeight, 4)) return refuse("depthWidth", d->depthWidth, tooLarge);
+  if ((d->otpData != nullptr || d->otpDataAlt != nullptr) && d->otpSize < 0)
+    return refuse("otpSize", d->otpSize, "negative size: the calibration copy would overflow");
   return true;
 }
 
@@ -160,20 +157,25 @@ bool flow_controller_is_running(void) {
   return g_session.state.load() == kStateRunning;
 }
 
+int32_t flow_controller_end_running_session(void) {
+  if (g_session.state.load() != kStateRunning) return 0;
+  // A HAL re-initialises on a resolution change: the running session goes first, in order.
+  VM_LOG("Init while running: session torn down and initialised again\n");
+  return flow_controller_deinit();
+}
+
 int32_t flow_controller_init(InitData data) {
   SessionContext* ctx = &g_session;
-  // A second Init would re-initialise under the running workers: refused, session untouched.
-  if (ctx->state.load() == kStateRunning) {
-    VM_LOG("ERROR: session running, Init refused [%d]\n", ctx->state.load());
-    return kInitRefused;
-  }
+  flow_controller_end_running_session();
+  g_blocksBeforeSession = heap_live_blocks();
   ctx->state.store(kStateInitialising);
   vemta_memory_manager_init();
   dump_thread_info();
   const char* field = "";
+  const char* why = "";
   int32_t value = 0;
-  if (!initDataUsable(&data, &field, &value)) {
-    VM_LOG("ERROR: InitData %s [%d] refused\n", field, value);
+  if (!initDataUsable(&data, &field, &value, &why)) {
+    VM_LOG("ERROR: InitData %s [%d] refused: %s\n", field, value, why);
     ctx->state.store(kStateRejected);
     return kInitRefused;
   }
@@ -225,6 +227,9 @@ int32_t flow_controller_deinit(void) {
   buffer_manager_free(ctx);
   releaseOtp(ctx);
   vemta_memory_manager_deinit();
+  // Everything the session took is back: a block still out is a leak of this library.
+  const int64_t kept = heap_live_blocks() - g_blocksBeforeSession;
+  if (kept != 0) VM_LOG("ERROR: %lld heap blocks not given back at Deinit\n", static_cast<long long>(kept));
   return 0;
 }
 

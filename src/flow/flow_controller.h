@@ -9,7 +9,10 @@
 
 struct SessionContext;
 
+// A running session is torn down first (one line says so), so a second Init re-initialises.
 int32_t flow_controller_init(InitData data);
+// Tears a running session down with its log line; nothing when none runs. Returns 0.
+int32_t flow_controller_end_running_session(void);
 int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* data);
 int32_t flow_controller_deinit(void);
 int32_t flow_controller_set_function(uint32_t flag, int32_t enable);

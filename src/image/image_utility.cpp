@@ -47,6 +47,7 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
   const int32_t lastX = srcWidth - 1;
   const int32_t lastY = srcHeight - 1;
   const int32_t lastPair = (srcWidth - 1) >> 1;
+  const int32_t chromaStride = (stride + 1) & ~1;
 
   // Positions are accumulated, not multiplied, exactly as the grid is defined.
   int64_t posY = 0;
@@ -67,8 +68,10 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
     }
     if ((r & 1) != 0) continue;
     // Chroma only on even rows and columns, replicated over the 2 x 2 block.
-    const int32_t chromaRow = chromaRowStart + std::min(static_cast<int32_t>(posY >> 17), lastY >> 1);
-    const uint8_t* chroma = src + static_cast<size_t>(chromaRow) * static_cast<size_t>(stride);
+    // Chroma rows hold ((w + 1) / 2) pairs: one byte more than the luma row when it is odd.
+    const int32_t chromaRow = std::min(static_cast<int32_t>(posY >> 17), lastY >> 1);
+    const uint8_t* chroma = src + static_cast<size_t>(chromaRowStart) * static_cast<size_t>(stride) +
+                            static_cast<size_t>(chromaRow) * static_cast<size_t>(chromaStride);
     uint8_t* a1 = t1 + static_cast<size_t>(r) * static_cast<size_t>(dstWidth);
     uint8_t* a2 = t2 + static_cast<size_t>(r) * static_cast<size_t>(dstWidth);
     uint8_t* b1 = a1 + dstWidth;

@@ -22,8 +22,9 @@ void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
 // One block of twice the half size; B at A + bOffset. Slots 4 and 5 place B at the half of the
 // 2- and 1-byte slot whose dimensions they share, inside A's range: the working buffers are
 // used one at a time and the layout is kept as designed.
-void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, int32_t bOffset) {
-  const int32_t half = buffer_manager_half_size(width, height, bpp);
+void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, int32_t bOffset, int32_t atLeast = 0) {
+  int32_t half = buffer_manager_half_size(width, height, bpp);
+  if (half > 0 && atLeast > half) half = atLeast;
   uint8_t* block =
       half > 0 && half <= INT32_MAX / 2 ? static_cast<uint8_t*>(heap_allocate(2 * static_cast<size_t>(half))) : nullptr;
   if (bOffset < 0) bOffset = half;
@@ -37,16 +38,23 @@ void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, 
 
 int32_t buffer_manager_half_size(int32_t width, int32_t height, int32_t bytesPerPixel) {
   const int64_t bytes = static_cast<int64_t>(width) * height * bytesPerPixel;
-  if (width <= 0 || height <= 0 || bytesPerPixel <= 0 || bytes > INT32_MAX) return -1;
+  // A 0 x 0 slot (an unused sub preview, say) still gets its one 16-byte unit per buffer.
+  if (width < 0 || height < 0 || bytesPerPixel <= 0 || bytes > INT32_MAX) return -1;
   const int64_t half = 16 * ((bytes >> 4) + 1);
   return half > INT32_MAX ? -1 : static_cast<int32_t>(half);
 }
 
 int32_t buffer_manager_allocate(SessionContext* ctx) {
   static const int kOrder[] = {0, 1, 3, 2};
+  // With chip depth through the temporal filter the chip's map travels in the sub preview
+  // pair, so its buffers hold at least one map whatever the sub preview's size.
+  const BufferSlot& map = ctx->slots[kSlotDepth];
+  const int32_t chipMap = ctx->depthFromChip == 1 && ctx->isUsingTemporalFilter == 1
+                              ? buffer_manager_half_size(map.width, map.height, 2)
+                              : 0;
   for (int n : kOrder) {
     BufferSlot* s = session_slot(ctx, n);
-    allocateSlot(s, s->width, s->height, kBytesPerPixel[n], -1);
+    allocateSlot(s, s->width, s->height, kBytesPerPixel[n], -1, n == kSlotSub ? chipMap : 0);
   }
   // Slots 5 and 4 keep width and height as initialisation zeroed them; sizes follow 3 and 2.
   const BufferSlot& depth = ctx->slots[kSlotDepth];

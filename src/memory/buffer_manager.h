@@ -14,11 +14,13 @@
 struct SessionContext;
 struct BufferHalf;
 
-// Half size of a slot: 16 x (((W x H x b) >> 4) + 1) bytes, or -1 when that does not fit 32 bits.
+// Half size of a slot: 16 x (((W x H x b) >> 4) + 1) bytes (16 for 0 x 0), or -1 for a negative
+// side or when that does not fit 32 bits.
 int32_t buffer_manager_half_size(int32_t width, int32_t height, int32_t bytesPerPixel);
 
-// Allocates the six slots in the order 0, 1, 3, 2, 5, 4 from the sizes in slots 0..3. Returns 0;
-// a block that could not be had leaves null data pointers (the caller checks).
+// Allocates the six slots in the order 0, 1, 3, 2, 5, 4 from the sizes in slots 0..3 (slot 1 at
+// least a depth map's size when chip depth goes through the temporal filter). Returns 0; a block
+// that could not be had leaves null data pointers (the caller checks).
 int32_t buffer_manager_allocate(SessionContext* ctx);
 // True when every slot got its block.
 bool buffer_manager_all_allocated(const SessionContext* ctx);

@@ -69,7 +69,7 @@ int32_t policy_manager_init(SessionContext* ctx) {
   p->previousFrame = static_cast<uint8_t*>(heap_allocate(capacity));
   if (p->previousFrame == nullptr) {
     // The session goes on without a reference frame: the scene is never judged stable.
-    VM_LOG("previous frame store of %u bytes not allocated: scene change is not measured\n", capacity);
+    VM_LOG("ERROR: previous frame store of %u bytes not allocated: scene change is not measured\n", capacity);
     return 0;
   }
   // Zeroed once so that bytes a short frame copy leaves untouched read as defined values.

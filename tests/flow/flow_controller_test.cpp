@@ -1,7 +1,9 @@
 // The flow controller on the session record itself: the dimension rules, the flags taken as on
-// only when exactly 1, the calibration copy, and the discard bits raised when the scene comes loose.
+// only when exactly 1, the calibration copy, allocation failure at every allocation of Init, the
+// leak check at Deinit, and the discard bits raised when the scene comes loose.
 #include "flow/flow_controller.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -132,6 +134,104 @@ TEST_F(Flow, FailedStartsReleaseInReverse) {
   EXPECT_EQ(g_session.depth.worker.status.load(), 0);  // the started depth worker was stopped
   EXPECT_EQ(g_session.slots[0].a.data, nullptr);
   EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
+}
+
+// Threads of this process, from the kernel's list.
+int threadCount() {
+  int n = 0;
+  if (DIR* d = opendir("/proc/self/task")) {
+    while (dirent* e = readdir(d))
+      if (e->d_name[0] != '.') ++n;
+    closedir(d);
+  }
+  return n;
+}
+
+TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
+  // The states Init ends in when its n-th allocation fails, in Init's order: the calibration
+  // copy, the six slots, the depth worker's blocks, the policy store (the session runs without
+  // it), the refocus-map worker's scratch; then no allocation is left to fail.
+  constexpr int32_t kStore = -1;
+  struct Session {
+    const char* name;
+    uint32_t layout;
+    int32_t filter;
+    std::vector<int32_t> states;
+  };
+  const std::vector<int32_t> slots(6, kStateBufferFailed);
+  auto join = [&](std::vector<int32_t> head, std::vector<int32_t> depth) {
+    head.insert(head.end(), slots.begin(), slots.end());
+    head.insert(head.end(), depth.begin(), depth.end());
+    head.push_back(kStore);
+    head.push_back(kStateBokehFailed);
+    return head;
+  };
+  const std::vector<int32_t> depth4(4, kStateDepthWorkerFailed), depth2(2, kStateDepthWorkerFailed);
+  const Session sessions[] = {{"stereo", 2, 0, join({kStateRejected}, depth4)},
+                              {"chip", 0x32, 0, join({kStateRejected}, {})},
+                              {"chip filtered", 0x32, 1, join({kStateRejected}, depth2)}};
+  Frames f(64, 48, 64, 48, 32, 24);
+  for (const Session& k : sessions) {
+    for (size_t n = 1; n <= k.states.size() + 1; ++n) {
+      SCOPED_TRACE(testing::Message() << k.name << " allocation " << n);
+      fakes::reset();
+      log.clear();
+      InitData d = f.init(k.layout);
+      d.isUsingTemporalFilter = k.filter;
+      const int threads = threadCount();
+      const int64_t blocks = heap_live_blocks();
+      heap_fault_inject(static_cast<int32_t>(n), false);
+      const int32_t r = flow_controller_init(d);
+      const int32_t failed = heap_fault_count();
+      heap_fault_inject(0, false);
+      if (n > k.states.size()) {
+        EXPECT_EQ(failed, 0);  // every allocation of Init was tried
+        EXPECT_EQ(r, 0);
+      } else if (k.states[n - 1] == kStore) {
+        ASSERT_EQ(failed, 1);
+        EXPECT_EQ(r, 0);
+        EXPECT_EQ(log.count("ERROR: previous frame store"), 1u);  // whatever the log flags
+      } else {
+        ASSERT_EQ(failed, 1);
+        EXPECT_EQ(r, 2);
+        EXPECT_EQ(g_session.state.load(), k.states[n - 1]);
+        EXPECT_EQ(heap_live_blocks(), blocks);  // a failed Init gives back what it took
+        EXPECT_EQ(threadCount(), threads);      // and leaves no worker behind
+        EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
+        EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), fakes::count("vmDpx2_Express_Init"));
+        continue;
+      }
+      ASSERT_EQ(g_session.state.load(), kStateRunning);
+      EXPECT_GT(threadCount(), threads);
+      flow_controller_deinit();
+      EXPECT_EQ(heap_live_blocks(), blocks);
+      EXPECT_EQ(threadCount(), threads);
+      EXPECT_EQ(log.count("heap blocks not given back"), 0u);
+    }
+  }
+}
+
+TEST_F(Flow, DeinitFindsABlockTheSessionDidNotGiveBack) {
+  Frames f(64, 48, 64, 48, 32, 24);
+  const int64_t blocks = heap_live_blocks();
+  ASSERT_EQ(flow_controller_init(f.init()), 0);
+  for (int i = 0; i < 10; ++i) flow_controller_trigger(f.centred());
+  flow_controller_deinit();
+  EXPECT_EQ(heap_live_blocks(), blocks);
+  EXPECT_EQ(log.count("heap blocks not given back"), 0u);
+
+  // A block taken through the heap door during the session and never freed is named at Deinit.
+  void* kept = nullptr;
+  fakes::setHook("vmKtrRT_GLStartV1", [&kept] {
+    if (kept == nullptr) kept = heap_allocate(32);
+  });
+  ASSERT_EQ(flow_controller_init(f.init()), 0);
+  flow_controller_trigger(f.centred());
+  ASSERT_NE(kept, nullptr);
+  flow_controller_deinit();
+  EXPECT_EQ(log.count("ERROR: 1 heap blocks not given back at Deinit"), 1u);
+  heap_free(kept);
+  EXPECT_EQ(heap_live_blocks(), blocks);
 }
 
 TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {

@@ -11,16 +11,21 @@
 namespace {
 
 // Source NV12 frame with distinct luma per position and chroma pairs that encode their place.
+// Odd sizes carry ((w + 1) / 2) x ((h + 1) / 2) chroma pairs, exactly as many bytes as that.
 struct Nv12 {
-  int32_t w, h;
+  int32_t w, h, cs;  // cs: bytes of a chroma row
   std::vector<uint8_t> bytes;
-  Nv12(int32_t width, int32_t height) : w(width), h(height), bytes(static_cast<size_t>(width) * height * 3 / 2) {
+  Nv12(int32_t width, int32_t height)
+      : w(width),
+        h(height),
+        cs((width + 1) & ~1),
+        bytes(static_cast<size_t>(width) * height + static_cast<size_t>(cs) * ((height + 1) / 2)) {
     for (int32_t y = 0; y < h; ++y)
       for (int32_t x = 0; x < w; ++x) bytes[y * w + x] = static_cast<uint8_t>(x * 7 + y * 13);
-    for (int32_t r = 0; r < h / 2; ++r)
-      for (int32_t p = 0; p < w / 2; ++p) {
-        bytes[w * h + r * w + 2 * p] = static_cast<uint8_t>(100 + r * 5 + p);
-        bytes[w * h + r * w + 2 * p + 1] = static_cast<uint8_t>(200 - r * 3 - p);
+    for (int32_t r = 0; r < (h + 1) / 2; ++r)
+      for (int32_t p = 0; p < (w + 1) / 2; ++p) {
+        bytes[w * h + r * cs + 2 * p] = static_cast<uint8_t>(100 + r * 5 + p);
+        bytes[w * h + r * cs + 2 * p + 1] = static_cast<uint8_t>(200 - r * 3 - p);
       }
   }
 };
@@ -36,7 +41,7 @@ void expectedPlanes(const Nv12& s, int32_t dw, int32_t dh, std::vector<uint8_t> 
       out[0][r * dw + c] = s.bytes[(Y >> 16) * s.w + (X >> 16)];
       const int32_t er = r & ~1, ec = c & ~1;
       const int64_t EY = er * stepY, EX = ec * stepX;
-      const size_t at = static_cast<size_t>(s.w) * s.h + (EY >> 17) * s.w + 2 * (EX >> 17);
+      const size_t at = static_cast<size_t>(s.w) * s.h + (EY >> 17) * s.cs + 2 * (EX >> 17);
       out[1][r * dw + c] = s.bytes[at];
       out[2][r * dw + c] = s.bytes[at + 1];
     }
@@ -62,6 +67,18 @@ TEST(ScaleRotate, NoTurnMatchesTheGridIncludingBorders) {
     Planes got(static_cast<size_t>(dw) * dh);
     run(src, dw, dh, 2, got);
     for (int p = 0; p < 3; ++p) EXPECT_EQ(got.p[p], want[p]) << "plane " << p << " at " << dw << "x" << dh;
+  }
+}
+
+TEST(ScaleRotate, OddSourcesReadTheirRoundedUpChromaRows) {
+  // The frames hold exactly their bytes, so a read past the last chroma pair is caught.
+  for (auto [w, h] : {std::pair{9, 7}, std::pair{31, 17}, std::pair{8, 7}, std::pair{9, 8}}) {
+    const Nv12 src(w, h);
+    std::vector<uint8_t> want[3];
+    expectedPlanes(src, 8, 4, want);
+    Planes got(8 * 4);
+    run(src, 8, 4, 2, got);
+    for (int p = 0; p < 3; ++p) EXPECT_EQ(got.p[p], want[p]) << "plane " << p << " of " << w << "x" << h;
   }
 }
 

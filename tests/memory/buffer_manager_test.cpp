@@ -62,9 +62,25 @@ TEST_F(BufferSlots, SizesAndPlacement) {
 
 TEST_F(BufferSlots, HalfSizeRefusesWhatDoesNotFit) {
   EXPECT_EQ(buffer_manager_half_size(65536, 65536, 2), -1);
-  EXPECT_EQ(buffer_manager_half_size(0, 10, 2), -1);
+  EXPECT_EQ(buffer_manager_half_size(0, 10, 2), 16);  // an empty slot keeps its one unit
+  EXPECT_EQ(buffer_manager_half_size(0, 0, 2), 16);
   EXPECT_EQ(buffer_manager_half_size(-4, 10, 2), -1);
   EXPECT_EQ(buffer_manager_half_size(1, 1, 1), 16);
+}
+
+TEST_F(BufferSlots, SubPairHoldsAChipMapWhenTheFilterCarriesIt) {
+  // A 0 x 0 sub preview: alone it gets one unit; chip depth through the filter needs a map.
+  ctx.slots[1].width = ctx.slots[1].height = 0;
+  ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
+  EXPECT_EQ(ctx.slots[1].a.capacity, 16);
+  buffer_manager_free(&ctx);
+  ctx.depthFromChip = 1;
+  ctx.isUsingTemporalFilter = 1;
+  ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
+  EXPECT_EQ(ctx.slots[1].a.capacity, buffer_manager_half_size(320, 240, 2));
+  EXPECT_EQ(ctx.slots[1].b.capacity, buffer_manager_half_size(320, 240, 2));
+  EXPECT_EQ(ctx.slots[1].b.data - ctx.slots[1].a.data, buffer_manager_half_size(320, 240, 2));
+  EXPECT_EQ(ctx.slots[1].width, 0);  // the slot still describes the sub preview
 }
 
 TEST_F(BufferSlots, AllocationFailureLeavesNullAndIsSeen) {
