@@ -55,7 +55,9 @@ class ImageIo : public testing::Test {
     FILE* f = fopen(path.c_str(), "wb");
     EXPECT_NE(f, nullptr) << path;
     if (f != nullptr) {
-      EXPECT_EQ(fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+      if (!bytes.empty()) {  // fwrite takes no null pointer, even for no bytes
+        EXPECT_EQ(fwrite(bytes.data(), 1, bytes.size(), f), bytes.size());
+      }
       fclose(f);
     }
     files.push_back(path);
