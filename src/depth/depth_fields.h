@@ -42,6 +42,7 @@ struct DepthWorker {
 
 struct DepthFields {
   DepthWorker worker;
+  int32_t chipSizeRefusalLogged;  // frame thread only; cleared with the session at Init
 };
 
 #endif  // VMKTRRT_DEPTH_FIELDS_H
