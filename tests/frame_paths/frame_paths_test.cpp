@@ -228,12 +228,9 @@ TEST_F(FramePaths, DepthDumpNameShowsTheCallersSizeForEveryLayoutWord) {
     int32_t depthW, depthH;
     const char* name;
   };
-  // Words 0x33, 0x53 (chip depth) and 0x43 mask to layout 3 but keep slot 2 as given; only the
-  // word 3 itself turns it.
-  const Case cases[] = {{0x33, 32, 24, "-depth-32x24-"},
-                        {0x53, 32, 24, "-depth-32x24-"},
-                        {0x43, 32, 24, "-depth-32x24-"},
-                        {3, 24, 32, "-depth-24x32-"}};
+  // The chip words 0x33 (10-bit samples) and 0x53 (8-bit) mask to layout 3 but keep slot 2 as
+  // the caller gave it; only the word 3 itself turns it.
+  const Case cases[] = {{0x33, 32, 24, "-depth-32x24-"}, {0x53, 32, 24, "-depth-32x24-"}, {3, 24, 32, "-depth-24x32-"}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.layout);
     log.clear();
