@@ -203,9 +203,12 @@ void bokeh_manager_debug_display(SessionContext* ctx, DebugHolds* holds) {
       composeText(ctx, display, info);
       if (b->textBlock[0] != '\0') {
         int32_t w = 0, h = 0;
-        image_utility_text_size(b->textBlock, &w, &h);
-        image_utility_draw_text(b->textPicture, kDebugTextPictureBytes, b->textBlock);
-        setEntry(nextEntry(ctx, &used), b->textPicture, w, h, mw - 2 * w, mh - 2 * h, 2 * w, 2 * h);
+        // Text whose picture would not fit the picture's bytes gets no entry: the renderer must
+        // never read a w x h picture beyond the buffer it is given.
+        if (image_utility_text_size(b->textBlock, &w, &h) <= kDebugTextPictureBytes) {
+          image_utility_draw_text(b->textPicture, kDebugTextPictureBytes, b->textBlock);
+          setEntry(nextEntry(ctx, &used), b->textPicture, w, h, mw - 2 * w, mh - 2 * h, 2 * w, 2 * h);
+        }
       }
       if ((info & 0x8) != 0) sampleLabels(ctx, &used, holds);
     }

@@ -19,6 +19,9 @@ constexpr int32_t kBmdStatusRunning = 4;
 // Request reasons raised by the per-frame step.
 constexpr uint32_t kReasonNewDepth = 0x1;
 constexpr uint32_t kReasonFocusMoved = 0x2;
+// Raised by the worker itself: the 0x80 thumbnail of the published map could not be drawn
+// because the frame thread held the picture; the next wake draws it without making a map.
+constexpr uint32_t kReasonThumbnail = 0x4;
 
 constexpr int32_t kHistogramSide = 260;
 constexpr int32_t kHistogramBins = 256;
@@ -42,6 +45,7 @@ struct RefocusWorker {
   std::atomic<int32_t> lastFocusX;
   std::atomic<int32_t> lastFocusY;
   std::atomic<int32_t> forcePublish;
+  int32_t thumbnailX, thumbnailY;  // worker only: the marker of the thumbnail owed, in depth pixels
   pthread_t thread;
   int32_t threadStarted;  // shut-down joins only a thread that was started
   int32_t syncReady;

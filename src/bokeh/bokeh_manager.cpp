@@ -56,6 +56,38 @@ int32_t failInit(SessionContext* ctx, RefocusWorker* w, int32_t code) {
   return code;
 }
 
+// Draws the 0x80 thumbnail from the published map, marker at (x, y) in depth pixels. False only
+// when the picture pair is held (the frame thread renders with it): the drawing is then owed.
+bool drawThumbnail(SessionContext* ctx, int32_t x, int32_t y) {
+  const int32_t display = debugDisplay.load(std::memory_order_relaxed);
+  if (debugEnable.load(std::memory_order_relaxed) == 0 || (display & 0x80) == 0) return true;
+  const int32_t rw = session_refocus_width(ctx);
+  const int32_t rh = session_refocus_height(ctx);
+  int32_t W, H;
+  callerDepthSize(ctx, &W, &H);
+  BufferHalf* map = buffer_manager_hold_filled(ctx, kSlotRefocus);
+  if (map == nullptr) return true;  // nothing published to show
+  BufferHalf* picture = buffer_manager_get_writable(ctx, kSlotRefocusWork);
+  if (picture != nullptr && picture->capacity >= rw * rh * 4) {
+    const int32_t opaque = ((display & 0x10) != 0 && (display & 0xC0) != 0xC0) ? 1 : 0;
+    image_utility_gray_to_display(picture->data, map->data, rw, rh, opaque);
+    if ((display & 0x2) != 0 && W > 0 && H > 0)
+      image_utility_draw_marker(picture->data, rw, rh, kMarkerKindDisplay,
+                                static_cast<int32_t>(static_cast<int64_t>(rw) * x / W),
+                                static_cast<int32_t>(static_cast<int64_t>(rh) * y / H), 3, 1);
+    buffer_manager_publish(picture, buffer_manager_get_buffer(ctx, kSlotRefocusWork, kSlotFilled));
+  }
+  buffer_manager_release(map);
+  return picture != nullptr;
+}
+
+// Draws a thumbnail that is owed; when it cannot be drawn yet the request stays pending, and the
+// frame thread wakes the worker again on the next frame.
+void settleThumbnail(SessionContext* ctx, RefocusWorker* w, bool owed) {
+  if (owed && !drawThumbnail(ctx, w->thumbnailX, w->thumbnailY))
+    w->pendingReasons.fetch_or(kReasonThumbnail, std::memory_order_acq_rel);
+}
+
 // A macro, so that the line carries the generating function's name.
 #define PROFILE_REFOCUS_MAP(start) VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_time_ms() - (start))
 
@@ -223,17 +255,29 @@ void bokeh_manager_focus_to_depth(const SessionContext* ctx, int32_t focusX, int
 
 int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w) {
   const long start = debug_time_ms();
+  const uint32_t reasons = w->pendingReasons.exchange(0, std::memory_order_acq_rel);
+  const bool thumbnailOwed = (reasons & kReasonThumbnail) != 0;
+  if (reasons == kReasonThumbnail) {
+    // Only the thumbnail of the published map is owed: no new map, no counter moves.
+    settleThumbnail(ctx, w, true);
+    return 0;
+  }
   BufferHalf* depth = buffer_manager_hold_filled(ctx, kSlotDepth);
   BufferHalf* out = buffer_manager_get_writable(ctx, kSlotRefocus);
-  w->pendingReasons.store(0, std::memory_order_release);
   const int32_t focusX = ctx->focusX.load(std::memory_order_relaxed);
   const int32_t focusY = ctx->focusY.load(std::memory_order_relaxed);
   w->lastFocusX.store(focusX, std::memory_order_release);
   w->lastFocusY.store(focusY, std::memory_order_release);
-  if (depth == nullptr || out == nullptr) {
-    // No map to start from, or both map buffers are in use: nothing is made this time.
-    if (depth == nullptr) VM_LOG_IF(kLogTrace, "ERROR: No Depth\n");
+  if (depth == nullptr) {
+    VM_LOG_IF(kLogTrace, "ERROR: No Depth\n");
+    settleThumbnail(ctx, w, thumbnailOwed);
+    PROFILE_REFOCUS_MAP(start);
+    return 0;
+  }
+  if (out == nullptr) {
+    // Both map buffers are held: the request stays pending and a later frame retries it.
     buffer_manager_release(depth);
+    w->pendingReasons.fetch_or(reasons, std::memory_order_acq_rel);
     PROFILE_REFOCUS_MAP(start);
     return 0;
   }
@@ -254,6 +298,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
   buffer_manager_release(depth);
   if (r != 0) {
+    settleThumbnail(ctx, w, thumbnailOwed);
     PROFILE_REFOCUS_MAP(start);
     return r;  // the new buffer stays free, the published map stays
   }
@@ -267,9 +312,9 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
   }
   if (debug) ctx->refocusFrameCounter.store(ctx->depthFrameCounter.load(std::memory_order_relaxed));
 
+  // The slot's size word keeps its allocated half size: the refocus dumps write that many bytes.
   const int32_t rw = session_refocus_width(ctx);
   const int32_t rh = session_refocus_height(ctx);
-  out->size = rw * rh;
   BufferHalf* old = buffer_manager_get_buffer(ctx, kSlotRefocus, kSlotFilled);
   if (old == out) old = nullptr;
   bool publish;
@@ -303,21 +348,9 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     const int32_t kind =
         ctx->bokeh.refocusUsingCounter.load() == ctx->refocusFrameCounter.load() ? kDumpRefocusUsing : kDumpRefocus;
     dump_if_enabled(kind, ctx, out->data, out->size);
-    const int32_t display = debugDisplay.load(std::memory_order_relaxed);
-    if ((display & 0x80) != 0) {
-      BufferHalf* map = buffer_manager_hold_filled(ctx, kSlotRefocus);
-      BufferHalf* picture = buffer_manager_get_writable(ctx, kSlotRefocusWork);
-      if (map != nullptr && picture != nullptr && picture->capacity >= rw * rh * 4) {
-        const int32_t opaque = ((display & 0x10) != 0 && (display & 0xC0) != 0xC0) ? 1 : 0;
-        image_utility_gray_to_display(picture->data, map->data, rw, rh, opaque);
-        if ((display & 0x2) != 0 && W > 0 && H > 0)
-          image_utility_draw_marker(picture->data, rw, rh, kMarkerKindDisplay,
-                                    static_cast<int32_t>(static_cast<int64_t>(rw) * x / W),
-                                    static_cast<int32_t>(static_cast<int64_t>(rh) * y / H), 3, 1);
-        buffer_manager_publish(picture, buffer_manager_get_buffer(ctx, kSlotRefocusWork, kSlotFilled));
-      }
-      buffer_manager_release(map);
-    }
+    w->thumbnailX = x;
+    w->thumbnailY = y;
+    settleThumbnail(ctx, w, true);
   }
   PROFILE_REFOCUS_MAP(start);
   return 0;

@@ -71,8 +71,9 @@ void dump_build_file_name(char* destination, int32_t capacity, int32_t kind, con
                ctx->slots[kSlotSub].height, vcmSub, "nv21");
       break;
     case kDumpDepth: {
-      // The caller's depth size: slot 2 holds it turned for the quarter-turn layouts.
-      const bool turned = ctx->cameraLayout == 3 || ctx->cameraLayout == 4;
+      // The caller's depth size: turned back exactly when Init turned slot 2, which it does for
+      // the whole layout word 3 or 4 only (chip words such as 0x33 keep the caller's size).
+      const bool turned = ctx->depthSizeTurned != 0;
       snprintf(destination, cap, "%04d-%s-%dx%d-%d-%d-%.2f-%dx%d.%s", depth, name, turned ? d.height : d.width,
                turned ? d.width : d.height, vcmMain, vcmSub, static_cast<double>(fNumber), focusX, focusY, "raw");
       break;

@@ -43,6 +43,7 @@ struct DepthWorker {
 
 struct DepthFields {
   DepthWorker worker;
+  int32_t chipSizeRefusalLogged;  // frame thread only; cleared with the session at Init
 };
 
 #endif  // VMKTRRT_DEPTH_FIELDS_H

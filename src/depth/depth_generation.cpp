@@ -221,13 +221,19 @@ void depth_manager_get_depth_from_chip(SessionContext* ctx, const uint8_t* data,
   }
   const int32_t samples = depthSamples(ctx);
   const int64_t needed = static_cast<int64_t>(samples) * (ctx->chipDepthFormat == 0 ? 1 : 2);
-  if (size < needed) {
-    VM_LOG("ERROR: chip depth of %d bytes, %lld needed; skipped\n", size, static_cast<long long>(needed));
+  // A HAL need not give the sub image's size with chip depth: size 0 means the map's own byte
+  // count stands behind the pointer. Only a size given and too small is refused, said once a
+  // session so that the log is not flooded at the frame rate.
+  if (size != 0 && size < needed) {
+    if (ctx->depth.chipSizeRefusalLogged == 0)
+      VM_LOG("ERROR: chip depth of %d bytes, %lld needed; skipped\n", size, static_cast<long long>(needed));
+    ctx->depth.chipSizeRefusalLogged = 1;
     return;
   }
   const bool toFilter = ctx->isUsingTemporalFilter != 0;
   const int32_t slot = toFilter ? kSlotSub : kSlotDepth;
-  BufferHalf* target = buffer_manager_get_writable(ctx, slot);
+  // When a worker still holds the free buffer, the older filled map makes way for the new one.
+  BufferHalf* target = buffer_manager_get_writable_or_reclaim(ctx, slot);
   if (target == nullptr || target->data == nullptr || target->capacity < samples * 2) {
     VM_LOG_IF(kLogTrace, "chip depth skipped: no free buffer of %d bytes\n", samples * 2);
     return;

@@ -113,6 +113,7 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
   const bool turned = d->cameraLayout == 3 || d->cameraLayout == 4;
   ctx->slots[kSlotDepth].width = turned ? d->depthHeight : d->depthWidth;
   ctx->slots[kSlotDepth].height = turned ? d->depthWidth : d->depthHeight;
+  ctx->depthSizeTurned = turned ? 1 : 0;
   const bool chipBit = (d->cameraLayout & 0x10) != 0;
   ctx->slots[kSlotRefocus].width = chipBit ? d->depthWidth : 320;
   ctx->slots[kSlotRefocus].height = chipBit ? d->depthHeight : 240;
@@ -261,8 +262,9 @@ void flow_controller_apply_debug_flag(void) {
 }
 
 void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d) {
-  // The free buffer nobody reads: the depth worker may still be reading the other one.
-  BufferHalf* target = buffer_manager_get_writable(ctx, kSlotMain);
+  // A buffer nobody reads: the depth worker may still be reading one. When it holds the free
+  // one, the older filled frame is replaced instead, so that every frame is copied and published.
+  BufferHalf* target = buffer_manager_get_writable_or_reclaim(ctx, kSlotMain);
   BufferHalf* filled = buffer_manager_get_buffer(ctx, kSlotMain, kSlotFilled);
   VM_LOG_IF(kLogInfo, "vcmMain[%d] vcmSub[%d] fnumber[%f] Region left[%d] right[%d] top[%d] bottom[%d]\n\n", d->vcmMain,
             d->vcmSub, static_cast<double>(d->fnumber), d->regionLeft, d->regionRight, d->regionTop, d->regionBottom);
@@ -284,8 +286,6 @@ void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d
     buffer_manager_copy_buffer_from_trigger(target, &d->mainImage, ctx->imageFormat, session_preview_main_width(ctx),
                                             session_preview_main_height(ctx), ctx->previewMainStride,
                                             ctx->previewMainScanline);
-  else
-    VM_LOG_IF(kLogTrace, "main preview kept: both buffers in use\n");
   ctx->mainImageData = d->mainImage.data;
   ctx->mainImagePlane2 = d->mainImage.plane2;
   ctx->mainImageSize = static_cast<uint32_t>(d->mainImage.size);
@@ -295,16 +295,21 @@ void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d
     ctx->previewFrameCounter.fetch_add(1, std::memory_order_relaxed);
     if (target != nullptr) dump_if_enabled(kDumpPreviewMain, ctx, target->data, target->size);
   }
+  // Not silent: the line carries the counter the frame's dump would have had.
+  if (target == nullptr)
+    VM_LOG("ERROR: main preview not copied: both buffers held [%d]\n",
+           ctx->previewFrameCounter.load(std::memory_order_relaxed));
   // Published even when the copy was refused: the frame goes on with the buffer's old content.
   if (target != nullptr) buffer_manager_publish(target, filled == target ? nullptr : filled);
 }
 
 void flow_controller_fill_trigger_data_depth_requirement(SessionContext* ctx, const TriggerData* d) {
-  BufferHalf* target = buffer_manager_get_writable(ctx, kSlotSub);
+  BufferHalf* target = buffer_manager_get_writable_or_reclaim(ctx, kSlotSub);
   BufferHalf* filled = buffer_manager_get_buffer(ctx, kSlotSub, kSlotFilled);
   VM_LOG_IF(kLogInfo, "Get Sub Prreview\n");
   if (target == nullptr) {
-    VM_LOG_IF(kLogTrace, "sub preview kept: both buffers in use\n");
+    VM_LOG("ERROR: sub preview not copied: both buffers held [%d]\n",
+           ctx->previewFrameCounter.load(std::memory_order_relaxed));
     return;
   }
   buffer_manager_copy_buffer_from_trigger(target, &d->subImage, ctx->imageFormat, session_preview_sub_width(ctx),

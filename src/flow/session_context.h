@@ -99,6 +99,7 @@ struct SessionContext {
   int32_t imageFormat;
   int32_t depthFromChip;
   int32_t chipDepthFormat;  // 1: 10-bit samples in 16-bit words, 0: 8-bit
+  int32_t depthSizeTurned;  // 1: slot 2 holds the caller's depth size turned (layout word 3 or 4)
   int32_t isUsingTemporalFilter;
   int32_t isUsingDistanceMap;
   std::atomic<int32_t> temporalFilterEnabled;

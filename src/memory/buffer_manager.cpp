@@ -157,6 +157,21 @@ BufferHalf* buffer_manager_get_writable(SessionContext* ctx, int32_t slot) {
   return nullptr;
 }
 
+BufferHalf* buffer_manager_get_writable_or_reclaim(SessionContext* ctx, int32_t slot) {
+  BufferHalf* w = buffer_manager_get_writable(ctx, slot);
+  if (w != nullptr || slot < 0 || slot >= kSlotDepthWork) return w;
+  BufferSlot* s = session_slot(ctx, slot);
+  BufferHalf* const halves[2] = {&s->a, &s->b};
+  for (BufferHalf* h : halves) {
+    uint32_t st = h->state.load(std::memory_order_acquire);
+    // Only an unheld filled buffer; a reader taking hold at the same moment wins the exchange.
+    while ((st & kSlotFilled) != 0 && (st & ~kSlotStateBits) == 0) {
+      if (h->state.compare_exchange_weak(st, kSlotFree, std::memory_order_acq_rel, std::memory_order_acquire)) return h;
+    }
+  }
+  return nullptr;
+}
+
 void buffer_manager_mark(BufferHalf* h, uint32_t bits) {
   if (h != nullptr) h->state.fetch_or(bits & kSlotStateBits, std::memory_order_acq_rel);
 }

@@ -43,6 +43,11 @@ void buffer_manager_release(BufferHalf* held);
 // The free buffer of slot that a producer may write now (A first); null when the only free one
 // is held. Slots 4 and 5 overlap their two buffers, so there either buffer held blocks writing.
 BufferHalf* buffer_manager_get_writable(SessionContext* ctx, int32_t slot);
+// For a producer on the caller's thread, which must not drop its frame: the writable buffer as
+// above or, when the only free one is still held, the filled one taken back while nobody holds
+// it (its content is older than the frame about to be written, which replaces it). Null only
+// when both buffers are held. Not for slots 4 and 5.
+BufferHalf* buffer_manager_get_writable_or_reclaim(SessionContext* ctx, int32_t slot);
 // Sets and clears mark bits (used, seen) without disturbing the state or the holds.
 void buffer_manager_mark(BufferHalf* half, uint32_t bits);
 void buffer_manager_unmark(BufferHalf* half, uint32_t bits);

@@ -72,9 +72,14 @@ TEST_F(DumpNames, RefocusKindsPrintTheFNumberWordsAndFocusAsOneDouble) {
 TEST_F(DumpNames, DepthNameShowsTheCallersSizeForQuarterTurns) {
   // Layout 3 with depth 240 x 320 given at Init: slot 2 holds it turned.
   ctx.cameraLayout = 3;
+  ctx.depthSizeTurned = 1;
   EXPECT_EQ(name(kDumpDepth), "0003-depth-240x320-300-310-2.80-960x540.raw");
   ctx.cameraLayout = 4;
   EXPECT_EQ(name(kDumpDepth), "0003-depth-240x320-300-310-2.80-960x540.raw");
+  // A chip word (0x33 masks to layout 3) leaves slot 2 as the caller gave it.
+  ctx.cameraLayout = 3;
+  ctx.depthSizeTurned = 0;
+  EXPECT_EQ(name(kDumpDepth), "0003-depth-320x240-300-310-2.80-960x540.raw");
   // The engine-oriented dumps keep slot 2's size.
   EXPECT_EQ(name(kDumpDepthMain), "0003-depth-main-320x240-300-2.80-960x540.ycc");
 }

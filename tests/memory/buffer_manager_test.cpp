@@ -262,6 +262,35 @@ TEST_F(BufferSlots, HeldBuffersAreNeverHandedToTheProducer) {
   EXPECT_EQ(buffer_manager_hold_filled(&ctx, 6), nullptr);
 }
 
+TEST_F(BufferSlots, ProducerTakesBackTheUnheldFilledBufferWhenTheFreeOneIsHeld) {
+  ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
+  BufferHalf* a = buffer_manager_get_writable_or_reclaim(&ctx, 0);
+  ASSERT_EQ(a, &ctx.slots[0].a);  // the free buffer, as long as there is one
+  buffer_manager_publish(a, nullptr);
+  ASSERT_EQ(buffer_manager_hold_filled(&ctx, 0), a);
+  BufferHalf* b = buffer_manager_get_writable_or_reclaim(&ctx, 0);
+  ASSERT_EQ(b, &ctx.slots[0].b);
+  buffer_manager_publish(b, a);
+  buffer_manager_mark(b, kSlotUsedByEngine);
+  // A free but held: B, filled and marked, is taken back as a plain free buffer.
+  EXPECT_EQ(buffer_manager_get_writable_or_reclaim(&ctx, 0), b);
+  EXPECT_EQ(b->state.load(), kSlotFree);
+  EXPECT_EQ(a->state.load(), kSlotFree | kSlotReaderUnit);
+  // Both held: nothing is handed out.
+  buffer_manager_publish(b, nullptr);
+  ASSERT_EQ(buffer_manager_hold_filled(&ctx, 0), b);
+  EXPECT_EQ(buffer_manager_get_writable_or_reclaim(&ctx, 0), nullptr);
+  EXPECT_EQ(b->state.load(), kSlotFilled | kSlotReaderUnit);
+  buffer_manager_release(a);
+  buffer_manager_release(b);
+  // The overlapping work slots never give a filled buffer back.
+  BufferHalf* w = buffer_manager_get_writable(&ctx, 4);
+  buffer_manager_publish(w, nullptr);
+  ASSERT_EQ(buffer_manager_hold_filled(&ctx, 4), w);
+  EXPECT_EQ(buffer_manager_get_writable_or_reclaim(&ctx, 4), nullptr);
+  buffer_manager_release(w);
+}
+
 TEST_F(BufferSlots, OverlappingWorkBuffersBlockWritingWhileEitherIsHeld) {
   ASSERT_EQ(buffer_manager_allocate(&ctx), 0);
   BufferHalf* a = buffer_manager_get_writable(&ctx, 4);
