@@ -26,6 +26,7 @@ endif()
 if(GL_PIPELINE)
   # The pipeline is in, and looks its functions up by name.
   file(STRINGS ${LIB} gl_names REGEX "^(eglGetDisplay|glReadPixels)$")
+  list(REMOVE_DUPLICATES gl_names)
   list(LENGTH gl_names gl_name_count)
   if(NOT gl_name_count EQUAL 2)
     message(FATAL_ERROR "${LIB} does not look up eglGetDisplay and glReadPixels by name: [${gl_names}]")
