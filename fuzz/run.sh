@@ -27,8 +27,12 @@ for f in "${folders[@]}"; do targets+=("fuzz_$f"); done
 
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" \
-  -DVMKTR_SANITIZE=address,undefined -DVMKTR_BUILD_BENCH=OFF -DVMKTR_DUMP_DIR="$PWD/build/fuzz/dumps" >/dev/null
+  -DVMKTR_SANITIZE=address,undefined -DVMKTR_BUILD_BENCH=OFF >/dev/null
 cmake --build build/fuzz --target "${targets[@]}" -j "$(nproc)"
+
+# Whatever the targets dump goes to a folder of the fuzz build, not the phone's directory.
+export VM_HOST_DUMP_DIR="$PWD/build/fuzz/dumps"
+mkdir -p "$VM_HOST_DUMP_DIR"
 
 failed=()
 for f in "${folders[@]}"; do

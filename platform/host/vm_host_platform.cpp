@@ -184,3 +184,8 @@ extern "C" void vm_host_log_set_hook(vm_host_log_hook hook, void* user) {
   g_hookUser = user;
   pthread_mutex_unlock(&g_logLock);
 }
+
+extern "C" const char* vm_host_dump_dir(const char* designed) {
+  const char* dir = getenv("VM_HOST_DUMP_DIR");
+  return (dir != nullptr && dir[0] != '\0') ? dir : designed;
+}

@@ -6,6 +6,8 @@
 //                          any other value: a file path, lines appended to it.
 //   VM_HOST_PROPERTY_FILE  a file of name=value lines loaded at first use ('#' starts a comment).
 //   VM_HOST_PROPERTIES     a list "name=value;name=value" loaded after the file.
+//   VM_HOST_DUMP_DIR       the folder that stands in for the phone's dump directory; unset or
+//                          empty: the phone's directory itself.
 #ifndef VM_HOST_PLATFORM_H
 #define VM_HOST_PLATFORM_H
 
@@ -29,6 +31,11 @@ void vm_host_property_reset(void);
  * A null function removes the hook. The hook is called whether or not output is silenced. */
 typedef void (*vm_host_log_hook)(void* user, int prio, const char* tag, const char* message);
 void vm_host_log_set_hook(vm_host_log_hook hook, void* user);
+
+/* The directory a library built for the host writes its raw dumps into: VM_HOST_DUMP_DIR when
+ * it is set and not empty, else `designed` (the phone's directory, returned as given). Read at
+ * each call; set it before a session starts. A phone build has no such hook. */
+const char* vm_host_dump_dir(const char* designed);
 
 #ifdef __cplusplus
 }

@@ -11,6 +11,9 @@
 
 #include "debug/debug_log.h"
 #include "flow/session_context.h"
+#ifdef VMKTR_HOST_PLATFORM
+#include "vm_host_platform.h"
+#endif
 
 namespace {
 
@@ -98,9 +101,17 @@ void dump_build_file_name(char* destination, int32_t capacity, int32_t kind, con
   }
 }
 
+const char* dump_directory(void) {
+#ifdef VMKTR_HOST_PLATFORM
+  return vm_host_dump_dir(kDumpDirectory);
+#else
+  return kDumpDirectory;
+#endif
+}
+
 void dump_write_raw(const char* name, const void* data, int32_t size) {
   char path[512];
-  snprintf(path, sizeof path, "%s/%s", VMKTRRT_DUMP_DIR, name);
+  snprintf(path, sizeof path, "%s/%s", dump_directory(), name);
   VM_LOG_IF(kLogInfo, "Write data to %s size %d\n", path, size);
   if (data == nullptr || size < 0) return;
   FILE* f = fopen(path, "wb");

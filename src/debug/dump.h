@@ -6,10 +6,14 @@
 
 struct SessionContext;
 
-// Where dumps go. The phone's path unless a host build moved it (tests use a temporary folder).
-#ifndef VMKTRRT_DUMP_DIR
-#define VMKTRRT_DUMP_DIR "/data/misc/camera/vemtadc"
-#endif
+// Where dumps go on the phone. The library does not create it: the device's set-up does.
+constexpr const char kDumpDirectory[] = "/data/misc/camera/vemtadc";
+
+// The directory dump_write_raw writes into. A phone build has kDumpDirectory compiled in and no
+// way to move it. A host build asks the host platform (vm_host_dump_dir), which answers
+// kDumpDirectory unless VM_HOST_DUMP_DIR names another folder: each test process and host run
+// gets a fresh one, so no run ever reads an earlier run's files.
+const char* dump_directory(void);
 
 enum DumpKind : int32_t {
   kDumpPreviewMain = 0,

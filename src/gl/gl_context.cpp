@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "debug/debug_log.h"
+#include "gl/gl_api.h"
 #include "gl/gl_passes.h"
 #include "memory/heap.h"
 
@@ -23,7 +24,7 @@ constexpr int32_t kShaderLogBytes = 2048;
 constexpr int32_t kErrorDrainLimit = 16;
 
 void drainGlErrors() {
-  for (int32_t i = 0; i < kErrorDrainLimit && glGetError() != GL_NO_ERROR; ++i) {
+  for (int32_t i = 0; i < kErrorDrainLimit && glApi.glGetError() != GL_NO_ERROR; ++i) {
   }
 }
 
@@ -34,11 +35,11 @@ void clearShapes(GlTextureShape* shapes) {
 // Deletes the first n names of every pool and the five programs; leaves the context alone.
 void deleteObjects(int32_t n) {
   if (n > 0) {
-    glDeleteTextures(n, glPools.inputTextures);
-    glDeleteTextures(n, glPools.targetTextures);
-    glDeleteFramebuffers(n, glPools.framebuffers);
-    glDeleteRenderbuffers(n, glPools.renderbuffers);
-    glDeleteBuffers(n, glPools.vertexBuffers);
+    glApi.glDeleteTextures(n, glPools.inputTextures);
+    glApi.glDeleteTextures(n, glPools.targetTextures);
+    glApi.glDeleteFramebuffers(n, glPools.framebuffers);
+    glApi.glDeleteRenderbuffers(n, glPools.renderbuffers);
+    glApi.glDeleteBuffers(n, glPools.vertexBuffers);
     size_t bytes = sizeof(GLuint) * static_cast<size_t>(n);
     memset(glPools.inputTextures, 0, bytes);
     memset(glPools.targetTextures, 0, bytes);
@@ -51,21 +52,21 @@ void deleteObjects(int32_t n) {
   GLuint* programs[] = {&glPrograms.programNV21toRGB, &glPrograms.programScalerBypass, &glPrograms.programGaussX,
                         &glPrograms.programGaussY, &glPrograms.programGaussMask};
   for (GLuint* p : programs) {
-    if (*p != 0) glDeleteProgram(*p);
+    if (*p != 0) glApi.glDeleteProgram(*p);
     *p = 0;
   }
 }
 
 // Binds the texture and gives it the pool's sampling and storage.
 void configureTexture(GLuint texture, int32_t width, int32_t height, GLenum format, const void* pixels) {
-  glBindTexture(GL_TEXTURE_2D, texture);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-  glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+  glApi.glBindTexture(GL_TEXTURE_2D, texture);
+  glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
+  glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
+  glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+  glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
   // Caller rows are packed without padding (luma rows of any width).
-  glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
-  glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE, pixels);
+  glApi.glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+  glApi.glTexImage2D(GL_TEXTURE_2D, 0, static_cast<GLint>(format), width, height, 0, format, GL_UNSIGNED_BYTE, pixels);
 }
 
 // The index test callers rely on accepts 0..10; there is no eleventh object, so index 10 (and
@@ -86,14 +87,14 @@ uint32_t OpenGLCreateContextSurface(GlContextRecord* record) {
     VM_LOG_IF(kLogGl, "record is null\n");
     return kGlErrArgument;
   }
-  record->display = eglGetDisplay(EGL_DEFAULT_DISPLAY);
+  record->display = glApi.eglGetDisplay(EGL_DEFAULT_DISPLAY);
   if (record->display == EGL_NO_DISPLAY) {
     VM_LOG_IF(kLogGl, "eglDisplay return EGL_NO_DISPLAY\n");
     return kGlErrNoDisplay;
   }
   VM_LOG_IF(kLogGl, "eglDisplay return successfully\n");
 
-  if (eglInitialize(record->display, &record->eglMajor, &record->eglMinor) != EGL_TRUE) {
+  if (glApi.eglInitialize(record->display, &record->eglMajor, &record->eglMinor) != EGL_TRUE) {
     VM_LOG_IF(kLogGl, "eglInitialize failed\n");
     return kGlErrInitialize;
   }
@@ -115,7 +116,8 @@ uint32_t OpenGLCreateContextSurface(GlContextRecord* record) {
   record->configCount = 0;
   // A display without a matching configuration (Mesa's surfaceless platform has no window
   // configs) answers EGL_TRUE with none found; there is no first configuration to use then.
-  if (eglChooseConfig(record->display, configAttributes, configs, kMaxConfigs, &record->configCount) != EGL_TRUE ||
+  if (glApi.eglChooseConfig(record->display, configAttributes, configs, kMaxConfigs, &record->configCount) !=
+          EGL_TRUE ||
       record->configCount < 1) {
     VM_LOG_IF(kLogGl, "eglChooseConfig failed\n");
     return kGlErrChooseConfig;
@@ -124,24 +126,26 @@ uint32_t OpenGLCreateContextSurface(GlContextRecord* record) {
   VM_LOG_IF(kLogGl, "eglChooseConfig successfully\n");
 
   const EGLint surfaceAttributes[] = {EGL_WIDTH, 1, EGL_HEIGHT, 1, EGL_NONE};
-  record->surface = eglCreatePbufferSurface(record->display, record->config, surfaceAttributes);
+  record->surface = glApi.eglCreatePbufferSurface(record->display, record->config, surfaceAttributes);
   if (record->surface == EGL_NO_SURFACE) {
     VM_LOG_IF(kLogGl, "eglCreatePbufferSurface failed - eglGetError Returned: 0x%x\n",
-              static_cast<unsigned>(eglGetError()));
+              static_cast<unsigned>(glApi.eglGetError()));
     return kGlErrPbufferSurface;
   }
   VM_LOG_IF(kLogGl, "eglCreatePbufferSurface successfully\n");
 
   const EGLint contextAttributes[] = {EGL_CONTEXT_CLIENT_VERSION, record->clientVersion, EGL_NONE};
-  record->context = eglCreateContext(record->display, record->config, EGL_NO_CONTEXT, contextAttributes);
+  record->context = glApi.eglCreateContext(record->display, record->config, EGL_NO_CONTEXT, contextAttributes);
   if (record->context == EGL_NO_CONTEXT) {
-    VM_LOG_IF(kLogGl, "eglCreateContext failed - eglGetError Returned: 0x%x\n", static_cast<unsigned>(eglGetError()));
+    VM_LOG_IF(kLogGl, "eglCreateContext failed - eglGetError Returned: 0x%x\n",
+              static_cast<unsigned>(glApi.eglGetError()));
     return kGlErrCreateContext;
   }
   VM_LOG_IF(kLogGl, "eglCreateContext successfully\n");
 
-  if (eglMakeCurrent(record->display, record->surface, record->surface, record->context) != EGL_TRUE) {
-    VM_LOG_IF(kLogGl, "eglMakeCurrent failed - eglGetError Returned: 0x%x\n", static_cast<unsigned>(eglGetError()));
+  if (glApi.eglMakeCurrent(record->display, record->surface, record->surface, record->context) != EGL_TRUE) {
+    VM_LOG_IF(kLogGl, "eglMakeCurrent failed - eglGetError Returned: 0x%x\n",
+              static_cast<unsigned>(glApi.eglGetError()));
     return kGlErrMakeCurrent;
   }
   // The same text as after context creation: log readers match on it.
@@ -157,106 +161,107 @@ uint32_t OpenGLCreateShader(GLuint* program, const char* vertexSource, const cha
   }
   // An error left by earlier work must not be taken for a failure of this build.
   drainGlErrors();
-  GLuint vertShader = glCreateShader(GL_VERTEX_SHADER);
-  GLuint fragShader = glCreateShader(GL_FRAGMENT_SHADER);
-  glShaderSource(vertShader, 1, &vertexSource, nullptr);
-  glShaderSource(fragShader, 1, &fragmentSource, nullptr);
+  GLuint vertShader = glApi.glCreateShader(GL_VERTEX_SHADER);
+  GLuint fragShader = glApi.glCreateShader(GL_FRAGMENT_SHADER);
+  glApi.glShaderSource(vertShader, 1, &vertexSource, nullptr);
+  glApi.glShaderSource(fragShader, 1, &fragmentSource, nullptr);
   if (debug_log_on(kLogGl) && debug_log_on(kLogTrace)) {
     VM_LOG("vertShader = %d\n", static_cast<int>(vertShader));
     VM_LOG("fragShader = %d\n", static_cast<int>(fragShader));
   }
-  GLenum error = glGetError();
+  GLenum error = glApi.glGetError();
   if (error != GL_NO_ERROR) {
     VM_LOG_IF(kLogGl, "glGetError Returned: 0x%x\n", static_cast<unsigned>(error));
     // Deleting name 0 is ignored, so a failed creation is harmless here.
-    glDeleteShader(vertShader);
-    glDeleteShader(fragShader);
+    glApi.glDeleteShader(vertShader);
+    glApi.glDeleteShader(fragShader);
     return kGlErrShaderCreate;
   }
 
-  glCompileShader(vertShader);
-  glCompileShader(fragShader);
+  glApi.glCompileShader(vertShader);
+  glApi.glCompileShader(fragShader);
   // Without a current context the query leaves the value alone: start from "failed".
   GLint status = GL_FALSE;
-  glGetShaderiv(vertShader, GL_COMPILE_STATUS, &status);
+  glApi.glGetShaderiv(vertShader, GL_COMPILE_STATUS, &status);
   if (status != GL_TRUE) {
     char infoLog[kShaderLogBytes] = {0};
-    glGetShaderInfoLog(vertShader, kShaderLogBytes, nullptr, infoLog);
+    glApi.glGetShaderInfoLog(vertShader, kShaderLogBytes, nullptr, infoLog);
     infoLog[kShaderLogBytes - 1] = '\0';
-    glDeleteShader(vertShader);
-    glDeleteShader(fragShader);
+    glApi.glDeleteShader(vertShader);
+    glApi.glDeleteShader(fragShader);
     VM_LOG_IF(kLogGl, "vertShader compiler result: %s\n", infoLog);
     return kGlErrVertexCompile;
   }
   status = GL_FALSE;
-  glGetShaderiv(fragShader, GL_COMPILE_STATUS, &status);
+  glApi.glGetShaderiv(fragShader, GL_COMPILE_STATUS, &status);
   if (status != GL_TRUE) {
     char infoLog[kShaderLogBytes] = {0};
-    glGetShaderInfoLog(fragShader, kShaderLogBytes, nullptr, infoLog);
+    glApi.glGetShaderInfoLog(fragShader, kShaderLogBytes, nullptr, infoLog);
     infoLog[kShaderLogBytes - 1] = '\0';
-    glDeleteShader(vertShader);
-    glDeleteShader(fragShader);
+    glApi.glDeleteShader(vertShader);
+    glApi.glDeleteShader(fragShader);
     VM_LOG_IF(kLogGl, "fragShader compiler result: %s\n", infoLog);
     return kGlErrFragmentCompile;
   }
 
-  GLuint built = glCreateProgram();
-  glAttachShader(built, vertShader);
-  glAttachShader(built, fragShader);
-  glLinkProgram(built);
+  GLuint built = glApi.glCreateProgram();
+  glApi.glAttachShader(built, vertShader);
+  glApi.glAttachShader(built, fragShader);
+  glApi.glLinkProgram(built);
   status = GL_FALSE;
-  glGetProgramiv(built, GL_LINK_STATUS, &status);
+  glApi.glGetProgramiv(built, GL_LINK_STATUS, &status);
   // Attached shaders live on with the program; deleting them now frees them with it.
-  glDeleteShader(vertShader);
-  glDeleteShader(fragShader);
+  glApi.glDeleteShader(vertShader);
+  glApi.glDeleteShader(fragShader);
   if (status == GL_TRUE) {
     *program = built;
     return kGlOk;
   }
   GLint logLength = 0;
-  glGetProgramiv(built, GL_INFO_LOG_LENGTH, &logLength);
+  glApi.glGetProgramiv(built, GL_INFO_LOG_LENGTH, &logLength);
   if (logLength > 1) {
     char* infoLog = static_cast<char*>(heap_allocate(static_cast<size_t>(logLength)));
     if (infoLog != nullptr) {
       infoLog[0] = '\0';
-      glGetProgramInfoLog(built, logLength, nullptr, infoLog);
+      glApi.glGetProgramInfoLog(built, logLength, nullptr, infoLog);
       infoLog[logLength - 1] = '\0';
       VM_LOG_IF(kLogGl, "Error linking program: %s\n", infoLog);
       heap_free(infoLog);
     }
   }
-  glDeleteProgram(built);
+  glApi.glDeleteProgram(built);
   return kGlErrLink;
 }
 
 uint32_t OpenGLGenTexturesBuffers(int32_t n) {
-  // A count beyond the pools would write past them; GL itself refuses negative counts.
-  if (n > kGlPoolSize) {
+  // A count beyond the pools would write past them; GL itself refuses negative counts. Without
+  // the GL library there is nothing to generate names with.
+  if (n > kGlPoolSize || !gl_api_loaded()) {
     VM_LOG_IF(kLogGl, "glGenTextures failed\n");
     return kGlErrGenTextures;
   }
-  glGenTextures(n, glPools.inputTextures);
-  if (glGetError() == GL_INVALID_VALUE) {
+  glApi.glGenTextures(n, glPools.inputTextures);
+  if (glApi.glGetError() == GL_INVALID_VALUE) {
     VM_LOG_IF(kLogGl, "glGenTextures failed\n");
     return kGlErrGenTextures;
   }
-  glGenTextures(n, glPools.targetTextures);
-  if (glGetError() == GL_INVALID_VALUE) {
+  glApi.glGenTextures(n, glPools.targetTextures);
+  if (glApi.glGetError() == GL_INVALID_VALUE) {
     VM_LOG_IF(kLogGl, "glGenTextures failed\n");
     return kGlErrGenTextures;
   }
-  glGenFramebuffers(n, glPools.framebuffers);
-  if (glGetError() == GL_INVALID_VALUE) {
+  glApi.glGenFramebuffers(n, glPools.framebuffers);
+  if (glApi.glGetError() == GL_INVALID_VALUE) {
     VM_LOG_IF(kLogGl, "glGenFramebuffers failed\n");
     return kGlErrGenBuffers;
   }
-  glGenRenderbuffers(n, glPools.renderbuffers);
-  if (glGetError() == GL_INVALID_VALUE) {
+  glApi.glGenRenderbuffers(n, glPools.renderbuffers);
+  if (glApi.glGetError() == GL_INVALID_VALUE) {
     VM_LOG_IF(kLogGl, "glGenFramebuffers failed\n");
     return kGlErrGenBuffers;
   }
-  glGenBuffers(n, glPools.vertexBuffers);
-  if (glGetError() == GL_INVALID_VALUE) {
+  glApi.glGenBuffers(n, glPools.vertexBuffers);
+  if (glApi.glGetError() == GL_INVALID_VALUE) {
     VM_LOG_IF(kLogGl, "glGenBuffers failed\n");
     return kGlErrGenBuffers;
   }
@@ -293,11 +298,12 @@ uint32_t OpenGLInitNativeTexturesBuffersConfig(uint8_t a_ucIndex, int32_t width,
   }
   GLuint texture = glPools.targetTextures[a_ucIndex];
   configureTexture(texture, width, height, format, pixels);
-  glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[a_ucIndex]);
-  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-  glBindRenderbuffer(GL_RENDERBUFFER, glPools.renderbuffers[a_ucIndex]);
-  glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT24_OES, width, height);
-  glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER, glPools.renderbuffers[a_ucIndex]);
+  glApi.glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[a_ucIndex]);
+  glApi.glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+  glApi.glBindRenderbuffer(GL_RENDERBUFFER, glPools.renderbuffers[a_ucIndex]);
+  glApi.glRenderbufferStorage(GL_RENDERBUFFER, GL_DEPTH_COMPONENT24_OES, width, height);
+  glApi.glFramebufferRenderbuffer(GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT, GL_RENDERBUFFER,
+                                  glPools.renderbuffers[a_ucIndex]);
   glPools.targetShapes[a_ucIndex] = GlTextureShape{width, height, format};
   return kGlOk;
 }
@@ -313,24 +319,24 @@ uint32_t OpenGLDelete(uint8_t n, GlContextRecord* record) {
   }
   deleteObjects(n);
 
-  EGLBoolean returned = eglMakeCurrent(record->display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+  EGLBoolean returned = glApi.eglMakeCurrent(record->display, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
   if (returned != EGL_TRUE) {
     VM_LOG_IF(kLogGl, "eglMakeCurrent Returned: 0x%x\n", static_cast<unsigned>(returned));
     return kGlErrMakeCurrent;
   }
-  returned = eglDestroySurface(record->display, record->surface);
+  returned = glApi.eglDestroySurface(record->display, record->surface);
   if (returned != EGL_TRUE) {
     VM_LOG_IF(kLogGl, "eglDestroySurface Returned: 0x%x\n", static_cast<unsigned>(returned));
     return kGlErrDestroySurface;
   }
   record->surface = EGL_NO_SURFACE;
-  returned = eglDestroyContext(record->display, record->context);
+  returned = glApi.eglDestroyContext(record->display, record->context);
   if (returned != EGL_TRUE) {
     VM_LOG_IF(kLogGl, "eglDestroyContext Returned: 0x%x\n", static_cast<unsigned>(returned));
     return kGlErrDestroyContext;
   }
   record->context = EGL_NO_CONTEXT;
-  returned = eglTerminate(record->display);
+  returned = glApi.eglTerminate(record->display);
   if (returned != EGL_TRUE) {
     VM_LOG_IF(kLogGl, "eglTerminate Returned: 0x%x\n", static_cast<unsigned>(returned));
     return kGlErrTerminate;
@@ -342,6 +348,9 @@ uint32_t OpenGLDelete(uint8_t n, GlContextRecord* record) {
 }
 
 uint32_t init_GL(void) {
+  // EGL and GLES are looked up now, not when the library is loaded. Without them every step
+  // below fails as it does on a system without a display, and says so in its own line.
+  gl_api_load();
   if (glContextRecord.isCreated == 0) {
     glContextRecord.clientVersion = 2;
     uint32_t created = OpenGLCreateContextSurface(&glContextRecord);

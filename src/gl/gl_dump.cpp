@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "debug/debug_log.h"
+#include "gl/gl_api.h"
 #include "gl/gl_context.h"
 #include "memory/heap.h"
 
@@ -56,7 +57,7 @@ uint32_t OpenGLDumpGPUOutputResult(int32_t width, int32_t height, const char* su
     VM_LOG_IF(kLogGl, "dump size %dx%d invalid\n", width, height);
     return kGlErrArgument;
   }
-  if (glContextRecord.isCreated != 1 || eglGetCurrentContext() != glContextRecord.context) {
+  if (glContextRecord.isCreated != 1 || glApi.eglGetCurrentContext() != glContextRecord.context) {
     VM_LOG_IF(kLogGl, "no pipeline context current on this thread\n");
     return kGlErrNotCreated;
   }
@@ -71,8 +72,8 @@ uint32_t OpenGLDumpGPUOutputResult(int32_t width, int32_t height, const char* su
   }
   // Pixels outside the framebuffer are left alone by GL: they dump as zeros.
   memset(rgba, 0, static_cast<size_t>(pixels * 4));
-  glPixelStorei(GL_PACK_ALIGNMENT, 4);
-  glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
+  glApi.glPixelStorei(GL_PACK_ALIGNMENT, 4);
+  glApi.glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
   dropAlpha(rgba, rgb, pixels);
 
   char path[kPathBytes];

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "debug/debug_log.h"
+#include "gl/gl_api.h"
 #include "memory/heap.h"
 
 namespace {
@@ -27,7 +28,7 @@ constexpr uint8_t kTargetPlane = 3;
 
 bool contextCurrent() {
   return glContextRecord.isCreated == 1 && glContextRecord.context != EGL_NO_CONTEXT &&
-         eglGetCurrentContext() == glContextRecord.context;
+         glApi.eglGetCurrentContext() == glContextRecord.context;
 }
 
 int32_t bytesPerPixel(GLenum format) {
@@ -61,7 +62,7 @@ uint32_t checkCurrent(const char* caller) {
 }
 
 uint32_t checkGlError(const char* what) {
-  GLenum error = glGetError();
+  GLenum error = glApi.glGetError();
   if (error == GL_NO_ERROR) return kGlOk;
   VM_LOG_IF(kLogGl, "%s - glGetError Returned: 0x%x\n", what, static_cast<unsigned>(error));
   return kGlErrDraw;
@@ -113,57 +114,57 @@ uint32_t drawQuad(const char* caller, GLuint program, const PassSource* sources,
   const float w = static_cast<float>(glPools.targetShapes[targetIndex].width);
   const float h = static_cast<float>(glPools.targetShapes[targetIndex].height);
 
-  glGetError();  // a stale error belongs to earlier work, not to this pass
-  glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[targetIndex]);
-  GLenum status = glCheckFramebufferStatus(GL_FRAMEBUFFER);
+  glApi.glGetError();  // a stale error belongs to earlier work, not to this pass
+  glApi.glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[targetIndex]);
+  GLenum status = glApi.glCheckFramebufferStatus(GL_FRAMEBUFFER);
   if (status != GL_FRAMEBUFFER_COMPLETE) {
     VM_LOG_IF(kLogGl, "%s: glCheckFramebufferStatus Returned: 0x%x\n", caller, static_cast<unsigned>(status));
     return kGlErrDraw;
   }
-  glViewport(0, 0, glPools.targetShapes[targetIndex].width, glPools.targetShapes[targetIndex].height);
-  glDisable(GL_BLEND);
-  glDisable(GL_DEPTH_TEST);
-  glUseProgram(program);
+  glApi.glViewport(0, 0, glPools.targetShapes[targetIndex].width, glPools.targetShapes[targetIndex].height);
+  glApi.glDisable(GL_BLEND);
+  glApi.glDisable(GL_DEPTH_TEST);
+  glApi.glUseProgram(program);
 
   for (int32_t i = 0; i < sourceCount; ++i) {
-    glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(i));
-    glBindTexture(GL_TEXTURE_2D, sources[i].texture);
+    glApi.glActiveTexture(GL_TEXTURE0 + static_cast<GLenum>(i));
+    glApi.glBindTexture(GL_TEXTURE_2D, sources[i].texture);
     // Clamped sampling: repeat would blend the opposite edge into border pixels, and GLES 2
     // allows repeat only on power-of-two sizes.
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, sources[i].filter);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, sources[i].filter);
-    glUniform1i(glGetUniformLocation(program, sources[i].sampler), i);
+    glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, sources[i].filter);
+    glApi.glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, sources[i].filter);
+    glApi.glUniform1i(glApi.glGetUniformLocation(program, sources[i].sampler), i);
   }
-  GLint location = glGetUniformLocation(program, "fInWidth");
-  if (location >= 0) glUniform1f(location, fInWidth);
-  location = glGetUniformLocation(program, "fInHeight");
-  if (location >= 0) glUniform1f(location, fInHeight);
+  GLint location = glApi.glGetUniformLocation(program, "fInWidth");
+  if (location >= 0) glApi.glUniform1f(location, fInWidth);
+  location = glApi.glGetUniformLocation(program, "fInHeight");
+  if (location >= 0) glApi.glUniform1f(location, fInHeight);
 
   // Orthographic projection of the target's pixel grid (0..w, 0..h) onto clip space, column
   // major.
   const GLfloat projection[16] = {2.0f / w, 0, 0, 0, 0, 2.0f / h, 0, 0, 0, 0, -1.0f, 0, -1.0f, -1.0f, 0, 1.0f};
-  glUniformMatrix4fv(glGetUniformLocation(program, "projection"), 1, GL_FALSE, projection);
+  glApi.glUniformMatrix4fv(glApi.glGetUniformLocation(program, "projection"), 1, GL_FALSE, projection);
 
   // Triangle strip over the whole target; texture row 0 lands on framebuffer row 0.
   const GLfloat positions[8] = {0, 0, w, 0, 0, h, w, h};
   const GLfloat coordinates[8] = {0, 0, 1, 0, 0, 1, 1, 1};
-  const GLint positionAttribute = glGetAttribLocation(program, "position");
-  const GLint coordinateAttribute = glGetAttribLocation(program, "inputTextureCoordinate");
+  const GLint positionAttribute = glApi.glGetAttribLocation(program, "position");
+  const GLint coordinateAttribute = glApi.glGetAttribLocation(program, "inputTextureCoordinate");
   if (positionAttribute < 0 || coordinateAttribute < 0) {
     VM_LOG_IF(kLogGl, "%s: program lacks its attributes\n", caller);
     return kGlErrNoProgram;
   }
-  glBindBuffer(GL_ARRAY_BUFFER, 0);
-  glVertexAttribPointer(static_cast<GLuint>(positionAttribute), 2, GL_FLOAT, GL_FALSE, 0, positions);
-  glVertexAttribPointer(static_cast<GLuint>(coordinateAttribute), 2, GL_FLOAT, GL_FALSE, 0, coordinates);
-  glEnableVertexAttribArray(static_cast<GLuint>(positionAttribute));
-  glEnableVertexAttribArray(static_cast<GLuint>(coordinateAttribute));
-  glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-  glDisableVertexAttribArray(static_cast<GLuint>(positionAttribute));
-  glDisableVertexAttribArray(static_cast<GLuint>(coordinateAttribute));
-  glActiveTexture(GL_TEXTURE0);
+  glApi.glBindBuffer(GL_ARRAY_BUFFER, 0);
+  glApi.glVertexAttribPointer(static_cast<GLuint>(positionAttribute), 2, GL_FLOAT, GL_FALSE, 0, positions);
+  glApi.glVertexAttribPointer(static_cast<GLuint>(coordinateAttribute), 2, GL_FLOAT, GL_FALSE, 0, coordinates);
+  glApi.glEnableVertexAttribArray(static_cast<GLuint>(positionAttribute));
+  glApi.glEnableVertexAttribArray(static_cast<GLuint>(coordinateAttribute));
+  glApi.glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+  glApi.glDisableVertexAttribArray(static_cast<GLuint>(positionAttribute));
+  glApi.glDisableVertexAttribArray(static_cast<GLuint>(coordinateAttribute));
+  glApi.glActiveTexture(GL_TEXTURE0);
   return checkGlError(caller);
 }
 
@@ -236,9 +237,9 @@ void convertRows(const uint8_t* rgb, int32_t width, int32_t rows, int32_t pixelB
 uint32_t gl_pipeline_reserve(void) {
   GLint texture = 0, renderbuffer = 0;
   GLint viewport[2] = {0, 0};
-  glGetIntegerv(GL_MAX_TEXTURE_SIZE, &texture);
-  glGetIntegerv(GL_MAX_RENDERBUFFER_SIZE, &renderbuffer);
-  glGetIntegerv(GL_MAX_VIEWPORT_DIMS, viewport);
+  glApi.glGetIntegerv(GL_MAX_TEXTURE_SIZE, &texture);
+  glApi.glGetIntegerv(GL_MAX_RENDERBUFFER_SIZE, &renderbuffer);
+  glApi.glGetIntegerv(GL_MAX_VIEWPORT_DIMS, viewport);
   int32_t limit = texture;
   if (renderbuffer < limit) limit = renderbuffer;
   if (viewport[0] < limit) limit = viewport[0];
@@ -279,23 +280,23 @@ uint32_t gl_pipeline_upload(uint8_t index, const uint8_t* pixels, int32_t width,
     VM_LOG_IF(kLogGl, "a_ucIndex failed\n");
     return kGlErrIndex;
   }
-  glGetError();
+  glApi.glGetError();
   const bool packed = stride == width * pixelBytes;
   if (!sameShape(glPools.inputShapes[index], width, height, format)) {
     uint32_t r = OpenGLInitTexturesInputConfig(index, width, height, format, packed ? pixels : nullptr);
     if (r != kGlOk) return r;
     if (packed) return checkGlError(__func__);
   } else {
-    glBindTexture(GL_TEXTURE_2D, glPools.inputTextures[index]);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glApi.glBindTexture(GL_TEXTURE_2D, glPools.inputTextures[index]);
+    glApi.glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
   }
   if (packed) {
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, format, GL_UNSIGNED_BYTE, pixels);
+    glApi.glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, width, height, format, GL_UNSIGNED_BYTE, pixels);
   } else {
     // GLES 2 has no row length for unpacking: padded rows go up one by one.
     for (int32_t y = 0; y < height; ++y)
-      glTexSubImage2D(GL_TEXTURE_2D, 0, 0, y, width, 1, format, GL_UNSIGNED_BYTE,
-                      pixels + static_cast<size_t>(stride) * static_cast<size_t>(y));
+      glApi.glTexSubImage2D(GL_TEXTURE_2D, 0, 0, y, width, 1, format, GL_UNSIGNED_BYTE,
+                            pixels + static_cast<size_t>(stride) * static_cast<size_t>(y));
   }
   return checkGlError(__func__);
 }
@@ -319,7 +320,7 @@ uint32_t gl_pipeline_prepare_target(uint8_t index, int32_t width, int32_t height
     return kGlErrArgument;
   }
   if (index < kGlPoolSize && sameShape(glPools.targetShapes[index], width, height, GL_RGBA)) return kGlOk;
-  glGetError();
+  glApi.glGetError();
   uint32_t r = OpenGLInitNativeTexturesBuffersConfig(index, width, height, GL_RGBA, nullptr);
   if (r != kGlOk) return r;
   return checkGlError(__func__);
@@ -371,10 +372,10 @@ uint32_t gl_pipeline_read_rgba(uint8_t index, uint8_t* rgba, int64_t capacity) {
               shape.width, shape.height);
     return kGlErrArgument;
   }
-  glGetError();
-  glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[index]);
-  glPixelStorei(GL_PACK_ALIGNMENT, 4);
-  glReadPixels(0, 0, shape.width, shape.height, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
+  glApi.glGetError();
+  glApi.glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[index]);
+  glApi.glPixelStorei(GL_PACK_ALIGNMENT, 4);
+  glApi.glReadPixels(0, 0, shape.width, shape.height, GL_RGBA, GL_UNSIGNED_BYTE, rgba);
   return checkGlError(__func__);
 }
 
@@ -423,11 +424,11 @@ uint32_t gl_pipeline_blur_nv21(const uint8_t* nv21, int32_t width, int32_t heigh
   const int32_t bandRows = (kGlBandScratchBytes / (width * 4)) & ~1;
   uint8_t* luma = out;
   uint8_t* vu = out + static_cast<size_t>(width) * static_cast<size_t>(height);
-  glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[finalTarget]);
-  glPixelStorei(GL_PACK_ALIGNMENT, 4);
+  glApi.glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[finalTarget]);
+  glApi.glPixelStorei(GL_PACK_ALIGNMENT, 4);
   for (int32_t y = 0; y < height; y += bandRows) {
     const int32_t rows = height - y < bandRows ? height - y : bandRows;
-    glReadPixels(0, y, width, rows, GL_RGBA, GL_UNSIGNED_BYTE, g_band);
+    glApi.glReadPixels(0, y, width, rows, GL_RGBA, GL_UNSIGNED_BYTE, g_band);
     convertRows(g_band, width, rows, 4, luma + static_cast<size_t>(width) * static_cast<size_t>(y),
                 vu + static_cast<size_t>(width) * static_cast<size_t>(y / 2));
   }
@@ -450,11 +451,11 @@ uint32_t gl_pipeline_scale_plane(const uint8_t* src, int32_t srcWidth, int32_t s
   if (r != kGlOk) return r;
 
   const int32_t bandRows = kGlBandScratchBytes / (dstWidth * 4);
-  glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[kTargetPlane]);
-  glPixelStorei(GL_PACK_ALIGNMENT, 4);
+  glApi.glBindFramebuffer(GL_FRAMEBUFFER, glPools.framebuffers[kTargetPlane]);
+  glApi.glPixelStorei(GL_PACK_ALIGNMENT, 4);
   for (int32_t y = 0; y < dstHeight; y += bandRows) {
     const int32_t rows = dstHeight - y < bandRows ? dstHeight - y : bandRows;
-    glReadPixels(0, y, dstWidth, rows, GL_RGBA, GL_UNSIGNED_BYTE, g_band);
+    glApi.glReadPixels(0, y, dstWidth, rows, GL_RGBA, GL_UNSIGNED_BYTE, g_band);
     // A luminance source renders as (L, L, L, 1): the plane is the red channel.
     for (int32_t row = 0; row < rows; ++row) {
       const uint8_t* p = g_band + static_cast<size_t>(row) * static_cast<size_t>(dstWidth) * 4;

@@ -12,6 +12,7 @@
 #include "debug/debug_log.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
+#include "test_dump_dir.h"
 
 namespace {
 
@@ -149,6 +150,27 @@ TEST_F(DumpWriter, GuardNeedsDebugEnableFlagsAndTheKindsBit) {
   EXPECT_EQ(dump_kind_bit(kDumpRefocus), dump_kind_bit(kDumpRefocusUsing));
   EXPECT_EQ(dump_kind_bit(kDumpPreviewOut), 0x80);
   EXPECT_EQ(dump_kind_bit(9), 0);
+}
+
+// The phone's directory is the one the library names; a host process that says nothing writes
+// there too, and only VM_HOST_DUMP_DIR (set here by the test support) moves it.
+TEST_F(DumpWriter, DirectoryIsThePhonesUnlessTheHostMovesIt) {
+  EXPECT_STREQ(kDumpDirectory, "/data/misc/camera/vemtadc");
+  EXPECT_STREQ(dump_directory(), VMKTR_DUMP_DIR_FOR_TESTS);
+  const std::string mine = VMKTR_DUMP_DIR_FOR_TESTS;
+  unsetenv("VM_HOST_DUMP_DIR");
+  EXPECT_STREQ(dump_directory(), "/data/misc/camera/vemtadc");
+  logFlags = kLogInfo;
+  // Unopenable here (no such directory on a build machine), so skipped without another line.
+  dump_write_raw("dump-dir-test.raw", "abc", 3);
+  setenv("VM_HOST_DUMP_DIR", "", 1);
+  EXPECT_STREQ(dump_directory(), "/data/misc/camera/vemtadc");
+  setenv("VM_HOST_DUMP_DIR", mine.c_str(), 1);
+  EXPECT_STREQ(dump_directory(), mine.c_str());
+  ASSERT_EQ(log.lines().size(), 1u);
+  EXPECT_NE(log.lines()[0].find("Write data to /data/misc/camera/vemtadc/dump-dir-test.raw size 3\n"),
+            std::string::npos)
+      << log.lines()[0];
 }
 
 }  // namespace

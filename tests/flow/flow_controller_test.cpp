@@ -19,6 +19,7 @@
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
 #include "session_support.h"
+#include "test_dump_dir.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
-// gl_standins.cpp - the test executable's own definitions of a few EGL/GL calls. The library
-// calls them through the PLT, so these take the place of the system's; each forwards to the
-// next definition (the real library) unless scripted to fail.
+// gl_standins.cpp - the test executable's own definitions of a few EGL/GL calls. The pipeline
+// looks its functions up in the process's global scope first, where the executable comes
+// before any library, so these take the place of the system's; each forwards to the next
+// definition (the real library) unless scripted to fail.
 #include "gl_standins.h"
 
 #include <EGL/egl.h>

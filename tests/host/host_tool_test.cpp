@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -148,6 +149,34 @@ TEST(HostTool, SyntheticRunWritesEveryOutput) {
   EXPECT_TRUE(json.value()) << "trace.json is not well-formed JSON near byte " << json.i;
   EXPECT_EQ(occurrences(trace, "\"name\":\"vmKtrRT_SC_Run\""), 6u);
   EXPECT_NE(readAll(out + "/timing.txt").find("caller thread sustains"), std::string::npos);
+}
+
+// Every run dumps into a fresh folder of its own: a dump left by an earlier process where the
+// caller pointed the library (VM_HOST_DUMP_DIR) is neither read, moved nor touched, and the
+// run's folder is gone once its dumps are in out/dumps.
+TEST(HostTool, EachRunDumpsIntoAFolderOfItsOwn) {
+  const std::string stale = tempDir("stale_dumps"), out = tempDir("own_dumps");
+  const std::string staleName = "9999-depth-80x60-0-0-2.80-160x120.raw";
+  std::ofstream(stale + "/" + staleName, std::ios::binary) << std::string(80 * 60 * 2, '\xff');
+  // The policy asks for depth from frame 8 on.
+  const Result r = runTool(std::string(kSmall) + " --frames 12 --no-video --out " + out, "VM_HOST_DUMP_DIR=" + stale);
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  EXPECT_EQ(list(stale), std::vector<std::string>{staleName});
+  EXPECT_EQ(readAll(stale + "/" + staleName).size(), 80u * 60 * 2);
+  const auto dumps = list(out + "/dumps");
+  size_t depth = 0;
+  for (const std::string& n : dumps) {
+    EXPECT_NE(n.rfind("9999-", 0), 0u) << n;
+    depth += n.find("-depth-") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_GT(depth, 0u) << r.output;
+  std::vector<std::string> hidden;
+  if (DIR* d = opendir(out.c_str())) {
+    while (dirent* e = readdir(d))
+      if (strncmp(e->d_name, ".dumps-", 7) == 0) hidden.push_back(e->d_name);
+    closedir(d);
+  }
+  EXPECT_TRUE(hidden.empty()) << hidden[0];
 }
 
 TEST(HostTool, VideoFallsBackToY4mWithEveryFrame) {

@@ -13,6 +13,7 @@
 #include "calib_block.h"
 #include "log_capture.h"
 #include "synth_scene.h"
+#include "test_dump_dir.h"
 #include "vmKtrRT_SC.h"
 
 namespace {

@@ -28,10 +28,6 @@
 #include "vmKtrRT_SC.h"
 #include "vm_host_platform.h"
 
-#ifndef VMKTRRT_DUMP_DIR
-#define VMKTRRT_DUMP_DIR "/data/misc/camera/vemtadc"
-#endif
-
 namespace {
 
 int64_t nowUs() {
@@ -296,8 +292,17 @@ int hostMain(int argc, char** argv) {
   g_log.threads.emplace(g_log.callerTid, "caller (HAL) thread");
   vm_host_log_set_hook(onLogLine, nullptr);
 
-  const std::string dumpDir = VMKTRRT_DUMP_DIR;
-  const std::set<std::string> dumpsBefore = listDir(dumpDir);
+  // The library dumps into a folder of this run only (VM_HOST_DUMP_DIR, read by the host
+  // platform), so the contact sheet never shows an earlier run's files; they move to
+  // out/dumps at the end.
+  std::string dumpDir = out + "/.dumps-XXXXXX";
+  if (mkdtemp(&dumpDir[0]) == nullptr) {
+    fprintf(stderr, "vmktr_host: cannot create the run's dump folder in %s (%s)\n", out.c_str(), strerror(errno));
+    vm_host_log_set_hook(nullptr, nullptr);
+    closeLog(&report, logPath);
+    return kToolExitWrite;
+  }
+  setenv("VM_HOST_DUMP_DIR", dumpDir.c_str(), 1);
 
   InitData init;
   memset(&init, 0, sizeof init);
@@ -324,6 +329,7 @@ int hostMain(int argc, char** argv) {
     for (const std::string& l : g_log.errors) fprintf(stderr, "  %s\n", l.c_str());
     vm_host_log_set_hook(nullptr, nullptr);
     closeLog(&report, logPath);
+    rmdir(dumpDir.c_str());  // removed when empty; a dump written before the refusal keeps it
     return kToolExitRefused;
   }
 
@@ -463,7 +469,6 @@ int hostMain(int argc, char** argv) {
   int32_t moved = 0;
   bool dumpsFolder = false, dumpsFolderFailed = false;
   for (const std::string& name : listDir(dumpDir)) {
-    if (dumpsBefore.count(name) != 0) continue;
     if (!dumpsFolder && !dumpsFolderFailed) {
       dumpsFolder = tool_make_dirs(out + "/dumps", &error);
       dumpsFolderFailed = !dumpsFolder;
@@ -503,6 +508,7 @@ int hostMain(int argc, char** argv) {
   if (timingWritten) printf("timing: %s/timing.txt\n", out.c_str());
   if (traceWritten) printf("trace: %s/trace.json\n", out.c_str());
   if (moved > 0) printf("library dumps: %d file(s) in %s/dumps\n", moved, out.c_str());
+  rmdir(dumpDir.c_str());  // empty unless a dump could not be moved (reported above)
   fflush(stdout);
   return report.finish();
 }
