@@ -329,12 +329,13 @@ std::vector<Row> rows() {
       line("InitVersion", stereo, "vmKtrRT_SC_Init", CT_LINE "KtrRT_SC Version:[v0.47]\n", exactly(1)),
       line("InitVersionUngated", depthEngineInitFailsQuietly, "vmKtrRT_SC_Init", CT_LINE "KtrRT_SC Version:[v0.47]\n",
            exactly(1)),
-      line("EchoLog", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET LOG> %s:%d: 13 \n", exactly(1)),
-      line("EchoDebug", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG> %s:%d: 1 \n", exactly(1)),
-      line("EchoDisplay", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DISPLAY> %s:%d: 0 \n", exactly(1)),
+      line("EchoLog", stereo, "vmKtrRT_SC_Init", "<VEMTA_LOG>[vmKtrRT_SC]<SET LOG> %s:%d: 13 \n", exactly(1)),
+      line("EchoDebug", stereo, "vmKtrRT_SC_Init", "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG> %s:%d: 1 \n", exactly(1)),
+      line("EchoDisplay", stereo, "vmKtrRT_SC_Init", "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DISPLAY> %s:%d: 0 \n",
+           exactly(1)),
       line("EchoDisplayOnlyWithDebug", traceOnly, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DISPLAY> %s:%d: %x \n",
            never()),
-      line("EchoInfo", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET STATUS INFO> %s:%d: 0 \n", exactly(1)),
+      line("EchoInfo", stereo, "vmKtrRT_SC_Init", "<VEMTA_LOG>[vmKtrRT_SC]<SET STATUS INFO> %s:%d: 0 \n", exactly(1)),
       line("InitProfileIn", stereo, "vmKtrRT_SC_Init", CT_PROFILE "++\n", exactly(1)),
       line("InitProfileOut", stereo, "vmKtrRT_SC_Init", CT_PROFILE "-- cost %ld ms\n", exactly(1)),
       line("InitData", stereo, "flow_controller_fill_initial_data",
@@ -373,12 +374,14 @@ std::vector<Row> rows() {
            CT_LINE "bokeh_manager_generate_refocus_map[9]...\n", atLeastOnce()),
 
       // Per frame: echoes, the trigger data line, the sub image, the bokeh result, profiling.
-      line("EchoDump", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DUMP> %s:%d: ff \n", perFrame()),
+      line("EchoDump", stereo, "flow_controller_trigger", "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DUMP> %s:%d: ff \n",
+           perFrame()),
       line("EchoDumpOnlyWithDebug", traceOnly, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG DUMP> %s:%d: %x \n",
            never()),
-      line("EchoFlag", stereo, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG FLAG> %s:%d: 0 \n", perFrame()),
-      line("EchoFlagWithoutDebug", traceOnly, nullptr, "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG FLAG> %s:%d: 0 \n",
+      line("EchoFlag", stereo, "flow_controller_trigger", "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG FLAG> %s:%d: 0 \n",
            perFrame()),
+      line("EchoFlagWithoutDebug", traceOnly, "flow_controller_trigger",
+           "<VEMTA_LOG>[vmKtrRT_SC]<SET DEBUG FLAG> %s:%d: 0 \n", perFrame()),
       line("TriggerData", stereo, "flow_controller_fill_trigger_data",
            CT_LINE "vcmMain[300] vcmSub[280] fnumber[2.800000] Region left[16] right[48] top[12] bottom[36]\n\n",
            perFrame()),
@@ -396,8 +399,10 @@ std::vector<Row> rows() {
       line("NoMainPreview", traceOnly, "bokeh_manager_trigger", CT_LINE "ERROR: no Main Preview\n", exactly(1)),
       line("SceneCheck", stereo, "policy_manager_scene_change_detection",
            CT_PROFILE "Scene check result = 0 cost %ld ms", perFrame(1)),
-      line("PolicySettling", stereo, nullptr, CT_LINE "current state [3] Average[0] Count[0]", exactly(1)),
-      line("PolicyStable", stereo, nullptr, CT_LINE "current state [5] Average[0] Count[0]", exactly(1)),
+      line("PolicySettling", stereo, "policy_manager_check_state_machine",
+           CT_LINE "current state [3] Average[0] Count[0]", exactly(1)),
+      line("PolicyStable", stereo, "policy_manager_check_state_machine",
+           CT_LINE "current state [5] Average[0] Count[0]", exactly(1)),
 
       // Closed session.
       line("RunWhenClosed", closedSession, "flow_controller_trigger", CT_LINE "ERROR...[8]\n", exactly(1)),
@@ -550,6 +555,7 @@ TEST_P(Contract, Row) {
       break;
     case Times::kPerFrame:
       want = out.frames - row.count.n;
+      EXPECT_GT(want, 0) << "the session ran too few frames for this row";
       break;
     case Times::kNever:
       want = 0;
@@ -579,6 +585,17 @@ TEST_P(Contract, Row) {
         EXPECT_EQ(f.second, row.bytes) << f.first;
       }
   }
+}
+
+// The sessions behind the rows started as the design has it: failing engine set-up returns that
+// step's own code, the others run.
+TEST(ContractSessions, InitResults) {
+  EXPECT_EQ(outcomeOf(depthEngineInitFails).initResult, 0x55u);
+  EXPECT_EQ(outcomeOf(filterInitFails).initResult, 0x66u);
+  EXPECT_EQ(outcomeOf(rendererLayoutFails).initResult, 0x77u);
+  EXPECT_EQ(outcomeOf(rendererInitFails).initResult, 0x88u);
+  for (Outcome (*s)() : {stereo, stereoTurned, chip, chipFiltered, chipTurnedWord, generatorFails, closedSession})
+    EXPECT_EQ(outcomeOf(s).initResult, 0u);
 }
 
 std::string rowName(const ::testing::TestParamInfo<Row>& info) {
