@@ -45,7 +45,7 @@ using Prop = std::pair<const char*, const char*>;
 
 // Drives one session: properties set, fakes and the dump folder cleared, lines captured. After each
 // frame it waits (bounded) until every worker woken by that frame has finished its job, so that
-// the next frame finds the workers waiting and the counts below are those of the design's flow.
+// the next frame finds the workers waiting and the counts below do not depend on machine speed.
 class Drive {
  public:
   explicit Drive(const std::vector<Prop>& props) {
@@ -298,19 +298,14 @@ struct Row {
   const char* fn;  // the function that must log the line (null: any)
   std::string pattern;
   Count count;
-  int64_t bytes;           // every matching dump file's size (-1: not checked)
-  const char* pendingFix;  // a known departure being fixed elsewhere: the row is skipped
+  int64_t bytes;  // every matching dump file's size (-1: not checked)
 };
 
 Row line(const char* label, Outcome (*s)(), const char* fn, std::string pattern, Count c) {
-  return Row{label, s, false, fn, std::move(pattern), c, -1, nullptr};
+  return Row{label, s, false, fn, std::move(pattern), c, -1};
 }
 Row dump(const char* label, Outcome (*s)(), std::string pattern, Count c, int64_t bytes) {
-  return Row{label, s, true, nullptr, std::move(pattern), c, bytes, nullptr};
-}
-Row pending(Row r, const char* fix) {
-  r.pendingFix = fix;
-  return r;
+  return Row{label, s, true, nullptr, std::move(pattern), c, bytes};
 }
 
 // Sizes of the sessions above: 64 x 48 previews, focus region (16, 48, 12, 36) centred on
@@ -441,9 +436,8 @@ std::vector<Row> rows() {
            CT_PROFILE "depth_manager_get_depth_from_chip cost %ld ms\n", perFrame(5)),
       line("ChipProfileFiltered", chipFiltered, "depth_manager_get_depth_from_chip",
            CT_PROFILE "depth_manager_get_depth_from_chip cost %ld ms\n", perFrame(5)),
-      pending(line("ChipProfileWithoutSize", chipWithoutSize, "depth_manager_get_depth_from_chip",
-                   CT_PROFILE "depth_manager_get_depth_from_chip cost %ld ms\n", perFrame(5)),
-              "item 1"),
+      line("ChipProfileWithoutSize", chipWithoutSize, "depth_manager_get_depth_from_chip",
+           CT_PROFILE "depth_manager_get_depth_from_chip cost %ld ms\n", perFrame(5)),
       line("FilterHandlerResult", chipFiltered, "depth_manager_handler",
            CT_LINE "depth_manager_do_temporal_filter[0]...\n", atLeastOnce()),
       line("FilterProfile", chipFiltered, "depth_manager_do_temporal_filter",
@@ -489,10 +483,8 @@ std::vector<Row> rows() {
            kPlaneBlockBytes),
       dump("RefocusUsingName", stereo, "%04d-refocus-using-" + focusPart + "-320x240.raw", atLeastOnce(), -1),
       dump("RefocusHeldBackName", stereo, "%04d-refocus-" + focusPart + "-320x240.raw", atLeastOnce(), -1),
-      pending(dump("RefocusUsingBytes", stereo, "%04d-refocus-using-%s.raw", atLeastOnce(), kStereoRefocusSlotBytes),
-              "item 6"),
-      pending(dump("RefocusHeldBackBytes", stereo, "%04d-refocus-%dx%d-%s.raw", atLeastOnce(), kStereoRefocusSlotBytes),
-              "item 6"),
+      dump("RefocusUsingBytes", stereo, "%04d-refocus-using-%s.raw", atLeastOnce(), kStereoRefocusSlotBytes),
+      dump("RefocusHeldBackBytes", stereo, "%04d-refocus-%dx%d-%s.raw", atLeastOnce(), kStereoRefocusSlotBytes),
       // Chip depth on the caller's thread leaves the depth counter alone: every frame rewrites the
       // same file.
       dump("ChipDepth", chip, "0000-depth-32x24-300-280-2.80-32x24.raw", exactly(1), kDepthBytes),
@@ -501,17 +493,13 @@ std::vector<Row> rows() {
       dump("ChipDepthFiltered", chipFiltered, "%04d-depth-32x24-300-280-2.80-32x24.raw", atLeastOnce(), kDepthBytes),
       dump("ChipRefocusName", chip, "%04d-refocus-using-" + focusPart + "-32x24.raw", atLeastOnce(), -1),
       dump("ChipNeverHoldsBack", chip, "%04d-refocus-%dx%d-%s.raw", never(), -1),
-      pending(dump("ChipRefocusBytes", chip, "%04d-refocus-using-%s.raw", atLeastOnce(), kChipRefocusSlotBytes),
-              "item 6"),
+      dump("ChipRefocusBytes", chip, "%04d-refocus-using-%s.raw", atLeastOnce(), kChipRefocusSlotBytes),
       dump("ChipRefocusNameTurnedWord", chipTurnedWord, "%04d-refocus-using-" + focusPart + "-24x32.raw", atLeastOnce(),
            -1),
       dump("ChipDepthBytesTurnedWord", chipTurnedWord, "%04d-depth-%s.raw", atLeastOnce(), 24 * 32 * 2),
-      pending(dump("ChipDepthNameTurnedWord", chipTurnedWord, "%04d-depth-24x32-300-280-2.80-32x24.raw", atLeastOnce(),
-                   24 * 32 * 2),
-              "item 6"),
-      pending(dump("ChipDepthWithoutSize", chipWithoutSize, "0000-depth-32x24-300-280-2.80-32x24.raw", exactly(1),
-                   kDepthBytes),
-              "item 1"),
+      dump("ChipDepthNameTurnedWord", chipTurnedWord, "%04d-depth-24x32-300-280-2.80-32x24.raw", atLeastOnce(),
+           24 * 32 * 2),
+      dump("ChipDepthWithoutSize", chipWithoutSize, "0000-depth-32x24-300-280-2.80-32x24.raw", exactly(1), kDepthBytes),
       dump("Calibration", calibrationDump, "eeprom.raw", exactly(1), 64),
   };
   return r;
@@ -537,9 +525,6 @@ class Contract : public ::testing::TestWithParam<Row> {};
 
 TEST_P(Contract, Row) {
   const Row& row = GetParam();
-  // CONTRACT_RUN_PENDING=1 runs these rows too, to see whether their fix has landed.
-  if (row.pendingFix != nullptr && getenv("CONTRACT_RUN_PENDING") == nullptr)
-    GTEST_SKIP() << "known departure, fixed by " << row.pendingFix;
   const Outcome& out = outcomeOf(row.session);
 
   std::vector<std::string> texts;
@@ -587,7 +572,7 @@ TEST_P(Contract, Row) {
   }
 }
 
-// The sessions behind the rows started as the design has it: failing engine set-up returns that
+// The sessions behind the rows started as a HAL expects: failing engine set-up returns that
 // step's own code, the others run.
 TEST(ContractSessions, InitResults) {
   EXPECT_EQ(outcomeOf(depthEngineInitFails).initResult, 0x55u);
