@@ -850,7 +850,8 @@ int sequence(const Options& o, ToolReport* report) {
           trigger(o.fNumber, focus, w, h, work.data(), frames[i].sub.data(), run.chip ? &frames[i].chip : nullptr)));
     };
     for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
-      if (after < 0 && call(0) == 0) after = 0;
+      // Chip sessions return 0 before their first map: the tap tells a frame drawn with one.
+      if (call(0) == 0 && after < 0 && !tap_last_draw().depth.empty()) after = 0;
       if (after >= 0) ++after;
       usleep(useconds_t(o.paceMs) * 1000u);
     }
