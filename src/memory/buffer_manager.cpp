@@ -10,8 +10,6 @@
 
 namespace {
 
-const int32_t kBytesPerPixel[kSlotCount] = {2, 2, 2, 1, 4, 4};
-
 void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
   h->data = data;
   h->size = size;
@@ -45,16 +43,22 @@ int32_t buffer_manager_half_size(int32_t width, int32_t height, int32_t bytesPer
 }
 
 int32_t buffer_manager_allocate(SessionContext* ctx) {
-  static const int kOrder[] = {0, 1, 3, 2};
+  // Allocation order and bytes per pixel of the four slots with sizes of their own (slots 4
+  // and 5 follow below).
+  struct SlotOrder {
+    int slot;
+    int32_t bytesPerPixel;
+  };
+  static const SlotOrder kOrder[] = {{0, 2}, {1, 2}, {3, 1}, {2, 2}};
   // With chip depth through the temporal filter the chip's map travels in the sub preview
   // pair, so its buffers hold at least one map whatever the sub preview's size.
   const BufferSlot& map = ctx->slots[kSlotDepth];
   const int32_t chipMap = ctx->depthFromChip == 1 && ctx->isUsingTemporalFilter == 1
                               ? buffer_manager_half_size(map.width, map.height, 2)
                               : 0;
-  for (int n : kOrder) {
-    BufferSlot* s = session_slot(ctx, n);
-    allocateSlot(s, s->width, s->height, kBytesPerPixel[n], -1, n == kSlotSub ? chipMap : 0);
+  for (const SlotOrder& o : kOrder) {
+    BufferSlot* s = session_slot(ctx, o.slot);
+    allocateSlot(s, s->width, s->height, o.bytesPerPixel, -1, o.slot == kSlotSub ? chipMap : 0);
   }
   // Slots 5 and 4 keep width and height as initialisation zeroed them; sizes follow 3 and 2.
   const BufferSlot& depth = ctx->slots[kSlotDepth];
