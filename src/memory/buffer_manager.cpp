@@ -12,6 +12,11 @@ namespace {
 
 const int32_t kBytesPerPixel[kSlotCount] = {2, 2, 2, 1, 4, 4};
 
+// Bounds-checked: aarch64 GCC otherwise warns that the allocation order might index past the table.
+int32_t bytesPerPixel(int n) {
+  return n >= 0 && n < kSlotCount ? kBytesPerPixel[n] : 1;
+}
+
 void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
   h->data = data;
   h->size = size;
@@ -54,7 +59,7 @@ int32_t buffer_manager_allocate(SessionContext* ctx) {
                               : 0;
   for (int n : kOrder) {
     BufferSlot* s = session_slot(ctx, n);
-    allocateSlot(s, s->width, s->height, kBytesPerPixel[n], -1, n == kSlotSub ? chipMap : 0);
+    allocateSlot(s, s->width, s->height, bytesPerPixel(n), -1, n == kSlotSub ? chipMap : 0);
   }
   // Slots 5 and 4 keep width and height as initialisation zeroed them; sizes follow 3 and 2.
   const BufferSlot& depth = ctx->slots[kSlotDepth];
