@@ -76,7 +76,7 @@ while IFS= read -r program; do
     else
       failed+=("$name: $case_name: $reason")
     fi
-  done < <(grep 'ERROR OCCURRED' "$log")
+  done < <(grep 'ERROR OCCURRED' "$log" | sort -u)  # once per case, not per repetition
   rm -f "$log"
 done <"$list"
 

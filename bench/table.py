@@ -51,11 +51,17 @@ def load(folder):
             print(f"bench/table.py: {path}: {e}", file=sys.stderr)
             continue
         runs, medians = {}, {}
-        for b in data.get("benchmarks", []):
+        entries = data.get("benchmarks", []) if isinstance(data, dict) else []
+        for b in entries if isinstance(entries, list) else []:
+            if not isinstance(b, dict):
+                continue
             if b.get("error_occurred"):
                 continue
             name = b.get("run_name", b.get("name"))
-            ns = b["real_time"] * UNIT_NS.get(b.get("time_unit", "ns"), 1.0)
+            real = b.get("real_time")
+            if not isinstance(real, (int, float)) or name is None:
+                continue
+            ns = real * UNIT_NS.get(b.get("time_unit", "ns"), 1.0)
             if b.get("run_type") == "aggregate":
                 if b.get("aggregate_name") == "median":
                     medians[name] = ns
