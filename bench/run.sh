@@ -7,12 +7,22 @@
 # and its GL cases report that they had no display.
 # Exit status 1 when a program is missing, exits non-zero or a case reports an error other than
 # a missing display or a missing optional input; the summary names them.
+# At the end it prints the speed table (bench/table.py): each figure of the issue's measures beside
+# memcpy of the same bytes from the same run, and its target.
 # Usage: bench/run.sh [build folder, default build/default]
 # VMKTR_BENCH_MIN_TIME: seconds per case (default 0.2).
+# VMKTR_BENCH_REPETITIONS: runs of each case (default 1); the table takes their medians.
 set -uo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/default}
 min_time=${VMKTR_BENCH_MIN_TIME:-0.2}
+repetitions=${VMKTR_BENCH_REPETITIONS:-1}
+if [[ ! $repetitions =~ ^[0-9]+$ ]] || ((repetitions < 1 || repetitions > 100)); then
+  echo "bench/run.sh: VMKTR_BENCH_REPETITIONS must be a whole number from 1 to 100, not '$repetitions'" >&2
+  exit 1
+fi
+json_dir=$build/bench/results
+rm -rf "$json_dir" && mkdir -p "$json_dir" || { echo "bench/run.sh: cannot make $json_dir" >&2; exit 1; }
 list=$build/bench/benchmarks.txt
 if [[ ! -f $list ]]; then
   echo "bench/run.sh: $list missing: configure $build with Google Benchmark (libbenchmark-dev) installed" >&2
@@ -35,7 +45,13 @@ while IFS= read -r program; do
   cmd=("$program")
   case $name in
     gegl_compare) ;;  # a comparison program of its own, not a Google Benchmark one
-    *) cmd+=(--benchmark_min_time="$min_time" --benchmark_color=false) ;;
+    *)
+      cmd+=(--benchmark_min_time="$min_time" --benchmark_color=false
+        --benchmark_out="$json_dir/$name.json" --benchmark_out_format=json)
+      if ((repetitions > 1)); then
+        cmd+=(--benchmark_repetitions="$repetitions" --benchmark_display_aggregates_only=true)
+      fi
+      ;;
   esac
   if [[ $name == bench_gl ]]; then
     if command -v xvfb-run >/dev/null; then
@@ -60,11 +76,13 @@ while IFS= read -r program; do
     else
       failed+=("$name: $case_name: $reason")
     fi
-  done < <(grep 'ERROR OCCURRED' "$log")
+  done < <(grep 'ERROR OCCURRED' "$log" | sort -u)  # once per case, not per repetition
   rm -f "$log"
 done <"$list"
 
 echo "=== $ran benchmark programs ran"
+echo "=== speed table (median real time of each case; ratios to memcpy of the same bytes, same run)"
+python3 bench/table.py "$json_dir" || failed+=("bench/table.py")
 ((ran > 0)) || failed+=("no benchmark program listed in $list")
 if ((${#skipped[@]})); then
   echo "${#skipped[@]} cases skipped for want of a display or an optional input:"

@@ -123,34 +123,15 @@ void image_utility_rotate180(uint16_t* depth, int32_t width, int32_t height) {
 
 void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int32_t height, int32_t direction) {
   if (dst == nullptr || src == nullptr || width <= 0 || height <= 0) return;
-  const size_t w = static_cast<size_t>(width);
-  const size_t h = static_cast<size_t>(height);
-  // Quarter turns go tile by tile so that both the rows read and the columns written stay in
-  // cache; the half turn is contiguous on both sides.
-  constexpr size_t kTile = 16;
   switch (direction) {
     case 0:  // clockwise: (y, x) -> row x, column h-1-y
+      plane_rotate_u16(src, width, height, dst, kRotate90);
+      break;
     case 1:  // counter-clockwise: (y, x) -> row w-1-x, column y
-      for (size_t ty = 0; ty < h; ty += kTile) {
-        const size_t yEnd = std::min(h, ty + kTile);
-        for (size_t tx = 0; tx < w; tx += kTile) {
-          const size_t xEnd = std::min(w, tx + kTile);
-          // Along a destination row: the writes are contiguous, the reads stay in the tile.
-          for (size_t x = tx; x < xEnd; ++x) {
-            const uint16_t* s = src + x;
-            if (direction == 0) {
-              uint16_t* d = dst + x * h + (h - 1);
-              for (size_t y = ty; y < yEnd; ++y) *(d - y) = s[y * w];
-            } else {
-              uint16_t* d = dst + (w - 1 - x) * h;
-              for (size_t y = ty; y < yEnd; ++y) d[y] = s[y * w];
-            }
-          }
-        }
-      }
+      plane_rotate_u16(src, width, height, dst, kRotate270);
       break;
     case 2:
-      std::reverse_copy(src, src + w * h, dst);
+      std::reverse_copy(src, src + static_cast<size_t>(width) * static_cast<size_t>(height), dst);
       break;
     default:
       break;

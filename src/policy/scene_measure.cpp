@@ -3,12 +3,19 @@
 #include "policy/scene_measure.h"
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 
 #include "debug/debug_log.h"
 #include "policy/policy_manager.h"
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#elif defined(__ARM_NEON)
+#include <arm_neon.h>
+#endif
 
 int32_t policyMotionVectors[5][2] = {{0, 0}, {0, 0}, {0, 0}, {0, 0}, {0, 0}};
 
@@ -58,6 +65,24 @@ int32_t censusHamming(CensusCell a[kGridRows][kGridCols], CensusCell b[kGridRows
   return changed;
 }
 
+// Sum of 16 consecutive bytes: one sum-of-absolute-differences against zero (SSE2) or a
+// widening pairwise add (NEON); plain code elsewhere.
+inline int32_t sum16(const uint8_t* p) {
+#if defined(__SSE2__)
+  const __m128i s = _mm_sad_epu8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)), _mm_setzero_si128());
+  return _mm_cvtsi128_si32(s) + _mm_cvtsi128_si32(_mm_srli_si128(s, 8));
+#elif defined(__ARM_NEON) && defined(__aarch64__)
+  return static_cast<int32_t>(vaddlvq_u8(vld1q_u8(p)));
+#elif defined(__ARM_NEON)
+  const uint64x2_t s = vpaddlq_u32(vpaddlq_u16(vpaddlq_u8(vld1q_u8(p))));
+  return static_cast<int32_t>(vgetq_lane_u64(s, 0) + vgetq_lane_u64(s, 1));
+#else
+  int32_t s = 0;
+  for (int i = 0; i < 16; ++i) s += p[i];
+  return s;
+#endif
+}
+
 bool squaredNoLonger(int32_t dx, int32_t dy, int32_t vx, int32_t vy) {
   // Squared integer lengths below 2^31 order exactly as their double square roots do.
   return dx * dx + dy * dy <= vx * vx + vy * vy;
@@ -82,21 +107,6 @@ uint32_t absDiff(uint8_t a, uint8_t b) {
   return a > b ? static_cast<uint32_t>(a - b) : static_cast<uint32_t>(b - a);
 }
 
-// Sum of absolute differences of two 8-pixel rows of the reference block (contiguous) and two of
-// a candidate (stride apart); written as plain int differences so that compilers vectorise it.
-uint32_t rowPairCost(const uint8_t* r, const uint8_t* c, int64_t stride) {
-  int32_t s = 0;
-  for (int i = 0; i < kBlockSize; ++i) {
-    const int32_t d = r[i] - c[i];
-    s += d < 0 ? -d : d;
-  }
-  for (int i = 0; i < kBlockSize; ++i) {
-    const int32_t d = r[kBlockSize + i] - c[stride + i];
-    s += d < 0 ? -d : d;
-  }
-  return static_cast<uint32_t>(s);
-}
-
 bool badRegion(int32_t left, int32_t right, int32_t top, int32_t bottom) {
   return static_cast<int64_t>(right) - left < 1 || static_cast<int64_t>(bottom) - top < 1;
 }
@@ -107,6 +117,58 @@ unsigned pointerWord(const void* p) {
 }
 
 }  // namespace
+
+uint32_t scene_measure_block_cost_plain(const uint8_t* ref, const uint8_t* candidate, int64_t stride, uint32_t limit) {
+  uint32_t cost = 0;
+  // Two rows at a time, stopping once the sum exceeds the limit; plain int differences so that
+  // compilers vectorise the rows.
+  for (int j = 0; j < kBlockSize && cost <= limit; j += 2) {
+    const uint8_t* r = ref + j * kBlockSize;
+    const uint8_t* c = candidate + j * stride;
+    int32_t s = 0;
+    for (int i = 0; i < kBlockSize; ++i) {
+      const int32_t d = r[i] - c[i];
+      s += d < 0 ? -d : d;
+    }
+    for (int i = 0; i < kBlockSize; ++i) {
+      const int32_t d = r[kBlockSize + i] - c[stride + i];
+      s += d < 0 ? -d : d;
+    }
+    cost += static_cast<uint32_t>(s);
+  }
+  return cost;
+}
+
+uint32_t scene_measure_block_cost(const uint8_t* ref, const uint8_t* candidate, int64_t stride, uint32_t limit) {
+#if defined(__SSE2__)
+  // Two candidate rows side by side against two reference rows: one sum-of-absolute-differences
+  // instruction per pair; the whole block costs less than testing the limit between pairs.
+  (void)limit;
+  const ptrdiff_t s = static_cast<ptrdiff_t>(stride);
+  __m128i acc = _mm_setzero_si128();
+  for (int j = 0; j < kBlockSize; j += 2) {
+    const __m128i c = _mm_unpacklo_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(candidate + j * s)),
+                                         _mm_loadl_epi64(reinterpret_cast<const __m128i*>(candidate + (j + 1) * s)));
+    const __m128i r = _mm_loadu_si128(reinterpret_cast<const __m128i*>(ref + j * kBlockSize));
+    acc = _mm_add_epi64(acc, _mm_sad_epu8(c, r));
+  }
+  return static_cast<uint32_t>(_mm_cvtsi128_si32(acc) + _mm_cvtsi128_si32(_mm_srli_si128(acc, 8)));
+#elif defined(__ARM_NEON)
+  (void)limit;
+  const ptrdiff_t s = static_cast<ptrdiff_t>(stride);
+  // Eight 16-bit lanes hold at most 8 x 255 each: no lane can overflow.
+  uint16x8_t acc = vabdl_u8(vld1_u8(ref), vld1_u8(candidate));
+  for (int j = 1; j < kBlockSize; ++j) acc = vabal_u8(acc, vld1_u8(ref + j * kBlockSize), vld1_u8(candidate + j * s));
+#if defined(__aarch64__)
+  return vaddvq_u16(acc);
+#else
+  const uint64x2_t sum = vpaddlq_u32(vpaddlq_u16(acc));
+  return static_cast<uint32_t>(vgetq_lane_u64(sum, 0) + vgetq_lane_u64(sum, 1));
+#endif
+#else
+  return scene_measure_block_cost_plain(ref, candidate, stride, limit);
+#endif
+}
 
 int64_t scene_measure_plane_size(int32_t width, int32_t height) {
   if (width <= 0 || height <= 0) return 0;
@@ -169,10 +231,8 @@ int32_t scene_measure_census(const uint8_t* current, const uint8_t* stored, int3
         const uint8_t* pb = stored + lo;
         const int len = static_cast<int>(hi - lo);
         if (len == kCellSize) {
-          for (int i = 0; i < kCellSize; ++i) {
-            sa += pa[i];
-            sb += pb[i];
-          }
+          sa += sum16(pa);
+          sb += sum16(pb);
         } else {
           for (int i = 0; i < len; ++i) {
             sa += pa[i];
@@ -299,10 +359,8 @@ int32_t scene_measure_motion_search(const uint8_t* current, const uint8_t* store
         }
         const uint8_t* c = p != nullptr ? p : cand;
         const int64_t stride = p != nullptr ? width : kBlockSize;
-        uint32_t cost = 0;
-        for (int j = 0; j < kBlockSize && cost <= best; j += 2)
-          cost += rowPairCost(ref + j * kBlockSize, c + j * stride, stride);
         // A sum stopped early already exceeds the best cost and is ignored like the full one.
+        const uint32_t cost = scene_measure_block_cost(ref, c, stride, best);
         if (cost <= best) {
           best = cost;
           const int32_t dx = static_cast<int32_t>(x - bx);

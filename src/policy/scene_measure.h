@@ -22,10 +22,17 @@ int32_t scene_measure_census(const uint8_t* current, const uint8_t* stored, int3
 int32_t scene_measure_census_reference(const uint8_t* current, const uint8_t* stored, int32_t cx, int32_t cy,
                                        int32_t width, int32_t height);
 
+// Sum of absolute differences between an 8 x 8 reference block (64 contiguous bytes) and the
+// candidate block whose rows start stride bytes apart. The vector form (SSE2 or NEON where the
+// target has them) sums the whole block; the plain form stops once the sum exceeds limit. Both
+// answer the same whenever the sum is at most limit, and something above limit otherwise.
+uint32_t scene_measure_block_cost(const uint8_t* ref, const uint8_t* candidate, int64_t stride, uint32_t limit);
+uint32_t scene_measure_block_cost_plain(const uint8_t* ref, const uint8_t* candidate, int64_t stride, uint32_t limit);
+
 // The motion search over a checked region: writes each block's final vector to vectors (search
 // order) and returns the number of blocks with a squared length of 49 or more. The fast form
-// reads unguarded wherever a block lies inside the plane and stops a candidate's sum once it
-// exceeds the best cost; the reference evaluates every candidate pixel by pixel.
+// reads unguarded wherever a block lies inside the plane and sums candidates with
+// scene_measure_block_cost; the reference evaluates every candidate pixel by pixel.
 int32_t scene_measure_motion_search(const uint8_t* current, const uint8_t* stored, int32_t left, int32_t right,
                                     int32_t top, int32_t bottom, int32_t width, int32_t height, int32_t vectors[5][2]);
 int32_t scene_measure_motion_search_reference(const uint8_t* current, const uint8_t* stored, int32_t left,

@@ -1,4 +1,5 @@
-// The tiled 8-bit plane turns against the pixel-by-pixel reference, with strides and odd sizes.
+// The tiled 8-bit plane turns and the 16-bit quarter turns against their pixel-by-pixel references,
+// with strides and odd sizes.
 #include "image/plane_rotate.h"
 
 #include <gtest/gtest.h>
@@ -38,6 +39,42 @@ TEST(PlaneRotate, QuarterTurnsRoundTripAndUnknownDegreeDoesNothing) {
   plane_rotate_u8(src.data(), w, h, w, same.data(), w, 0);
   plane_rotate_u8(src.data(), w, h, w, same.data(), w, 4);
   EXPECT_EQ(same, std::vector<uint8_t>(w * h, 1));
+}
+
+// Sizes around the 8 x 8 block: none whole, one, whole blocks plus a strip on either side or
+// both. Source and destination are exactly sized heap blocks, so that a read or write past
+// either end faults under the address sanitizer; every sample is distinct.
+TEST(PlaneRotate16, QuarterTurnsMatchReferenceOnEverySize) {
+  const std::pair<int32_t, int32_t> sizes[] = {{1, 1},  {7, 3},  {8, 8},   {9, 8},   {8, 9},    {15, 17},
+                                               {16, 8}, {3, 40}, {41, 24}, {33, 67}, {320, 240}};
+  for (auto [w, h] : sizes) {
+    const size_t n = static_cast<size_t>(w) * h;
+    std::vector<uint16_t> src(n);
+    for (size_t i = 0; i < n; ++i) src[i] = static_cast<uint16_t>(i * 2654435761u >> 7);
+    for (int32_t degree : {kRotate90, kRotate270}) {
+      std::vector<uint16_t> fast(n, 0xBEEF), ref(n, 0xBEEF);
+      plane_rotate_u16(src.data(), w, h, fast.data(), degree);
+      plane_rotate_u16_reference(src.data(), w, h, ref.data(), degree);
+      ASSERT_EQ(fast, ref) << w << "x" << h << " degree " << degree;
+    }
+  }
+}
+
+TEST(PlaneRotate16, ReferencePlacesCornersAndRefusesWhatItCannotTurn) {
+  const int32_t w = 3, h = 2;
+  const std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6};
+  std::vector<uint16_t> cw(6), ccw(6);
+  plane_rotate_u16_reference(src.data(), w, h, cw.data(), kRotate90);
+  EXPECT_EQ(cw, (std::vector<uint16_t>{4, 1, 5, 2, 6, 3}));
+  plane_rotate_u16_reference(src.data(), w, h, ccw.data(), kRotate270);
+  EXPECT_EQ(ccw, (std::vector<uint16_t>{3, 6, 2, 5, 1, 4}));
+  std::vector<uint16_t> same(6, 9);
+  plane_rotate_u16(src.data(), w, h, same.data(), kRotate180);
+  plane_rotate_u16(src.data(), 0, h, same.data(), kRotate90);
+  plane_rotate_u16(src.data(), w, -1, same.data(), kRotate90);
+  plane_rotate_u16(nullptr, w, h, same.data(), kRotate90);
+  plane_rotate_u16(src.data(), w, h, nullptr, kRotate90);
+  EXPECT_EQ(same, std::vector<uint16_t>(6, 9));
 }
 
 TEST(PlaneAlloc, SixteenByteAligned) {

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
@@ -273,6 +274,69 @@ TEST(SceneMotion, FastMatchesReferenceOnRandomAndFlatScenes) {
         ASSERT_EQ(n1, n2) << w << "x" << h << " region " << l << "," << r << "," << t << "," << bt;
         ASSERT_EQ(0, memcmp(v, ref, sizeof v)) << w << "x" << h << " region " << l << "," << r << "," << t << "," << bt;
       }
+    }
+  }
+}
+
+// The vector block cost against the plain one: random, flat and extreme blocks (all 0 against
+// all 255 gives the largest sum), strides from a packed block up, each candidate block ending
+// exactly at the end of its allocation so that a read past it faults under the address sanitizer.
+TEST(SceneMotion, BlockCostVectorMatchesPlain) {
+  std::mt19937 rng(5);
+  for (int64_t stride : {8, 9, 17, 1920}) {
+    for (int kind = 0; kind < 4; ++kind) {
+      for (int round = 0; round < 20; ++round) {
+        Plane ref = noise(8, 8, rng(), kind == 1 ? 3 : 255);
+        std::vector<uint8_t> cand(static_cast<size_t>(7 * stride + 8));
+        for (auto& b : cand) b = static_cast<uint8_t>(rng());
+        if (kind == 2) {
+          std::fill(ref.begin(), ref.end(), 0);
+          std::fill(cand.begin(), cand.end(), 255);
+        } else if (kind == 3) {
+          for (int j = 0; j < 8; ++j) memcpy(&ref[j * 8], &cand[j * stride], 8);
+        }
+        const uint32_t full = scene_measure_block_cost_plain(ref.data(), cand.data(), stride, UINT32_MAX);
+        ASSERT_EQ(scene_measure_block_cost(ref.data(), cand.data(), stride, UINT32_MAX), full) << stride;
+        if (kind == 2) {
+          ASSERT_EQ(full, 64u * 255u);
+        } else if (kind == 3) {
+          ASSERT_EQ(full, 0u);
+        }
+        // Under a limit both answer the same at or below it, and both answer above it otherwise.
+        for (uint32_t limit : {0u, full / 2, full}) {
+          const uint32_t v = scene_measure_block_cost(ref.data(), cand.data(), stride, limit);
+          const uint32_t p = scene_measure_block_cost_plain(ref.data(), cand.data(), stride, limit);
+          if (full <= limit) {
+            ASSERT_EQ(v, full);
+            ASSERT_EQ(p, full);
+          } else {
+            ASSERT_GT(v, limit);
+            ASSERT_GT(p, limit);
+          }
+        }
+      }
+    }
+  }
+}
+
+// Unrelated full-size frames (no match anywhere: every candidate is summed) and a panned one,
+// with regions in the middle and against each edge of the frame.
+TEST(SceneMotion, FastMatchesReferenceOnFullFrames) {
+  const int w = 1920, h = 1080;
+  const Plane a = noise(w, h, 11);
+  const Plane unrelated = noise(w, h, 12);
+  Plane panned(a.size(), 0);
+  const Plane* const others[] = {&unrelated, &panned};
+  for (int y = 2; y < h; ++y)
+    memcpy(&panned[static_cast<size_t>(y) * w + 3], &a[static_cast<size_t>(y - 2) * w], w - 3);
+  const int regions[][4] = {{860, 1060, 440, 640}, {0, 40, 0, 30}, {1880, 1920, 1050, 1080}, {1900, 1919, 0, 1079}};
+  for (const Plane* b : others) {
+    for (const auto& g : regions) {
+      int32_t v[5][2], ref[5][2];
+      const int32_t n1 = scene_measure_motion_search(a.data(), b->data(), g[0], g[1], g[2], g[3], w, h, v);
+      const int32_t n2 = scene_measure_motion_search_reference(a.data(), b->data(), g[0], g[1], g[2], g[3], w, h, ref);
+      ASSERT_EQ(n1, n2) << g[0] << "," << g[1] << "," << g[2] << "," << g[3];
+      ASSERT_EQ(0, memcmp(v, ref, sizeof v)) << g[0] << "," << g[1] << "," << g[2] << "," << g[3];
     }
   }
 }
