@@ -8,10 +8,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 
 #include "calib_block.h"
+#include "host_pool.h"
 #include "image_io.h"
 #include "synth_scene.h"
 #include "tool_cli.h"
@@ -69,11 +71,11 @@ class SyntheticSource : public HostSource {
     // A still scene is rendered once: every frame of it is the same picture (with the same noise).
     const int32_t sceneFrame = spec_.motion == SCENE_STILL ? 0 : index;
     if (cachedFrame_ != sceneFrame) {
-      main_.assign(static_cast<size_t>(config_.mainWidth) * config_.mainHeight * 3 / 2, 0);
-      sub_.assign(static_cast<size_t>(config_.subWidth) * config_.subHeight * 3 / 2, 0);
-      if (scene_render_nv21(&spec_, sceneFrame, 0, config_.mainWidth, config_.mainHeight, 2, main_.data()) != 0 ||
-          scene_render_nv21(&spec_, sceneFrame, 1, config_.subWidth, config_.subHeight, 2, sub_.data()) != 0) {
-        *error = "synthetic frame " + std::to_string(index) + " could not be rendered";
+      cachedFrame_ = -1;  // a failure below leaves no half-drawn frame to reuse
+      std::string why;
+      if (!render(sceneFrame, &why)) {
+        *error =
+            "synthetic frame " + std::to_string(index) + " could not be rendered" + (why.empty() ? "" : ": " + why);
         return false;
       }
       if ((config_.cameraLayout & 0x10) != 0) makeChip(sceneFrame);
@@ -87,6 +89,34 @@ class SyntheticSource : public HostSource {
   }
 
  private:
+  // Both views in bands of rows (on the pool's threads when there is one), then NV21 as
+  // scene_render_nv21 makes it: the bytes do not depend on how the bands were shared out.
+  bool render(int32_t sceneFrame, std::string* why) {
+    const int32_t mw = config_.mainWidth, mh = config_.mainHeight, sw = config_.subWidth, sh = config_.subHeight;
+    mainRgb_.resize(static_cast<size_t>(mw) * mh * 3);
+    subRgb_.resize(static_cast<size_t>(sw) * sh * 3);
+    constexpr int32_t kBandRows = 16;
+    const int32_t mainBands = (mh + kBandRows - 1) / kBandRows, subBands = (sh + kBandRows - 1) / kBandRows;
+    std::atomic<int32_t> failed{0};
+    auto band = [&](int32_t b) {
+      const bool isMain = b < mainBands;
+      const int32_t h = isMain ? mh : sh, y0 = (isMain ? b : b - mainBands) * kBandRows;
+      if (scene_render_rgb_rows(&spec_, sceneFrame, isMain ? 0 : 1, isMain ? mw : sw, h, 2, y0,
+                                std::min(h, y0 + kBandRows), isMain ? mainRgb_.data() : subRgb_.data()) != 0)
+        failed.store(1);
+    };
+    if (pool_ != nullptr) {
+      if (!pool_->parallel_for(mainBands + subBands, band, why)) return false;
+    } else {
+      for (int32_t b = 0; b < mainBands + subBands; ++b) band(b);
+    }
+    if (failed.load() != 0) return false;
+    main_.assign(static_cast<size_t>(mw) * mh * 3 / 2, 0);
+    sub_.assign(static_cast<size_t>(sw) * sh * 3 / 2, 0);
+    scene_rgb_to_nv21(mainRgb_.data(), mw, mh, main_.data());
+    scene_rgb_to_nv21(subRgb_.data(), sw, sh, sub_.data());
+    return true;
+  }
   // Chip depth from the scene's true disparity, in the depth samples' meaning (1/16 pixel of
   // the depth grid, 10 or 8 bits).
   void makeChip(int32_t frame) {
@@ -108,7 +138,7 @@ class SyntheticSource : public HostSource {
   HostConfig config_;
   SceneSpec spec_{};
   int32_t cachedFrame_ = -1;
-  std::vector<uint8_t> main_, sub_;
+  std::vector<uint8_t> main_, sub_, mainRgb_, subRgb_;
   std::vector<uint16_t> chip_;
 };
 
@@ -328,9 +358,11 @@ class DumpSource : public HostSource {
     return true;
   }
   void skip(const std::string& what, const std::string& why) {
-    if (report_ != nullptr)
+    if (report_ != nullptr) {
+      std::unique_lock<std::mutex> lock;
+      if (reportMu_ != nullptr) lock = std::unique_lock<std::mutex>(*reportMu_);
       report_->skip(what, why);
-    else
+    } else
       fprintf(stderr, "vmktr_host: skipped %s: %s\n", what.c_str(), why.c_str());
   }
   HostConfig* config_ = nullptr;
