@@ -265,22 +265,38 @@ TEST(HostSceneBands, BandsInAnyOrderMakeTheWholePicture) {
     EXPECT_EQ(scene_render_rgb_rows(&spec, 3, 1, w, h, 2, band.first, band.second, bands.data()), 1);
 }
 
-// The synthetic source draws the same frames with or without worker threads.
-TEST(HostSceneBands, SyntheticSourceIsTheSameOnAPool) {
-  HostConfig c;
-  c.mainWidth = 160, c.mainHeight = 90, c.subWidth = 128, c.subHeight = 72, c.motion = "pan", c.frames = 3;
-  auto plain = host_make_source(c), pooled = host_make_source(c);
-  std::string error;
-  ASSERT_TRUE(plain->open(&c, &error)) << error;
-  ASSERT_TRUE(pooled->open(&c, &error)) << error;
-  HostPool pool(3);
-  pooled->setPool(&pool);
-  for (int32_t i = 0; i < 3; ++i) {
-    HostFrame a, b;
-    ASSERT_TRUE(plain->frame(i, &a, &error)) << error;
-    ASSERT_TRUE(pooled->frame(i, &b, &error)) << error;
-    EXPECT_TRUE(a.main == b.main && a.sub == b.sub) << "frame " << i;
-    EXPECT_EQ(a.main.size(), 160u * 90 * 3 / 2);
+// The synthetic and pair sources draw the same frames with or without worker threads (sizes
+// that no band size divides, a panning window).
+TEST(HostSceneBands, SourcesAreTheSameOnAPool) {
+  const std::string dir = testing::TempDir() + "/host_bands_" + std::to_string(getpid());
+  mkdir(dir.c_str(), 0755);
+  for (const char* name : {"/l.ppm", "/r.ppm"}) {
+    FILE* f = fopen((dir + name).c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    fprintf(f, "P6\n200 150\n255\n");
+    for (int i = 0; i < 200 * 150 * 3; ++i) fputc((i * 7 + i / 600 + name[1]) & 255, f);
+    fclose(f);
+  }
+  for (const SourceKind kind : {SourceKind::kSynthetic, SourceKind::kPair}) {
+    HostConfig c;
+    c.source = kind;
+    c.sourcePath = dir + "/l.ppm";
+    c.subImagePath = dir + "/r.ppm";
+    c.mainWidth = 160, c.mainHeight = 90, c.subWidth = 128, c.subHeight = 74, c.motion = "pan", c.frames = 3;
+    auto plain = host_make_source(c), pooled = host_make_source(c);
+    std::string error;
+    ASSERT_TRUE(plain->open(&c, &error)) << error;
+    ASSERT_TRUE(pooled->open(&c, &error)) << error;
+    HostPool pool(3);
+    pooled->setPool(&pool);
+    for (int32_t i = 0; i < 3; ++i) {
+      HostFrame a, b;
+      ASSERT_TRUE(plain->frame(i, &a, &error)) << error;
+      ASSERT_TRUE(pooled->frame(i, &b, &error)) << error;
+      EXPECT_TRUE(a.main == b.main && a.sub == b.sub) << "frame " << i;
+      EXPECT_EQ(a.main.size(), 160u * 90 * 3 / 2);
+      EXPECT_EQ(b.sub.size(), 128u * 74 * 3 / 2);
+    }
   }
 }
 

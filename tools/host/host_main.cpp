@@ -405,11 +405,14 @@ int hostMain(int argc, char** argv) {
 
   // The runner's own work beside the caller's thread, which alone drives the library: the
   // feeder draws the next frames (in bands on the pool) while the library runs this one, the
-  // pool encodes the outputs, the video thread writes them in order. At most jobs + 2 outputs
-  // and 2 drawn frames wait at any time, so memory stays bounded whatever the frame count.
+  // pool encodes the outputs, the video thread writes them in order. At most 2 drawn frames
+  // and jobs + 2 outputs wait at any time, and the outputs (each a frame and, while encoded, its
+  // RGB picture) within about 1 GiB: memory stays bounded whatever the frame count and size.
   const int32_t jobs = config.jobs > 0 ? config.jobs : host_default_jobs();
+  const int64_t outputLimit =
+      std::max<int64_t>(2, std::min<int64_t>(jobs + 2, (int64_t{1} << 30) / static_cast<int64_t>(mainBytes * 3)));
   // Declared before the pool: what its queued tasks use outlives them, however the run ends.
-  HostInFlight inFlight(jobs + 2);
+  HostInFlight inFlight(static_cast<int32_t>(outputLimit));
   auto writeFrame = [&](const std::shared_ptr<OutFrame>& o) {
     const int64_t t0 = nowUs();
     char name[64];
@@ -417,8 +420,8 @@ int hostMain(int argc, char** argv) {
     const std::string path = out + name;
     std::string why, where;
     try {
-      thread_local std::vector<uint8_t> rgb;  // one frame per worker, reused
-      rgb.resize(static_cast<size_t>(w) * h * 3);
+      // Per task, not per worker: only frames in flight hold one, however many workers there are.
+      std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
       host_nv21_to_rgb(o->nv21.data(), w, h, rgb.data());
       if (host_write_rgb(path, rgb.data(), w, h, 1, &where, &why)) ++written;
     } catch (const std::bad_alloc&) {
@@ -430,7 +433,7 @@ int hostMain(int argc, char** argv) {
 
   HostPool pool(jobs);
   source->setPool(&pool);
-  HostQueue<std::shared_ptr<OutFrame>> videoQueue(static_cast<size_t>(jobs) + 2);
+  HostQueue<std::shared_ptr<OutFrame>> videoQueue(static_cast<size_t>(outputLimit));
   HostQueue<Drawn> drawn(2);
   RunnerThreads threads;
   threads.closeAll = [&] {
@@ -551,7 +554,7 @@ int hostMain(int argc, char** argv) {
               -result);
 
     // The outputs are the runner's: a copy of the frame goes to the workers and the caller
-    // moves on to the next frame (waiting only while jobs + 2 outputs are unfinished).
+    // moves on to the next frame (waiting only while the most outputs allowed are unfinished).
     const auto sheetAt = std::find(sheetFrames.begin(), sheetFrames.end(), i);
     const bool onSheet = config.sheet && sheetAt != sheetFrames.end();
     if (videoOpen || pngFrames || onSheet) {
