@@ -175,8 +175,8 @@ void greyMap(const std::vector<uint8_t>& raw, int32_t w, int32_t h, std::vector<
   for (size_t i = 0; i < n; ++i) (*rgb)[3 * i] = (*rgb)[3 * i + 1] = (*rgb)[3 * i + 2] = raw[i];
 }
 
-// One output frame on its way to the workers; it holds a place among the frames in flight
-// until the last of them lets go of it.
+// A place among the outputs in flight, taken when made (waiting for one) and given back when
+// destroyed.
 struct InFlightPlace {
   explicit InFlightPlace(HostInFlight* f) : flight(f) { flight->acquire(); }
   ~InFlightPlace() { flight->release(); }
@@ -184,6 +184,8 @@ struct InFlightPlace {
   InFlightPlace& operator=(const InFlightPlace&) = delete;
   HostInFlight* flight;
 };
+// One output frame on its way to the workers; it holds its place until the last of them lets
+// go of it.
 struct OutFrame {
   explicit OutFrame(HostInFlight* f) : place(f) {}
   InFlightPlace place;  // first: taken before the copy is made, given back even if it fails
