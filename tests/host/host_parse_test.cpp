@@ -3,13 +3,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "host_config.h"
 #include "host_dumps.h"
 #include "host_outputs.h"
+#include "host_pool.h"
 #include "host_sources.h"
+#include "synth_scene.h"
 
 namespace {
 
@@ -49,7 +54,10 @@ TEST(HostArgs, RefusesWhatTheLibraryWouldRefuseAndNamesIt) {
                {{"--setprop", "persist.vm.ktrrt.sc.display=0x1c1"}, "persist.vm.ktrrt.sc.display"},
                {{"--setprop", "persist.vm.log.ktrrt.sc=1e3"}, "persist.vm.log.ktrrt.sc: '1e3'"},
                {{"--setprop", "persist.vm.ktrrt.sc.debug=99999999999"}, "persist.vm.ktrrt.sc.debug"},
-               {{"--setprop", "persist.vm.ktrrt.sc.info= 1"}, "persist.vm.ktrrt.sc.info"}};
+               {{"--setprop", "persist.vm.ktrrt.sc.info= 1"}, "persist.vm.ktrrt.sc.info"},
+               {{"--jobs", "0"}, "--jobs: '0' is not a decimal number in 1..64"},
+               {{"--jobs", "65"}, "--jobs: '65'"},
+               {{"--jobs", "2x"}, "--jobs: '2x'"}};
   for (const Case& c : cases) {
     HostConfig config;
     std::string error;
@@ -82,7 +90,9 @@ TEST(HostArgs, ReadsSettings) {
                      "--frames",
                      "010",
                      "--seed",
-                     "4294967295"},
+                     "4294967295",
+                     "--jobs",
+                     "64"},
                     &c, &error))
       << error;
   EXPECT_FALSE(c.help);
@@ -96,6 +106,10 @@ TEST(HostArgs, ReadsSettings) {
   EXPECT_EQ(c.frames, 10);  // decimal, never octal
   EXPECT_EQ(c.seed, 4294967295u);
   EXPECT_TRUE(c.temporalFilter);
+  EXPECT_EQ(c.jobs, 64);
+  EXPECT_EQ(HostConfig().jobs, 0);  // unset: one thread per core
+  EXPECT_GE(host_default_jobs(), 1);
+  EXPECT_LE(host_default_jobs(), 64);
   ASSERT_EQ(c.properties.size(), 4u);
   EXPECT_EQ(c.properties[0].second, "3");
   EXPECT_EQ(c.properties[1].second, "449");
@@ -231,6 +245,122 @@ TEST(HostColour, Nv21RoundTripKeepsGreyAndPrimariesClose) {
   host_rgb_to_nv21(rgb.data(), w, h, nv21.data());
   host_nv21_to_rgb(nv21.data(), w, h, back.data());
   for (size_t i = 0; i < rgb.size(); ++i) EXPECT_NEAR(back[i], rgb[i], 2) << i;
+}
+
+// Bands of rows, drawn in any order, give the bytes of the whole picture (noise and motion on, a
+// height no band size divides); a band outside the picture is refused.
+TEST(HostSceneBands, BandsInAnyOrderMakeTheWholePicture) {
+  SceneSpec spec;
+  scene_default(&spec, 7);
+  spec.noiseSigma = 2.0f;
+  spec.motion = SCENE_PAN;
+  spec.motionAmount = 0.5f;
+  const int32_t w = 96, h = 61;
+  std::vector<uint8_t> whole(static_cast<size_t>(w) * h * 3), bands(whole.size(), 0);
+  ASSERT_EQ(scene_render_rgb(&spec, 3, 1, w, h, 2, whole.data()), 0);
+  for (int32_t y1 = h; y1 > 0; y1 -= 13)
+    ASSERT_EQ(scene_render_rgb_rows(&spec, 3, 1, w, h, 2, std::max(0, y1 - 13), y1, bands.data()), 0);
+  EXPECT_TRUE(whole == bands);
+  for (const auto& band : {std::make_pair(-1, 4), std::make_pair(60, 62), std::make_pair(5, 5)})
+    EXPECT_EQ(scene_render_rgb_rows(&spec, 3, 1, w, h, 2, band.first, band.second, bands.data()), 1);
+}
+
+// The synthetic and pair sources draw the same frames with or without worker threads (sizes
+// that no band size divides, a panning window).
+TEST(HostSceneBands, SourcesAreTheSameOnAPool) {
+  const std::string dir = testing::TempDir() + "/host_bands_" + std::to_string(getpid());
+  mkdir(dir.c_str(), 0755);
+  for (const char* name : {"/l.ppm", "/r.ppm"}) {
+    FILE* f = fopen((dir + name).c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    fprintf(f, "P6\n200 150\n255\n");
+    for (int i = 0; i < 200 * 150 * 3; ++i) fputc((i * 7 + i / 600 + name[1]) & 255, f);
+    fclose(f);
+  }
+  for (const SourceKind kind : {SourceKind::kSynthetic, SourceKind::kPair}) {
+    HostConfig c;
+    c.source = kind;
+    c.sourcePath = dir + "/l.ppm";
+    c.subImagePath = dir + "/r.ppm";
+    c.mainWidth = 160, c.mainHeight = 90, c.subWidth = 128, c.subHeight = 74, c.motion = "pan", c.frames = 3;
+    auto plain = host_make_source(c), pooled = host_make_source(c);
+    std::string error;
+    ASSERT_TRUE(plain->open(&c, &error)) << error;
+    ASSERT_TRUE(pooled->open(&c, &error)) << error;
+    HostPool pool(3);
+    pooled->setPool(&pool);
+    for (int32_t i = 0; i < 3; ++i) {
+      HostFrame a, b;
+      ASSERT_TRUE(plain->frame(i, &a, &error)) << error;
+      ASSERT_TRUE(pooled->frame(i, &b, &error)) << error;
+      EXPECT_TRUE(a.main == b.main && a.sub == b.sub) << "frame " << i;
+      EXPECT_EQ(a.main.size(), 160u * 90 * 3 / 2);
+      EXPECT_EQ(b.sub.size(), 128u * 74 * 3 / 2);
+    }
+  }
+}
+
+TEST(HostPool, EveryBandRunsOnceAndAFailureIsKept) {
+  for (int32_t threads : {0, 1, 4}) {
+    HostPool pool(threads);
+    std::vector<std::atomic<int32_t>> runs(257);
+    std::string error;
+    EXPECT_TRUE(pool.parallel_for(
+        257, [&](int32_t i) { ++runs[static_cast<size_t>(i)]; }, &error));
+    for (auto& r : runs) EXPECT_EQ(r.load(), 1) << threads << " threads";
+    // A throwing band: the others still run, the call says why.
+    std::atomic<int32_t> ran{0};
+    EXPECT_FALSE(pool.parallel_for(
+        8,
+        [&](int32_t i) {
+          ++ran;
+          if (i == 5) throw std::runtime_error("band five broke");
+        },
+        &error));
+    EXPECT_EQ(error, "band five broke");
+    EXPECT_EQ(ran.load(), 8);
+    // A throwing task: kept, in order, and the pool goes on.
+    pool.submit([] { throw std::runtime_error("task broke"); });
+    std::atomic<int32_t> after{0};
+    pool.submit([&] { ++after; });
+    pool.wait_idle();
+    EXPECT_EQ(pool.failures(), std::vector<std::string>{"task broke"});
+    EXPECT_EQ(after.load(), 1);
+  }
+}
+
+// Outputs held by tasks keep their place until the task lets go: never more than the limit at
+// once, however many are made, and all are given back.
+TEST(HostPool, FramesInFlightStayWithinTheLimit) {
+  HostInFlight flight(3);
+  {
+    HostPool pool(2);
+    for (int32_t i = 0; i < 40; ++i) {
+      flight.acquire();
+      auto held = std::shared_ptr<int32_t>(new int32_t(i), [&flight](int32_t* p) {
+        delete p;
+        flight.release();
+      });
+      pool.submit([held] { usleep(200); });
+    }
+    pool.wait_idle();
+  }
+  EXPECT_LE(flight.peak(), 3);
+  EXPECT_GE(flight.peak(), 1);
+  for (int32_t i = 0; i < 3; ++i) flight.acquire();  // would wait for ever if one were lost
+}
+
+TEST(HostPool, QueueKeepsOrderAndEndsOnceDrained) {
+  HostQueue<int32_t> q(2);
+  std::thread writer([&] {
+    for (int32_t i = 0; i < 100; ++i) ASSERT_TRUE(q.push(i));
+    q.close();
+  });
+  int32_t v = -1, expect = 0;
+  while (q.pop(&v)) EXPECT_EQ(v, expect++);
+  writer.join();
+  EXPECT_EQ(expect, 100);
+  EXPECT_FALSE(q.push(1));  // closed: the item is refused, never queued
 }
 
 }  // namespace

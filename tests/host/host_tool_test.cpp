@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -395,11 +396,89 @@ TEST(HostTool, TallPreviewMakesABoundedSheetAndTrackedFocusStaysInside) {
   EXPECT_LE(sheet.height, 4 * (640 + 8) + 8);
 }
 
+// Everything but timing figures, with digits taken out (cost lines carry milliseconds), sorted:
+// the library's threads may interleave their lines differently.
+std::vector<std::string> logLinesWithoutNumbers(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    std::string kept;
+    for (char ch : line)
+      if (!isdigit(static_cast<unsigned char>(ch))) kept += ch;
+    lines.push_back(kept);
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+// The runner's threads change when work is done, never what is written. The library's own
+// workers hand depth over whenever they finish, so two runs of it may differ once depth is asked
+// for (frame 8 of a scene on): six frames keep the comparison to what the runner decides.
+TEST(HostTool, JobsChangeNoOutput) {
+  const std::string one = tempDir("jobs1"), three = tempDir("jobs3");
+  const std::string args = std::string(kSmall) +
+                           " --frames 6 --motion pan --focus track --setprop persist.vm.ktrrt.sc.debug=1"
+                           " --setprop persist.vm.ktrrt.sc.dump=3 --out ";
+  Result r = runTool(args + one + " --jobs 1", "PATH=/nonexistent");
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  r = runTool(args + three + " --jobs 3", "PATH=/nonexistent");
+  ASSERT_EQ(r.exitCode, 0) << r.output;
+  const auto frames = list(one + "/frames");
+  ASSERT_EQ(frames.size(), 6u);
+  ASSERT_EQ(list(three + "/frames"), frames);
+  std::string error;
+  for (const std::string& f : frames) {
+    Image8 a, b;
+    ASSERT_TRUE(image_read8(one + "/frames/" + f, &a, &error)) << error;
+    ASSERT_TRUE(image_read8(three + "/frames/" + f, &b, &error)) << error;
+    EXPECT_EQ(a.width, b.width);
+    EXPECT_TRUE(a.data == b.data) << f << " differs";
+  }
+  // A panning scene: the frames differ from each other, so an order mix-up would show.
+  Image8 first, last;
+  ASSERT_TRUE(image_read8(one + "/frames/" + frames.front(), &first, &error)) << error;
+  ASSERT_TRUE(image_read8(one + "/frames/" + frames.back(), &last, &error)) << error;
+  EXPECT_FALSE(first.data == last.data);
+  Image8 sheetA, sheetB;
+  ASSERT_TRUE(image_read8(one + "/contact_sheet.png", &sheetA, &error)) << error;
+  ASSERT_TRUE(image_read8(three + "/contact_sheet.png", &sheetB, &error)) << error;
+  EXPECT_TRUE(sheetA.data == sheetB.data);
+  const std::string y4m = readAll(one + "/output.y4m");
+  EXPECT_EQ(occurrences(y4m, "FRAME\n"), 6u);
+  EXPECT_TRUE(y4m == readAll(three + "/output.y4m"));
+  const auto dumps = dumpsOf(one + "/dumps", "preview-main");
+  EXPECT_EQ(dumps.size(), 6u);
+  EXPECT_TRUE(dumps == dumpsOf(three + "/dumps", "preview-main"));
+  EXPECT_EQ(list(one + "/dumps"), list(three + "/dumps"));
+  EXPECT_EQ(logLinesWithoutNumbers(readAll(one + "/log.txt")), logLinesWithoutNumbers(readAll(three + "/log.txt")));
+}
+
+// Frames written on worker threads: each failure is named and counted, none is lost.
+TEST(HostTool, FailedWritesOnWorkerThreadsAreEachNamed) {
+  const std::string dir = tempDir("workerwrites");
+  ASSERT_EQ(mkdir((dir + "/o").c_str(), 0755), 0);
+  ASSERT_EQ(mkdir((dir + "/o/frames").c_str(), 0755), 0);
+  for (const char* f : {"frame_0001.png", "frame_0004.png", "frame_0006.png"})
+    ASSERT_EQ(symlink("/dev/full", (dir + "/o/frames/" + f).c_str()), 0);
+  const Result r = runTool(std::string(kSmall) + " --frames 8 --no-video --jobs 4 --out " + dir + "/o");
+  EXPECT_EQ(r.exitCode, 5) << r.output;
+  for (const char* f : {"frame_0001.png", "frame_0004.png", "frame_0006.png"})
+    EXPECT_NE(r.output.find("could not write " + dir + "/o/frames/" + f), std::string::npos) << f << "\n" << r.output;
+  EXPECT_NE(r.output.find("3 outputs could not be written"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("frames written: 5 of 8"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("contact sheet: " + dir + "/o/contact_sheet.png"), std::string::npos) << r.output;
+}
+
 TEST(HostTool, HelpListsExitCodesAndTheEncoderOverride) {
   const Result r = runTool("--help");
   EXPECT_EQ(r.exitCode, 0);
   EXPECT_NE(r.output.find("exit codes"), std::string::npos) << r.output;
   EXPECT_NE(r.output.find("VM_HOST_FFMPEG"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("--jobs N"), std::string::npos) << r.output;
+  EXPECT_NE(r.output.find("zlib level 1"), std::string::npos) << r.output;
+  const Result jobs = runTool("--jobs 65");
+  EXPECT_EQ(jobs.exitCode, 2);
+  EXPECT_NE(jobs.output.find("--jobs: '65'"), std::string::npos) << jobs.output;
   const Result bad = runTool("--frames 1 --setprop persist.vm.ktrrt.sc.dump=0xff");
   EXPECT_EQ(bad.exitCode, 2);
   EXPECT_NE(bad.output.find("persist.vm.ktrrt.sc.dump"), std::string::npos) << bad.output;

@@ -38,6 +38,7 @@ struct HostConfig {
   bool sheet = true;
   bool pngFrames = true;
   bool progress = true;  // shown only on a terminal
+  int32_t jobs = 0;      // worker threads for the runner's own work; 0: one per core
   bool help = false;     // --help: print the usage and stop
 };
 

@@ -13,15 +13,20 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "host_config.h"
 #include "host_outputs.h"
+#include "host_pool.h"
 #include "host_sources.h"
 #include "image/depth_display.h"
 #include "tool_cli.h"
@@ -170,6 +175,44 @@ void greyMap(const std::vector<uint8_t>& raw, int32_t w, int32_t h, std::vector<
   for (size_t i = 0; i < n; ++i) (*rgb)[3 * i] = (*rgb)[3 * i + 1] = (*rgb)[3 * i + 2] = raw[i];
 }
 
+// A place among the outputs in flight, taken when made (waiting for one) and given back when
+// destroyed.
+struct InFlightPlace {
+  explicit InFlightPlace(HostInFlight* f) : flight(f) { flight->acquire(); }
+  ~InFlightPlace() { flight->release(); }
+  InFlightPlace(const InFlightPlace&) = delete;
+  InFlightPlace& operator=(const InFlightPlace&) = delete;
+  HostInFlight* flight;
+};
+// One output frame on its way to the workers; it holds its place until the last of them lets
+// go of it.
+struct OutFrame {
+  explicit OutFrame(HostInFlight* f) : place(f) {}
+  InFlightPlace place;  // first: taken before the copy is made, given back even if it fails
+  int32_t index = 0;
+  std::vector<uint8_t> nv21;
+};
+
+// A frame as the drawing thread hands it over, or why it could not be had.
+struct Drawn {
+  int32_t index = 0;
+  bool ok = false;
+  HostFrame frame;
+  std::string error;
+};
+
+// The drawing and video threads; whatever ends the run, they are stopped and joined.
+struct RunnerThreads {
+  std::function<void()> closeAll;
+  std::thread feeder, video;
+  void join() {
+    if (closeAll) closeAll();
+    if (feeder.joinable()) feeder.join();
+    if (video.joinable()) video.join();
+  }
+  ~RunnerThreads() { join(); }
+};
+
 bool hasProperty(const HostConfig& c, const std::string& name) {
   for (const auto& p : c.properties)
     if (p.first == name) return true;
@@ -272,14 +315,16 @@ int hostMain(int argc, char** argv) {
 
   // The large buffers come before Init, so an allocation failure never leaves a session open.
   const size_t mainBytes = static_cast<size_t>(w) * h * 3 / 2;
-  std::vector<uint8_t> work(mainBytes), rgb(static_cast<size_t>(w) * h * 3), inputRgb;
+  std::vector<uint8_t> work(mainBytes);
   int32_t cellW = 0, cellH = 0;
   host_sheet_cell(w, h, &cellW, &cellH);
   std::vector<int32_t> sheetFrames;
-  const int32_t sheetRows = std::min(frames, 4);
-  for (int32_t k = 0; k < sheetRows; ++k)
-    sheetFrames.push_back(sheetRows == 1 ? frames - 1 : k * (frames - 1) / (sheetRows - 1));
-  if (config.sheet && !sheetFrames.empty()) inputRgb.resize(rgb.size());
+  const int32_t sheetCount = std::min(frames, 4);
+  for (int32_t k = 0; k < sheetCount; ++k)
+    sheetFrames.push_back(sheetCount == 1 ? frames - 1 : k * (frames - 1) / (sheetCount - 1));
+  // One slot per sheet frame, filled by a worker; a skipped frame leaves its slot empty.
+  std::vector<SheetRow> sheetRows(config.sheet ? sheetFrames.size() : 0);
+  std::vector<char> sheetFilled(sheetRows.size(), 0);
 
   const std::string logPath = out + "/log.txt";
   TimingReport timing;
@@ -339,20 +384,114 @@ int hostMain(int argc, char** argv) {
     videoOpen = video.open(out, w, h, true, &error);
     if (!videoOpen) report.write_failed(video.path(), error);
   }
-  std::vector<SheetRow> sheet;
+  // The report is shared with the drawing and output threads from here on.
+  std::mutex reportMu;
+  source->setReport(&report, &reportMu);
+  auto reportFailed = [&](const std::string& path, const std::string& why) {
+    std::lock_guard<std::mutex> lock(reportMu);
+    report.write_failed(path, why);
+  };
+  auto traceEvent = [&](const char* name, int64_t t0, const char* thread) {
+    const int64_t t1 = nowUs();
+    const int32_t tid = threadId();
+    std::lock_guard<std::mutex> lock(g_log.mu);
+    timing.events.push_back(TraceEvent{name, t0 - g_log.originUs, t1 - t0, tid});
+    g_log.threads.emplace(tid, thread);
+  };
   ProgressBar progress(config.progress);
   std::vector<uint8_t> chipBytes;
-  int32_t renderErrors = 0, written = 0;
+  int32_t renderErrors = 0;
+  std::atomic<int32_t> written{0};
   const char* lineStart = config.progress ? "\n" : "";
   const int64_t start = nowUs();
+
+  // The runner's own work beside the caller's thread, which alone drives the library: the
+  // feeder draws the next frames (in bands on the pool) while the library runs this one, the
+  // pool encodes the outputs, the video thread writes them in order. At most 2 drawn frames
+  // and jobs + 2 outputs wait at any time, and the outputs (each a frame and, while encoded, its
+  // RGB picture) within about 1 GiB: memory stays bounded whatever the frame count and size.
+  const int32_t jobs = config.jobs > 0 ? config.jobs : host_default_jobs();
+  const int64_t outputLimit =
+      std::max<int64_t>(2, std::min<int64_t>(jobs + 2, (int64_t{1} << 30) / static_cast<int64_t>(mainBytes * 3)));
+  // Declared before the pool: what its queued tasks use outlives them, however the run ends.
+  HostInFlight inFlight(static_cast<int32_t>(outputLimit));
+  auto writeFrame = [&](const std::shared_ptr<OutFrame>& o) {
+    const int64_t t0 = nowUs();
+    char name[64];
+    snprintf(name, sizeof name, "/frames/frame_%04d.png", o->index);
+    const std::string path = out + name;
+    std::string why, where;
+    try {
+      // Per task, not per worker: only frames in flight hold one, however many workers there are.
+      std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
+      host_nv21_to_rgb(o->nv21.data(), w, h, rgb.data());
+      if (host_write_rgb(path, rgb.data(), w, h, 1, &where, &why)) ++written;
+    } catch (const std::bad_alloc&) {
+      why = "out of memory";
+    }
+    if (!why.empty()) reportFailed(path, why);
+    traceEvent("png frame", t0, "runner worker");
+  };
+
+  HostPool pool(jobs);
+  source->setPool(&pool);
+  HostQueue<std::shared_ptr<OutFrame>> videoQueue(static_cast<size_t>(outputLimit));
+  HostQueue<Drawn> drawn(2);
+  RunnerThreads threads;
+  threads.closeAll = [&] {
+    drawn.close();
+    videoQueue.close();
+  };
+  threads.feeder = std::thread([&] {
+    try {
+      for (int32_t i = 0; i < frames; ++i) {
+        Drawn d;
+        d.index = i;
+        const int64_t t0 = nowUs();
+        try {
+          d.ok = source->frame(i, &d.frame, &d.error);
+        } catch (const std::exception& e) {
+          d.ok = false;
+          d.error = std::string("could not be drawn: ") + e.what();
+        }
+        traceEvent("draw frame", t0, "frame drawing thread");
+        if (!drawn.push(std::move(d))) break;
+      }
+    } catch (const std::exception&) {
+      // The caller counts every frame that never arrived as skipped.
+    }
+    drawn.close();
+  });
+  if (videoOpen) {
+    threads.video = std::thread([&] {
+      std::shared_ptr<OutFrame> o;
+      while (videoQueue.pop(&o)) {
+        const int64_t t0 = nowUs();
+        video.write(o->nv21.data());  // a failure is kept and said at close
+        o.reset();
+        traceEvent("video frame", t0, "video thread");
+      }
+    });
+  }
   for (int32_t i = 0; i < frames; ++i) {
-    HostFrame f;
-    if (!source->frame(i, &f, &error)) {
+    Drawn d;
+    if (!drawn.pop(&d)) {
       fputs(lineStart, stderr);
-      report.skip(f.name.empty() ? "frame " + std::to_string(i) : f.name, error);
+      std::lock_guard<std::mutex> lock(reportMu);
+      report.skip("frame " + std::to_string(i), "it was never drawn (the drawing thread stopped)");
       continue;
     }
-    ++report.processed;
+    HostFrame& f = d.frame;
+    if (!d.ok) {
+      fputs(lineStart, stderr);
+      std::lock_guard<std::mutex> lock(reportMu);
+      report.skip(f.name.empty() ? "frame " + std::to_string(i) : f.name, d.error);
+      continue;
+    }
+    {
+      std::lock_guard<std::mutex> lock(reportMu);
+      ++report.processed;
+    }
     memcpy(work.data(), f.main.data(), mainBytes);
     TriggerData t;
     memset(&t, 0, sizeof t);
@@ -416,49 +555,65 @@ int hostMain(int argc, char** argv) {
       fprintf(stderr, "%svmktr_host: frame %d: vmKtrRT_SC_Run returned %d (renderer code %d)\n", lineStart, i, result,
               -result);
 
-    // A failed video is said once at the end, with the encoder's exit; later frames are not sent.
-    if (videoOpen) video.write(work.data());
-    const bool onSheet = config.sheet && std::find(sheetFrames.begin(), sheetFrames.end(), i) != sheetFrames.end();
-    if (pngFrames || onSheet) host_nv21_to_rgb(work.data(), w, h, rgb.data());
-    if (pngFrames) {
-      char name[64];
-      snprintf(name, sizeof name, "/frames/frame_%04d.png", i);
-      std::string path;
-      if (host_write_rgb(out + name, rgb.data(), w, h, 1, &path, &error))
-        ++written;
-      else
-        report.write_failed(out + name, error);
-    }
-    if (onSheet) {
-      SheetRow row;
-      row.frame = i;
-      row.width = cellW;
-      row.height = cellH;
-      row.output.resize(static_cast<size_t>(cellW) * cellH * 3);
-      host_scale_rgb(rgb.data(), w, h, w, row.output.data(), cellW, cellH);
-      host_nv21_to_rgb(f.main.data(), w, h, inputRgb.data());
-      row.input.resize(row.output.size());
-      host_scale_rgb(inputRgb.data(), w, h, w, row.input.data(), cellW, cellH);
-      std::vector<uint8_t> raw;
-      const size_t depthCells = static_cast<size_t>(config.depthWidth) * config.depthHeight;
-      if (newestDump(dumpDir, "depth", depthCells * 2, &raw)) {
-        row.depthWidth = config.depthWidth;
-        row.depthHeight = config.depthHeight;
-        colouriseDepth(raw, row.depthWidth, row.depthHeight, &row.depthRgb);
+    // The outputs are the runner's: a copy of the frame goes to the workers and the caller
+    // moves on to the next frame (waiting only while the most outputs allowed are unfinished).
+    const auto sheetAt = std::find(sheetFrames.begin(), sheetFrames.end(), i);
+    const bool onSheet = config.sheet && sheetAt != sheetFrames.end();
+    if (videoOpen || pngFrames || onSheet) {
+      auto o = std::make_shared<OutFrame>(&inFlight);
+      o->index = i;
+      o->nv21 = work;
+      if (videoOpen) videoQueue.push(o);
+      if (pngFrames) pool.submit([&writeFrame, o] { writeFrame(o); });
+      if (onSheet) {
+        // The newest maps are the ones this frame was drawn with: read them now, on this thread.
+        std::vector<uint8_t> depthRaw, mapRaw;
+        const bool chip = (config.cameraLayout & 0x10) != 0;
+        const int32_t mapW = chip ? config.depthWidth : 320, mapH = chip ? config.depthHeight : 240;
+        const bool hasDepth =
+            newestDump(dumpDir, "depth", static_cast<size_t>(config.depthWidth) * config.depthHeight * 2, &depthRaw);
+        const bool hasMap = newestDump(dumpDir, "refocus", static_cast<size_t>(mapW) * mapH, &mapRaw);
+        const size_t k = static_cast<size_t>(sheetAt - sheetFrames.begin());
+        pool.submit([&, o, k, hasDepth, hasMap, mapW, mapH, input = std::move(f.main), depthRaw = std::move(depthRaw),
+                     mapRaw = std::move(mapRaw)] {
+          SheetRow row;
+          row.frame = o->index;
+          row.width = cellW;
+          row.height = cellH;
+          std::vector<uint8_t> full(static_cast<size_t>(w) * h * 3);
+          host_nv21_to_rgb(o->nv21.data(), w, h, full.data());
+          row.output.resize(static_cast<size_t>(cellW) * cellH * 3);
+          host_scale_rgb(full.data(), w, h, w, row.output.data(), cellW, cellH);
+          host_nv21_to_rgb(input.data(), w, h, full.data());
+          row.input.resize(row.output.size());
+          host_scale_rgb(full.data(), w, h, w, row.input.data(), cellW, cellH);
+          if (hasDepth) {
+            row.depthWidth = config.depthWidth;
+            row.depthHeight = config.depthHeight;
+            colouriseDepth(depthRaw, row.depthWidth, row.depthHeight, &row.depthRgb);
+          }
+          if (hasMap) {
+            row.mapWidth = mapW;
+            row.mapHeight = mapH;
+            greyMap(mapRaw, row.mapWidth, row.mapHeight, &row.mapRgb);
+          }
+          sheetRows[k] = std::move(row);
+          sheetFilled[k] = 1;
+        });
       }
-      const bool chip = (config.cameraLayout & 0x10) != 0;
-      const int32_t mapW = chip ? config.depthWidth : 320, mapH = chip ? config.depthHeight : 240;
-      if (newestDump(dumpDir, "refocus", static_cast<size_t>(mapW) * mapH, &raw)) {
-        row.mapWidth = mapW;
-        row.mapHeight = mapH;
-        greyMap(raw, row.mapWidth, row.mapHeight, &row.mapRgb);
-      }
-      sheet.push_back(std::move(row));
     }
     progress.update(i + 1, frames, (nowUs() - start) / 1e6);
   }
+  // Every frame has been run; the outputs finish before the session ends.
+  threads.join();
+  pool.wait_idle();
   progress.finish();
   timing.wallSeconds = (nowUs() - start) / 1e6;
+  // A task that failed outside its own checks (it names its file when it can) is never lost.
+  for (const std::string& failure : pool.failures()) reportFailed(out, "a worker thread failed: " + failure);
+  std::vector<SheetRow> sheet;
+  for (size_t k = 0; k < sheetRows.size(); ++k)
+    if (sheetFilled[k] != 0) sheet.push_back(std::move(sheetRows[k]));
   vmKtrRT_SC_Deinit();
   vm_host_log_set_hook(nullptr, nullptr);
   for (const auto& t : g_log.threads) timing.threadNames.push_back(t);
@@ -501,7 +656,7 @@ int hostMain(int argc, char** argv) {
     printf("the library reported %zu ERROR line(s), the first:\n  %s\n", g_log.errors.size(), g_log.errors[0].c_str());
   }
   // Only what is really on disk.
-  if (written > 0) printf("frames written: %d of %d in %s/frames\n", written, frames, out.c_str());
+  if (written > 0) printf("frames written: %d of %d in %s/frames\n", written.load(), frames, out.c_str());
   if (!sheetPath.empty()) printf("contact sheet: %s\n", sheetPath.c_str());
   if (!videoPath.empty()) printf("video: %s\n", videoPath.c_str());
   if (logWritten) printf("log: %s\n", logPath.c_str());

@@ -8,10 +8,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 
 #include "calib_block.h"
+#include "host_pool.h"
 #include "image_io.h"
 #include "synth_scene.h"
 #include "tool_cli.h"
@@ -20,6 +22,52 @@ namespace {
 
 uint8_t clamp8(float v) {
   return static_cast<uint8_t>(v < 0 ? 0 : v > 255 ? 255 : v + 0.5f);
+}
+
+// Rows y0..y1-1 (y0 even) of the whole picture: their luma and the chroma rows they own.
+void rgbToNv21Rows(const uint8_t* rgb, int32_t w, int32_t h, int32_t y0, int32_t y1, uint8_t* nv21) {
+  for (int32_t y = y0; y < y1; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const uint8_t* p = rgb + (static_cast<size_t>(y) * w + x) * 3;
+      nv21[static_cast<size_t>(y) * w + x] = clamp8(0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2]);
+    }
+  uint8_t* vu = nv21 + static_cast<size_t>(w) * h;
+  for (int32_t y = y0; y + 1 < y1 && y + 1 < h; y += 2)
+    for (int32_t x = 0; x + 1 < w; x += 2) {
+      float r = 0, g = 0, b = 0;
+      for (int32_t dy = 0; dy < 2; ++dy)
+        for (int32_t dx = 0; dx < 2; ++dx) {
+          const uint8_t* p = rgb + (static_cast<size_t>(y + dy) * w + x + dx) * 3;
+          r += p[0], g += p[1], b += p[2];
+        }
+      r /= 4, g /= 4, b /= 4;
+      uint8_t* o = vu + static_cast<size_t>(y / 2) * w + x;
+      o[0] = clamp8(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);  // V
+      o[1] = clamp8(128.0f - 0.168736f * r - 0.331264f * g + 0.5f * b);  // U
+    }
+}
+
+// Rows rowBegin..rowEnd-1 of the scaled picture (dst is the whole picture).
+void scaleRgbRows(const uint8_t* src, int32_t sw, int32_t sh, int32_t srcStride, uint8_t* dst, int32_t dw, int32_t dh,
+                  int32_t rowBegin, int32_t rowEnd) {
+  for (int32_t y = rowBegin; y < rowEnd; ++y) {
+    const float fy = std::max(0.0f, (y + 0.5f) * sh / dh - 0.5f);
+    const int32_t y0 = std::min(static_cast<int32_t>(fy), sh - 1), y1 = std::min(y0 + 1, sh - 1);
+    const float wy = fy - y0;
+    for (int32_t x = 0; x < dw; ++x) {
+      const float fx = std::max(0.0f, (x + 0.5f) * sw / dw - 0.5f);
+      const int32_t x0 = std::min(static_cast<int32_t>(fx), sw - 1), x1 = std::min(x0 + 1, sw - 1);
+      const float wx = fx - x0;
+      for (int32_t k = 0; k < 3; ++k) {
+        auto at = [&](int32_t yy, int32_t xx) {
+          return static_cast<float>(src[(static_cast<size_t>(yy) * srcStride + xx) * 3 + k]);
+        };
+        const float top = at(y0, x0) * (1 - wx) + at(y0, x1) * wx;
+        const float bottom = at(y1, x0) * (1 - wx) + at(y1, x1) * wx;
+        dst[(static_cast<size_t>(y) * dw + x) * 3 + k] = clamp8(top * (1 - wy) + bottom * wy);
+      }
+    }
+  }
 }
 
 // ---- synthetic scene ----
@@ -69,11 +117,11 @@ class SyntheticSource : public HostSource {
     // A still scene is rendered once: every frame of it is the same picture (with the same noise).
     const int32_t sceneFrame = spec_.motion == SCENE_STILL ? 0 : index;
     if (cachedFrame_ != sceneFrame) {
-      main_.assign(static_cast<size_t>(config_.mainWidth) * config_.mainHeight * 3 / 2, 0);
-      sub_.assign(static_cast<size_t>(config_.subWidth) * config_.subHeight * 3 / 2, 0);
-      if (scene_render_nv21(&spec_, sceneFrame, 0, config_.mainWidth, config_.mainHeight, 2, main_.data()) != 0 ||
-          scene_render_nv21(&spec_, sceneFrame, 1, config_.subWidth, config_.subHeight, 2, sub_.data()) != 0) {
-        *error = "synthetic frame " + std::to_string(index) + " could not be rendered";
+      cachedFrame_ = -1;  // a failure below leaves no half-drawn frame to reuse
+      std::string why;
+      if (!render(sceneFrame, &why)) {
+        *error =
+            "synthetic frame " + std::to_string(index) + " could not be rendered" + (why.empty() ? "" : ": " + why);
         return false;
       }
       if ((config_.cameraLayout & 0x10) != 0) makeChip(sceneFrame);
@@ -87,6 +135,34 @@ class SyntheticSource : public HostSource {
   }
 
  private:
+  // Both views in bands of rows (on the pool's threads when there is one), then NV21 as
+  // scene_render_nv21 makes it: the bytes do not depend on how the bands were shared out.
+  bool render(int32_t sceneFrame, std::string* why) {
+    const int32_t mw = config_.mainWidth, mh = config_.mainHeight, sw = config_.subWidth, sh = config_.subHeight;
+    mainRgb_.resize(static_cast<size_t>(mw) * mh * 3);
+    subRgb_.resize(static_cast<size_t>(sw) * sh * 3);
+    constexpr int32_t kBandRows = 16;
+    const int32_t mainBands = (mh + kBandRows - 1) / kBandRows, subBands = (sh + kBandRows - 1) / kBandRows;
+    std::atomic<int32_t> failed{0};
+    auto band = [&](int32_t b) {
+      const bool isMain = b < mainBands;
+      const int32_t h = isMain ? mh : sh, y0 = (isMain ? b : b - mainBands) * kBandRows;
+      if (scene_render_rgb_rows(&spec_, sceneFrame, isMain ? 0 : 1, isMain ? mw : sw, h, 2, y0,
+                                std::min(h, y0 + kBandRows), isMain ? mainRgb_.data() : subRgb_.data()) != 0)
+        failed.store(1);
+    };
+    if (pool_ != nullptr) {
+      if (!pool_->parallel_for(mainBands + subBands, band, why)) return false;
+    } else {
+      for (int32_t b = 0; b < mainBands + subBands; ++b) band(b);
+    }
+    if (failed.load() != 0) return false;
+    main_.assign(static_cast<size_t>(mw) * mh * 3 / 2, 0);
+    sub_.assign(static_cast<size_t>(sw) * sh * 3 / 2, 0);
+    scene_rgb_to_nv21(mainRgb_.data(), mw, mh, main_.data());
+    scene_rgb_to_nv21(subRgb_.data(), sw, sh, sub_.data());
+    return true;
+  }
   // Chip depth from the scene's true disparity, in the depth samples' meaning (1/16 pixel of
   // the depth grid, 10 or 8 bits).
   void makeChip(int32_t frame) {
@@ -108,7 +184,7 @@ class SyntheticSource : public HostSource {
   HostConfig config_;
   SceneSpec spec_{};
   int32_t cachedFrame_ = -1;
-  std::vector<uint8_t> main_, sub_;
+  std::vector<uint8_t> main_, sub_, mainRgb_, subRgb_;
   std::vector<uint16_t> chip_;
 };
 
@@ -176,7 +252,7 @@ class PairSource : public HostSource {
     return true;
   }
   int32_t frameCount() const override { return config_.frames; }
-  bool frame(int32_t index, HostFrame* out, std::string* /*error*/) override {
+  bool frame(int32_t index, HostFrame* out, std::string* error) override {
     // Still: the window centred; pan: it slides across the spare width and back.
     const int32_t spareX = left_.width - cropW_, spareY = left_.height - cropH_;
     int32_t x0 = spareX / 2;
@@ -187,9 +263,13 @@ class PairSource : public HostSource {
     const int32_t y0 = spareY / 2;
     out->main.resize(static_cast<size_t>(config_.mainWidth) * config_.mainHeight * 3 / 2);
     out->sub.resize(static_cast<size_t>(config_.subWidth) * config_.subHeight * 3 / 2);
-    render(left_, x0, y0, config_.mainWidth, config_.mainHeight, out->main.data());
-    render(right_, x0, y0, config_.subWidth, config_.subHeight, out->sub.data());
     out->name = "pair frame " + std::to_string(index);
+    std::string why;
+    if (!render(left_, x0, y0, config_.mainWidth, config_.mainHeight, out->main.data(), &why) ||
+        !render(right_, x0, y0, config_.subWidth, config_.subHeight, out->sub.data(), &why)) {
+      *error = out->name + " could not be drawn: " + why;
+      return false;
+    }
     return true;
   }
 
@@ -218,11 +298,21 @@ class PairSource : public HostSource {
     im->data.swap(rgb);
     im->channels = 3;
   }
-  void render(const Image8& im, int32_t x0, int32_t y0, int32_t w, int32_t h, uint8_t* nv21) {
+  // In bands of even rows on the pool when there is one; every row is computed alone, so the
+  // bytes are the same either way.
+  bool render(const Image8& im, int32_t x0, int32_t y0, int32_t w, int32_t h, uint8_t* nv21, std::string* error) {
     std::vector<uint8_t> rgb(static_cast<size_t>(w) * h * 3);
-    host_scale_rgb(im.data.data() + (static_cast<size_t>(y0) * im.width + x0) * 3, cropW_, cropH_, im.width, rgb.data(),
-                   w, h);
-    host_rgb_to_nv21(rgb.data(), w, h, nv21);
+    const uint8_t* src = im.data.data() + (static_cast<size_t>(y0) * im.width + x0) * 3;
+    constexpr int32_t kBandRows = 32;
+    const int32_t bands = (h + kBandRows - 1) / kBandRows;
+    auto band = [&](int32_t b) {
+      const int32_t r0 = b * kBandRows, r1 = std::min(h, r0 + kBandRows);
+      scaleRgbRows(src, cropW_, cropH_, im.width, rgb.data(), w, h, r0, r1);
+      rgbToNv21Rows(rgb.data(), w, h, r0, r1, nv21);
+    };
+    if (pool_ != nullptr) return pool_->parallel_for(bands, band, error);
+    for (int32_t b = 0; b < bands; ++b) band(b);
+    return true;
   }
   HostConfig config_;
   Image8 left_, right_;
@@ -328,9 +418,11 @@ class DumpSource : public HostSource {
     return true;
   }
   void skip(const std::string& what, const std::string& why) {
-    if (report_ != nullptr)
+    if (report_ != nullptr) {
+      std::unique_lock<std::mutex> lock;
+      if (reportMu_ != nullptr) lock = std::unique_lock<std::mutex>(*reportMu_);
       report_->skip(what, why);
-    else
+    } else
       fprintf(stderr, "vmktr_host: skipped %s: %s\n", what.c_str(), why.c_str());
   }
   HostConfig* config_ = nullptr;
@@ -341,25 +433,7 @@ class DumpSource : public HostSource {
 }  // namespace
 
 void host_rgb_to_nv21(const uint8_t* rgb, int32_t w, int32_t h, uint8_t* nv21) {
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      const uint8_t* p = rgb + (static_cast<size_t>(y) * w + x) * 3;
-      nv21[static_cast<size_t>(y) * w + x] = clamp8(0.299f * p[0] + 0.587f * p[1] + 0.114f * p[2]);
-    }
-  uint8_t* vu = nv21 + static_cast<size_t>(w) * h;
-  for (int32_t y = 0; y + 1 < h; y += 2)
-    for (int32_t x = 0; x + 1 < w; x += 2) {
-      float r = 0, g = 0, b = 0;
-      for (int32_t dy = 0; dy < 2; ++dy)
-        for (int32_t dx = 0; dx < 2; ++dx) {
-          const uint8_t* p = rgb + (static_cast<size_t>(y + dy) * w + x + dx) * 3;
-          r += p[0], g += p[1], b += p[2];
-        }
-      r /= 4, g /= 4, b /= 4;
-      uint8_t* o = vu + static_cast<size_t>(y / 2) * w + x;
-      o[0] = clamp8(128.0f + 0.5f * r - 0.418688f * g - 0.081312f * b);  // V
-      o[1] = clamp8(128.0f - 0.168736f * r - 0.331264f * g + 0.5f * b);  // U
-    }
+  rgbToNv21Rows(rgb, w, h, 0, h, nv21);
 }
 
 void host_nv21_to_rgb(const uint8_t* nv21, int32_t w, int32_t h, uint8_t* rgb) {
@@ -378,24 +452,7 @@ void host_nv21_to_rgb(const uint8_t* nv21, int32_t w, int32_t h, uint8_t* rgb) {
 
 void host_scale_rgb(const uint8_t* src, int32_t sw, int32_t sh, int32_t srcStride, uint8_t* dst, int32_t dw,
                     int32_t dh) {
-  for (int32_t y = 0; y < dh; ++y) {
-    const float fy = std::max(0.0f, (y + 0.5f) * sh / dh - 0.5f);
-    const int32_t y0 = std::min(static_cast<int32_t>(fy), sh - 1), y1 = std::min(y0 + 1, sh - 1);
-    const float wy = fy - y0;
-    for (int32_t x = 0; x < dw; ++x) {
-      const float fx = std::max(0.0f, (x + 0.5f) * sw / dw - 0.5f);
-      const int32_t x0 = std::min(static_cast<int32_t>(fx), sw - 1), x1 = std::min(x0 + 1, sw - 1);
-      const float wx = fx - x0;
-      for (int32_t k = 0; k < 3; ++k) {
-        auto at = [&](int32_t yy, int32_t xx) {
-          return static_cast<float>(src[(static_cast<size_t>(yy) * srcStride + xx) * 3 + k]);
-        };
-        const float top = at(y0, x0) * (1 - wx) + at(y0, x1) * wx;
-        const float bottom = at(y1, x0) * (1 - wx) + at(y1, x1) * wx;
-        dst[(static_cast<size_t>(y) * dw + x) * 3 + k] = clamp8(top * (1 - wy) + bottom * wy);
-      }
-    }
-  }
+  scaleRgbRows(src, sw, sh, srcStride, dst, dw, dh, 0, dh);
 }
 
 std::unique_ptr<HostSource> host_make_source(const HostConfig& config) {

@@ -6,6 +6,7 @@
 #include <stdint.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "host_dumps.h"
 
 struct ToolReport;
+class HostPool;
 
 struct HostFrame {
   std::vector<uint8_t> main;   // NV21, main preview size
@@ -35,14 +37,23 @@ class HostSource {
   // false with a message when the frame cannot be had: the run reports it and skips the frame.
   virtual bool frame(int32_t index, HostFrame* out, std::string* error) = 0;
   const std::vector<uint8_t>& calibration() const { return calibration_; }
-  // Where files the source passes over are counted (dumps refused by name).
-  void setReport(ToolReport* report) { report_ = report; }
+  // Where files the source passes over are counted (dumps refused by name); mu, when given, is
+  // held around each use (frames may be drawn on another thread than the report's owner's).
+  void setReport(ToolReport* report, std::mutex* mu = nullptr) {
+    report_ = report;
+    reportMu_ = mu;
+  }
+  // Worker threads a frame may be drawn on in bands, byte for byte as on one thread (none: the
+  // calling thread draws). frame() itself is called from one thread at a time, in order.
+  void setPool(HostPool* pool) { pool_ = pool; }
   // Where the scene's subject is in the main preview, when the source knows it.
   virtual bool subject(int32_t /*frame*/, int32_t* /*x*/, int32_t* /*y*/) const { return false; }
 
  protected:
   std::vector<uint8_t> calibration_;
   ToolReport* report_ = nullptr;
+  std::mutex* reportMu_ = nullptr;
+  HostPool* pool_ = nullptr;
 };
 
 std::unique_ptr<HostSource> host_make_source(const HostConfig& config);

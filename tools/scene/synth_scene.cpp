@@ -45,10 +45,6 @@ uint32_t hash32(uint32_t x) {
   x ^= x >> 16;
   return x;
 }
-uint32_t hash3(int32_t x, int32_t y, int32_t z, uint32_t seed) {
-  return hash32(uint32_t(x) * 0x8da6b343U ^
-                hash32(uint32_t(y) * 0xd8163841U ^ hash32(uint32_t(z) * 0xcb1ab31fU ^ seed)));
-}
 float unit(uint32_t h) {
   return float(h >> 8) * (1.0f / 16777216.0f);
 }
@@ -74,8 +70,16 @@ float value_noise(V3 p, uint32_t seed) {
   float fx = floorf(p.x), fy = floorf(p.y), fz = floorf(p.z);
   int32_t ix = int32_t(fx), iy = int32_t(fy), iz = int32_t(fz);
   float tx = smooth(p.x - fx), ty = smooth(p.y - fy), tz = smooth(p.z - fz);
+  // Each corner's value is hash32(x * 0x8da6b343 ^ hash32(y * 0xd8163841 ^ hash32(z * 0xcb1ab31f ^
+  // seed))); the inner hashes the corners share are computed once.
   float c[8];
-  for (int i = 0; i < 8; ++i) c[i] = unit(hash3(ix + (i & 1), iy + ((i >> 1) & 1), iz + (i >> 2), seed));
+  for (int k = 0; k < 2; ++k) {
+    const uint32_t hz = hash32(uint32_t(iz + k) * 0xcb1ab31fU ^ seed);
+    for (int j = 0; j < 2; ++j) {
+      const uint32_t hyz = hash32(uint32_t(iy + j) * 0xd8163841U ^ hz);
+      for (int i = 0; i < 2; ++i) c[k * 4 + j * 2 + i] = unit(hash32(uint32_t(ix + i) * 0x8da6b343U ^ hyz));
+    }
+  }
   float x00 = c[0] + (c[1] - c[0]) * tx, x10 = c[2] + (c[3] - c[2]) * tx;
   float x01 = c[4] + (c[5] - c[4]) * tx, x11 = c[6] + (c[7] - c[6]) * tx;
   float y0 = x00 + (x10 - x00) * ty, y1 = x01 + (x11 - x01) * ty;
@@ -292,10 +296,12 @@ bool sizes_ok(int32_t w, int32_t h) {
 }
 
 // Renders RGB in floating point (0..1 per channel before gain and noise).
-void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, int32_t aa, float* out) {
+// Rows y0..y1-1 only, the band's first row at out (callers may split a picture into bands).
+void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, int32_t aa, int32_t y0,
+                  int32_t y1, float* out) {
   Camera c = camera_for(s, frame, cam, w, h);
   float inv = 1.0f / float(aa * aa);
-  for (int32_t y = 0; y < h; ++y) {
+  for (int32_t y = y0; y < y1; ++y) {
     for (int32_t x = 0; x < w; ++x) {
       V3 acc = v3(0, 0, 0);
       for (int32_t sy = 0; sy < aa; ++sy) {
@@ -308,7 +314,7 @@ void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int
           acc = acc + shade(s, hit, d);
         }
       }
-      float* p = out + 3 * (size_t(y) * size_t(w) + size_t(x));
+      float* p = out + 3 * (size_t(y - y0) * size_t(w) + size_t(x));
       p[0] = acc.x * inv;
       p[1] = acc.y * inv;
       p[2] = acc.z * inv;
@@ -316,12 +322,15 @@ void render_float(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int
   }
 }
 
-void finish_rgb(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t h, const float* in, uint8_t* rgb) {
+// Rows y0..y1-1: in holds the band, rgb the whole picture; the noise stays keyed by the
+// sample's place in the whole picture, so bands give the same bytes.
+void finish_rgb(const SceneSpec& s, int32_t frame, int32_t cam, int32_t w, int32_t y0, int32_t y1, const float* in,
+                uint8_t* rgb) {
   float gain = cam == 1 ? s.subGain : 1.0f;
   uint32_t key = hash32(s.seed * 0x9E3779B9U ^ hash32(uint32_t(frame) * 2u + uint32_t(cam)));
-  size_t n = size_t(w) * size_t(h) * 3;
-  for (size_t i = 0; i < n; ++i) {
-    float v = in[i] * gain;
+  const size_t first = size_t(y0) * size_t(w) * 3, n = size_t(y1) * size_t(w) * 3;
+  for (size_t i = first; i < n; ++i) {
+    float v = in[i - first] * gain;
     if (s.noiseSigma > 0) v += s.noiseSigma / 255.0f * gaussian(key + uint32_t(i) * 0x27d4eb2fU);
     rgb[i] = to_byte(v);
   }
@@ -380,16 +389,22 @@ float scene_focal_px(const SceneSpec* desc, int32_t width) {
 
 int32_t scene_render_rgb(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                          int32_t aa, uint8_t* rgb) {
-  if (desc == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 || camera > 1)
+  return scene_render_rgb_rows(desc, frame, camera, width, height, aa, 0, height, rgb);
+}
+
+int32_t scene_render_rgb_rows(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
+                              int32_t aa, int32_t y0, int32_t y1, uint8_t* rgb) {
+  if (desc == nullptr || rgb == nullptr || !sizes_ok(width, height) || aa < 1 || aa > 8 || camera < 0 || camera > 1 ||
+      y0 < 0 || y1 > height || y0 >= y1)
     return 1;
   SceneSpec s = *desc;
   if (s.motion == SCENE_OBJECT) {  // the velocity record is a direction; the amount scales it
     for (int32_t i = 0; i < s.objectCount; ++i)
       for (float& v : s.objects[i].velocity) v *= s.motionAmount;
   }
-  std::vector<float> f(size_t(width) * size_t(height) * 3);
-  render_float(s, frame, camera, width, height, aa, f.data());
-  finish_rgb(s, frame, camera, width, height, f.data(), rgb);
+  std::vector<float> f(size_t(width) * size_t(y1 - y0) * 3);
+  render_float(s, frame, camera, width, height, aa, y0, y1, f.data());
+  finish_rgb(s, frame, camera, width, y0, y1, f.data(), rgb);
   return 0;
 }
 
@@ -527,7 +542,7 @@ int32_t scene_render_dof_rgb(const SceneSpec* desc, int32_t frame, int32_t width
       p[0] = acc.x * inv, p[1] = acc.y * inv, p[2] = acc.z * inv;
     }
   }
-  finish_rgb(s, frame, 0, width, height, f.data(), rgb);
+  finish_rgb(s, frame, 0, width, 0, height, f.data(), rgb);
   return 0;
 }
 

@@ -62,6 +62,11 @@ int32_t scene_render_nv21(const SceneSpec* desc, int32_t frame, int32_t camera, 
 // Same view as interleaved 8-bit RGB (width*height*3 bytes); sizes need not be even.
 int32_t scene_render_rgb(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
                          int32_t aa, uint8_t* rgb);
+// Rows y0..y1-1 (0 <= y0 < y1 <= height) of that picture into the same places of rgb (the whole
+// picture's buffer), byte for byte as scene_render_rgb draws them: bands may be drawn on
+// several threads at once. Returns 0, or 1 for bad arguments.
+int32_t scene_render_rgb_rows(const SceneSpec* desc, int32_t frame, int32_t camera, int32_t width, int32_t height,
+                              int32_t aa, int32_t y0, int32_t y1, uint8_t* rgb);
 
 // Ground truth of the main view at pixel centres of a width x height grid: depth along the
 // optical axis in mm (INFINITY where nothing is hit), and disparity in pixels of that grid.
