@@ -3,7 +3,6 @@
 // leak check at Deinit, and the discard bits raised when the scene comes loose.
 #include "flow/flow_controller.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -20,6 +19,7 @@
 #include "memory/heap.h"
 #include "session_support.h"
 #include "test_dump_dir.h"
+#include "thread_count.h"
 
 namespace {
 
@@ -138,16 +138,6 @@ TEST_F(Flow, FailedStartsReleaseInReverse) {
 }
 
 // Threads of this process, from the kernel's list.
-int threadCount() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
-  }
-  return n;
-}
-
 TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
   // The states Init ends in when its n-th allocation fails, in Init's order: the calibration
   // copy, the six slots, the depth worker's blocks, the policy store (the session runs without
@@ -172,6 +162,7 @@ TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
                               {"chip", 0x32, 0, join({kStateRejected}, {})},
                               {"chip filtered", 0x32, 1, join({kStateRejected}, depth2)}};
   Frames f(64, 48, 64, 48, 32, 24);
+  const int idle = thread_count_settled(thread_count_now());
   for (const Session& k : sessions) {
     for (size_t n = 1; n <= k.states.size() + 1; ++n) {
       SCOPED_TRACE(testing::Message() << k.name << " allocation " << n);
@@ -179,7 +170,7 @@ TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
       log.clear();
       InitData d = f.init(k.layout);
       d.isUsingTemporalFilter = k.filter;
-      const int threads = threadCount();
+      const int threads = thread_count_settled(idle);
       const int64_t blocks = heap_live_blocks();
       heap_fault_inject(static_cast<int32_t>(n), false);
       const int32_t r = flow_controller_init(d);
@@ -196,17 +187,17 @@ TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
         ASSERT_EQ(failed, 1);
         EXPECT_EQ(r, 2);
         EXPECT_EQ(g_session.state.load(), k.states[n - 1]);
-        EXPECT_EQ(heap_live_blocks(), blocks);  // a failed Init gives back what it took
-        EXPECT_EQ(threadCount(), threads);      // and leaves no worker behind
+        EXPECT_EQ(heap_live_blocks(), blocks);              // a failed Init gives back what it took
+        EXPECT_EQ(thread_count_settled(threads), threads);  // and leaves no worker behind
         EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
         EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), fakes::count("vmDpx2_Express_Init"));
         continue;
       }
       ASSERT_EQ(g_session.state.load(), kStateRunning);
-      EXPECT_GT(threadCount(), threads);
+      EXPECT_GT(thread_count_now(), threads);
       flow_controller_deinit();
       EXPECT_EQ(heap_live_blocks(), blocks);
-      EXPECT_EQ(threadCount(), threads);
+      EXPECT_EQ(thread_count_settled(threads), threads);
       EXPECT_EQ(log.count("heap blocks not given back"), 0u);
     }
   }

@@ -224,16 +224,27 @@ TEST(HostSheet, CellsStayBoundedWhateverThePreviewShape) {
 TEST(HostOutputs, FailedPictureWritesAreReportedAndLeaveNoPartialFile) {
   const std::vector<uint8_t> rgb(64 * 48 * 3, 100);
   std::string written, error;
-  EXPECT_FALSE(host_write_rgb("/dev/full", rgb.data(), 64, 48, 1, &written, &error));
-  EXPECT_NE(error, "");
-  EXPECT_EQ(written, "");
+  // Both names a picture may take (PNG, or PPM in builds without libpng) are a full device, or
+  // a folder in the way.
   const std::string dir = testing::TempDir() + "/host_outputs_" + std::to_string(getpid());
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
-  error.clear();
-  EXPECT_FALSE(host_write_rgb(dir, rgb.data(), 64, 48, 1, &written, &error));  // a folder in the way
+  for (const char* ext : {".png", ".ppm"}) {
+    ASSERT_EQ(symlink("/dev/full", (dir + "/full" + ext).c_str()), 0);
+    ASSERT_EQ(mkdir((dir + "/taken" + ext).c_str(), 0755), 0);
+  }
+  EXPECT_FALSE(host_write_rgb(dir + "/full.png", rgb.data(), 64, 48, 1, &written, &error));
   EXPECT_NE(error, "");
+  EXPECT_EQ(written, "");
+  error.clear();
+  EXPECT_FALSE(host_write_rgb(dir + "/taken.png", rgb.data(), 64, 48, 1, &written, &error));
+  EXPECT_NE(error, "");
+  EXPECT_EQ(written, "");
   std::vector<SheetRow> none;
   EXPECT_FALSE(host_write_contact_sheet(dir + "/sheet.png", none, &written, &error));
+  for (const char* ext : {".png", ".ppm"}) {
+    unlink((dir + "/full" + ext).c_str());
+    rmdir((dir + "/taken" + ext).c_str());
+  }
   rmdir(dir.c_str());
 }
 

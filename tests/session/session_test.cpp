@@ -2,7 +2,6 @@
 // re-initialisation, closing only what was opened, depth requests dropped while busy, a still
 // scene reaching rendering with a published map, focus moves, renderer failures, the debug
 // picture table and shut-down.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include "engines/engines.h"
 #include "log_capture.h"
 #include "session_support.h"
+#include "thread_count.h"
 
 namespace {
 
@@ -239,20 +239,9 @@ TEST_F(Session, OddPreviewsWithTheDebugDisplay) {
   }));
 }
 
-// Threads of this process, from the kernel's list.
-int threadCount() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/task")) {
-    while (dirent* e = readdir(d))
-      if (e->d_name[0] != '.') ++n;
-    closedir(d);
-  }
-  return n;
-}
-
 TEST_F(Session, SecondInitReinitialisesWithTheNewRecord) {
   setProp("persist.vm.log.ktrrt.sc", "2");
-  const int threads = threadCount();
+  const int threads = thread_count_settled(thread_count_now());
   Frames a(64, 48, 64, 48, 32, 24);
   Frames b(128, 96, 96, 72, 40, 30);
   ASSERT_EQ(vmKtrRT_SC_Init(a.init()), 0u);
@@ -284,7 +273,7 @@ TEST_F(Session, SecondInitReinitialisesWithTheNewRecord) {
   EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 2u);
   EXPECT_EQ(vmKtrRT_SC_Run(a.centred()), 0u);
   EXPECT_EQ(log.count("ERROR...[2]"), 1u);
-  EXPECT_EQ(threadCount(), threads);  // no worker left behind
+  EXPECT_EQ(thread_count_settled(threads), threads);  // no worker left behind
 }
 
 TEST_F(Session, TearDownClosesOnlyWhatWasOpened) {
