@@ -1,6 +1,7 @@
 // stereo_core.h - the stereo matcher behind the reference depth engine: census costs,
 // semi-global aggregation with 16-bit saturating path costs, winner-take-all with uniqueness,
-// left-right check, sub-pixel refinement, speckle removal and luma-guided dense hole filling.
+// left-right check, sub-pixel refinement, speckle removal, luma-guided dense hole filling and an
+// edge-aware weighted median at depth edges.
 // All buffers come from stereo_alloc; stereo_run allocates nothing.
 #ifndef VM_STEREO_CORE_H
 #define VM_STEREO_CORE_H
@@ -13,6 +14,7 @@
 // Disparities inside the matcher are fixed point with this many steps per pixel.
 #define STEREO_SUBPIXEL 16
 #define STEREO_INVALID (-1)
+#define STEREO_MAX_REFINE_RADIUS 4
 
 struct StereoParams {
   int32_t width, height;
@@ -25,6 +27,7 @@ struct StereoParams {
   int32_t uniqueness;    // percent
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
   bool fill;             // fill holes so that the output is dense
+  int32_t refineRadius;  // edge refinement after filling: window radius 0 (off) .. STEREO_MAX_REFINE_RADIUS
   bool simd;             // the fastest kernels this processor runs; false: the plain reference
   bool bytePaths;        // path costs in bytes where that is exact (same results, faster)
 };
@@ -53,7 +56,9 @@ struct StereoBuffers {
   int16_t* dispR;       // integer pixels of the right view (for the left-right check)
   int32_t* labels;
   int32_t* stack;
-  uint8_t* holeKind;  // 0 valid, 1 mismatch / occlusion, 2 other
+  uint8_t* holeKind;        // 0 valid, 1 mismatch / occlusion, 2 other
+  int32_t refineLuma[256];  // edge refinement weights (1/256) by luma difference and by offset
+  int32_t refineSpace[2 * STEREO_MAX_REFINE_RADIUS + 1][2 * STEREO_MAX_REFINE_RADIUS + 1];
 };
 
 // Defaults for a size and range; returns false when the sizes are unusable.
@@ -78,6 +83,11 @@ void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_
 // The census window of a quality mode (30 or 62 bits).
 const StereoCensusShape* stereo_census_shape(int32_t quality);
 int32_t stereo_census_bits(int32_t quality);
+// Edge refinement of the filled map in b->dispL: within params.refineRadius of a jump of more
+// than one pixel, each pixel takes the weighted median of its window (weights from luma
+// similarity to the centre and from distance), so depth edges follow the main image's edges.
+// Uses dispR and labels as scratch; allocates nothing.
+void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride);
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack);
 

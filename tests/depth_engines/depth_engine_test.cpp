@@ -2,6 +2,7 @@
 // scenes (quality bounds, mirrored and unrectified input), its refusals, and matcher stages.
 #include <gtest/gtest.h>
 #include <math.h>
+#include <string.h>
 
 #include <vector>
 
@@ -245,6 +246,46 @@ TEST(StereoCore, ExtremeInputStaysBounded) {
     EXPECT_GE(v, 0);
     EXPECT_LT(v, 64 * STEREO_SUBPIXEL);
   }
+  stereo_free(&b);
+}
+
+// The weighted median at depth edges follows the luma: a one-pixel spur of near disparity on
+// background-coloured pixels goes, a one-pixel line of near disparity on its own dark pixels
+// stays (a plain median would take it), and away from jumps sub-pixel detail is left as it is.
+TEST(StereoCore, EdgeRefinementFollowsLumaAndKeepsThinStructures) {
+  const int32_t w = 40, h = 24;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 2));
+  EXPECT_EQ(1, p.refineRadius);
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h, 200);
+  std::vector<int16_t> in(size_t(w) * h);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) in[size_t(y) * w + size_t(x)] = int16_t(80 + (x + 3 * y) % 12);  // within 1 px
+  for (int32_t y = 0; y < h; ++y) {
+    img[size_t(y) * w + 10] = 40;  // the thin line, near
+    in[size_t(y) * w + 10] = 320;
+  }
+  in[size_t(12) * w + 25] = 320;  // a spur on background luma
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  stereo_refine_edges(&b, img.data(), w);
+  for (int32_t y = 0; y < h; ++y) EXPECT_EQ(320, b.dispL[size_t(y) * w + 10]) << y;
+  const int16_t spur = b.dispL[size_t(12) * w + 25];
+  EXPECT_GE(spur, 80);
+  EXPECT_LE(spur, 91);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const bool nearJump = (x >= 8 && x <= 12) || (x >= 23 && x <= 27 && y >= 10 && y <= 14);
+      if (!nearJump) {
+        EXPECT_EQ(in[size_t(y) * w + size_t(x)], b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
+      }
+    }
+  // Radius 0 turns the step off.
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  b.params.refineRadius = 0;
+  stereo_refine_edges(&b, img.data(), w);
+  EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
   stereo_free(&b);
 }
 
