@@ -21,72 +21,16 @@
 
 #include "image_io.h"
 #include "tool_cli.h"
+#include "tool_run.h"
 
 namespace {
 
-struct ToolRun {
-  int code = -1;  // exit code; -1 a signal, -2 still running after the time limit
-  std::string out, err;
-};
-
-std::string read_all(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-// A folder per process whose name holds a quote and a space: tools must pass paths through as given.
 const std::string& work_dir() {
-  static const std::string dir = testing::TempDir() + "/vm eval'tools " + std::to_string(getpid());
-  mkdir(dir.c_str(), 0755);
-  return dir;
+  return tool_work_dir("vm eval'tools");
 }
-
-int remove_entry(const char* path, const struct stat*, int, FTW*) {
-  return remove(path);
-}
-
-// Removes the work folder when the suite ends.
-class CleanUp : public testing::Environment {
- public:
-  void TearDown() override { nftw(work_dir().c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
-};
-testing::Environment* const g_cleanUp = testing::AddGlobalTestEnvironment(new CleanUp);
 
 ToolRun run(const char* tool, const std::vector<std::string>& args) {
-  ToolRun r;
-  const std::string outPath = work_dir() + "/.stdout", errPath = work_dir() + "/.stderr";
-  std::vector<char*> argv;
-  argv.push_back(const_cast<char*>(tool));
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int o = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    const int e = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (o < 0 || e < 0) _exit(127);
-    dup2(o, 1);
-    dup2(e, 2);
-    execv(tool, argv.data());
-    _exit(127);
-  }
-  int status = 0;
-  for (int waited = 0;; ++waited) {  // a tool that blocks (on a FIFO, say) is a failure, not a hung suite
-    if (waitpid(pid, &status, WNOHANG) == pid) break;
-    if (waited == 24000) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      r.code = -2;
-      return r;
-    }
-    const timespec tick = {0, 5 * 1000 * 1000};
-    nanosleep(&tick, nullptr);
-  }
-  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  r.out = read_all(outPath);
-  r.err = read_all(errPath);
-  return r;
+  return tool_run(work_dir(), tool, args, 120);
 }
 
 bool contains(const std::string& text, const std::string& part) {
