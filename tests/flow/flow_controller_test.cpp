@@ -188,7 +188,7 @@ TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
         EXPECT_EQ(r, 2);
         EXPECT_EQ(g_session.state.load(), k.states[n - 1]);
         EXPECT_EQ(heap_live_blocks(), blocks);              // a failed Init gives back what it took
-        EXPECT_EQ(thread_count_settled(threads), threads);  // and leaves no worker behind
+        EXPECT_LE(thread_count_settled(threads), threads);  // and leaves no worker behind
         EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
         EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), fakes::count("vmDpx2_Express_Init"));
         continue;
@@ -197,7 +197,7 @@ TEST_F(Flow, AllocationFailureAtEveryAllocationOfInit) {
       EXPECT_GT(thread_count_now(), threads);
       flow_controller_deinit();
       EXPECT_EQ(heap_live_blocks(), blocks);
-      EXPECT_EQ(thread_count_settled(threads), threads);
+      EXPECT_LE(thread_count_settled(threads), threads);
       EXPECT_EQ(log.count("heap blocks not given back"), 0u);
     }
   }

@@ -18,7 +18,8 @@ inline int thread_count_now() {
 
 // The count once it is at most `atMost`, or after two seconds: a joined thread can stay in the
 // kernel's list for a moment after pthread_join returns (under qemu-user it often does), so a
-// count taken at once may still include it. A thread really left behind keeps the count up.
+// count taken at once may still include it, and so may a baseline taken before a check: compare
+// "at most the baseline". A thread really left behind keeps the count up.
 inline int thread_count_settled(int atMost) {
   for (int i = 0; i < 200; ++i) {
     const int n = thread_count_now();
