@@ -261,19 +261,19 @@ TEST(HostColour, Nv21RoundTripKeepsGreyAndPrimariesClose) {
 // Bands of rows, drawn in any order, give the bytes of the whole picture (noise and motion on, a
 // height no band size divides); a band outside the picture is refused.
 TEST(HostSceneBands, BandsInAnyOrderMakeTheWholePicture) {
-  SceneSpec spec;
-  scene_default(&spec, 7);
-  spec.noiseSigma = 2.0f;
-  spec.motion = SCENE_PAN;
-  spec.motionAmount = 0.5f;
+  SceneSpec desc;
+  scene_default(&desc, 7);
+  desc.noiseSigma = 2.0f;
+  desc.motion = SCENE_PAN;
+  desc.motionAmount = 0.5f;
   const int32_t w = 96, h = 61;
   std::vector<uint8_t> whole(static_cast<size_t>(w) * h * 3), bands(whole.size(), 0);
-  ASSERT_EQ(scene_render_rgb(&spec, 3, 1, w, h, 2, whole.data()), 0);
+  ASSERT_EQ(scene_render_rgb(&desc, 3, 1, w, h, 2, whole.data()), 0);
   for (int32_t y1 = h; y1 > 0; y1 -= 13)
-    ASSERT_EQ(scene_render_rgb_rows(&spec, 3, 1, w, h, 2, std::max(0, y1 - 13), y1, bands.data()), 0);
+    ASSERT_EQ(scene_render_rgb_rows(&desc, 3, 1, w, h, 2, std::max(0, y1 - 13), y1, bands.data()), 0);
   EXPECT_TRUE(whole == bands);
   for (const auto& band : {std::make_pair(-1, 4), std::make_pair(60, 62), std::make_pair(5, 5)})
-    EXPECT_EQ(scene_render_rgb_rows(&spec, 3, 1, w, h, 2, band.first, band.second, bands.data()), 1);
+    EXPECT_EQ(scene_render_rgb_rows(&desc, 3, 1, w, h, 2, band.first, band.second, bands.data()), 1);
 }
 
 // The synthetic and pair sources draw the same frames with or without worker threads (sizes
