@@ -241,9 +241,16 @@ TEST_F(FramePaths, DepthDumpNameShowsTheCallersSizeForEveryLayoutWord) {
       run(f.centred(chip));
       return !dumpSizes("-depth-").empty();
     }));
-    const auto all = dumpSizes("-depth-");
-    EXPECT_EQ(dumpSizes(c.name).size(), all.size());
-    for (int32_t size : all) EXPECT_EQ(size, 32 * 24 * 2);
+    // One look at the log: the depth worker may write another dump meanwhile.
+    const auto written = log.matching("Write data to ");
+    int depthDumps = 0;
+    for (const std::string& l : written) {
+      if (l.find("-depth-") == std::string::npos) continue;
+      ++depthDumps;
+      EXPECT_NE(l.find(c.name), std::string::npos) << l;
+      EXPECT_NE(l.find(" size 1536"), std::string::npos) << l;  // 32 x 24 samples of 2 bytes
+    }
+    EXPECT_GT(depthDumps, 0);
     ASSERT_EQ(vmKtrRT_SC_Deinit(), 0u);
   }
 }
