@@ -138,7 +138,8 @@ void onLogLine(void* /*user*/, int prio, const char* tag, const char* message) {
 }
 
 // Newest dump of a kind in the dump directory (highest frame counter), read whole when it has
-// the expected length.
+// the expected length, or up to its buffer's 16-byte rounding beyond it (refocus dumps write
+// their slot's whole size, 16 x (((W x H) >> 4) + 1) bytes); only the first `bytes` are kept.
 bool newestDump(const std::string& dir, const std::string& kind, size_t bytes, std::vector<uint8_t>* out) {
   std::string best;
   int64_t bestCounter = -1;
@@ -155,7 +156,9 @@ bool newestDump(const std::string& dir, const std::string& kind, size_t bytes, s
     best = name;
   }
   std::string error;
-  return !best.empty() && tool_read_file(dir + "/" + best, bytes, out, &error) && out->size() == bytes;
+  if (best.empty() || !tool_read_file(dir + "/" + best, bytes + 16, out, &error) || out->size() < bytes) return false;
+  out->resize(bytes);
+  return true;
 }
 
 void colouriseDepth(const std::vector<uint8_t>& raw, int32_t w, int32_t h, std::vector<uint8_t>* rgb) {
