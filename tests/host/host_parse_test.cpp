@@ -151,6 +151,46 @@ TEST(HostDumpNames, ParsesTheLibrarysNamesAndRejectsOthers) {
     EXPECT_FALSE(host_parse_dump_name(bad, &d)) << bad;
 }
 
+// The contact sheet shows the newest depth and refocus dumps; a refocus dump carries its slot's
+// whole size, a little more than the map, and "depth" never picks "depth-main".
+TEST(HostDumpNames, NewestDumpOfAKindIsReadAtItsSlotSize) {
+  const std::vector<std::string> names{
+      "0003-refocus-320x240-2.80-10x10.raw",       "0012-refocus-320x240-2.80-10x10.raw",
+      "0009-refocus-using-320x240-2.80-10x10.raw", "0020-depth-main-80x60.raw",
+      "0011-depth-80x60-1-2-2.80-160x120.raw",     "refocus-0099.raw"};
+  EXPECT_EQ(host_newest_dump(names, "refocus"), "0012-refocus-320x240-2.80-10x10.raw");
+  EXPECT_EQ(host_newest_dump(names, "depth"), "0011-depth-80x60-1-2-2.80-160x120.raw");
+  EXPECT_EQ(host_newest_dump(names, "preview-main"), "");
+
+  char tmpl[] = "/tmp/vmktr_newest_XXXXXX";
+  ASSERT_NE(mkdtemp(tmpl), nullptr);
+  const std::string dir = tmpl;
+  const size_t map = 320 * 240, slot = 16 * ((map >> 4) + 1);
+  const auto writeDump = [&](const std::string& name, size_t bytes) {
+    FILE* f = fopen((dir + "/" + name).c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    std::vector<uint8_t> v(bytes);
+    for (size_t i = 0; i < bytes; ++i) v[i] = static_cast<uint8_t>(i * 7);
+    EXPECT_EQ(fwrite(v.data(), 1, bytes, f), bytes);
+    fclose(f);
+  };
+  std::vector<uint8_t> got;
+  for (const size_t bytes : {map, slot}) {
+    writeDump(names[1], bytes);
+    ASSERT_TRUE(host_read_newest_dump(dir, names, "refocus", map, &got)) << bytes;
+    ASSERT_EQ(got.size(), map);
+    EXPECT_EQ(got[map - 1], static_cast<uint8_t>((map - 1) * 7));
+  }
+  // Too short (a dump still being written) or far too long (another size) is not a map.
+  for (const size_t bytes : {map - 1, map + 17}) {
+    writeDump(names[1], bytes);
+    EXPECT_FALSE(host_read_newest_dump(dir, names, "refocus", map, &got)) << bytes;
+  }
+  unlink((dir + "/" + names[1]).c_str());
+  EXPECT_FALSE(host_read_newest_dump(dir, names, "refocus", map, &got));
+  rmdir(dir.c_str());
+}
+
 std::string refusalOf(const DumpPlan& p, const std::string& name) {
   for (const DumpNote& n : p.refused)
     if (n.name == name) return n.why;

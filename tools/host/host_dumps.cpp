@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <map>
 
+#include "tool_cli.h"
+
 namespace {
 
 // Reads a name left to right; every field is checked for its range before it is stored.
@@ -202,4 +204,31 @@ void host_plan_dumps(const std::vector<std::string>& names, DumpPlan* plan) {
     }
     plan->frames.push_back(frame);
   }
+}
+
+std::string host_newest_dump(const std::vector<std::string>& names, const std::string& kind) {
+  std::string best;
+  int64_t bestCounter = -1;
+  for (const std::string& name : names) {
+    // NNNN-<kind>-<number>...: the next character tells "depth" from "depth-main".
+    size_t at = 0;
+    int64_t counter = 0;
+    while (at < name.size() && at < 18 && name[at] >= '0' && name[at] <= '9')
+      counter = counter * 10 + (name[at++] - '0');
+    if (at == 0 || name.compare(at, kind.size() + 2, "-" + kind + "-") != 0) continue;
+    const char next = at + kind.size() + 2 < name.size() ? name[at + kind.size() + 2] : '\0';
+    if (!(next == '-' || (next >= '0' && next <= '9')) || counter < bestCounter) continue;
+    bestCounter = counter;
+    best = name;
+  }
+  return best;
+}
+
+bool host_read_newest_dump(const std::string& dir, const std::vector<std::string>& names, const std::string& kind,
+                           size_t bytes, std::vector<uint8_t>* out) {
+  const std::string best = host_newest_dump(names, kind);
+  std::string error;
+  if (best.empty() || !tool_read_file(dir + "/" + best, bytes + 16, out, &error) || out->size() < bytes) return false;
+  out->resize(bytes);
+  return true;
 }

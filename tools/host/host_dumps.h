@@ -42,4 +42,13 @@ struct DumpPlan {
 // Plans the replay of a folder from its file names, in any listing order.
 void host_plan_dumps(const std::vector<std::string>& names, DumpPlan* plan);
 
+// The newest dump of a kind ("depth", "refocus"; "depth" is not "depth-main") among a folder's
+// names: the highest counter wins. Empty when there is none.
+std::string host_newest_dump(const std::vector<std::string>& names, const std::string& kind);
+// Reads that dump whole when it has `bytes`, or up to its buffer's 16-byte rounding beyond them
+// (refocus dumps write their slot's whole size, 16 x (((W x H) >> 4) + 1) bytes); keeps the
+// first `bytes`. False when there is no such dump or it is shorter or longer than that.
+bool host_read_newest_dump(const std::string& dir, const std::vector<std::string>& names, const std::string& kind,
+                           size_t bytes, std::vector<uint8_t>* out);
+
 #endif  // VM_HOST_DUMPS_H

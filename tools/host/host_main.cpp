@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "host_config.h"
+#include "host_dumps.h"
 #include "host_outputs.h"
 #include "host_pool.h"
 #include "host_sources.h"
@@ -135,30 +136,6 @@ void onLogLine(void* /*user*/, int prio, const char* tag, const char* message) {
     if (c.thread != nullptr && tid != g_log.callerTid) g_log.threads.emplace(tid, c.thread);
     g_log.report->events.push_back(TraceEvent{c.name, t - ms * 1000 - g_log.originUs, ms * 1000, tid});
   }
-}
-
-// Newest dump of a kind in the dump directory (highest frame counter), read whole when it has
-// the expected length, or up to its buffer's 16-byte rounding beyond it (refocus dumps write
-// their slot's whole size, 16 x (((W x H) >> 4) + 1) bytes); only the first `bytes` are kept.
-bool newestDump(const std::string& dir, const std::string& kind, size_t bytes, std::vector<uint8_t>* out) {
-  std::string best;
-  int64_t bestCounter = -1;
-  for (const std::string& name : listDir(dir)) {
-    // NNNN-<kind>-<number>...: the next character tells "depth" from "depth-main".
-    size_t at = 0;
-    int64_t counter = 0;
-    while (at < name.size() && at < 18 && name[at] >= '0' && name[at] <= '9')
-      counter = counter * 10 + (name[at++] - '0');
-    if (at == 0 || name.compare(at, kind.size() + 2, "-" + kind + "-") != 0) continue;
-    const char next = at + kind.size() + 2 < name.size() ? name[at + kind.size() + 2] : '\0';
-    if (!(next == '-' || (next >= '0' && next <= '9')) || counter < bestCounter) continue;
-    bestCounter = counter;
-    best = name;
-  }
-  std::string error;
-  if (best.empty() || !tool_read_file(dir + "/" + best, bytes + 16, out, &error) || out->size() < bytes) return false;
-  out->resize(bytes);
-  return true;
 }
 
 void colouriseDepth(const std::vector<uint8_t>& raw, int32_t w, int32_t h, std::vector<uint8_t>* rgb) {
@@ -573,9 +550,12 @@ int hostMain(int argc, char** argv) {
         std::vector<uint8_t> depthRaw, mapRaw;
         const bool chip = (config.cameraLayout & 0x10) != 0;
         const int32_t mapW = chip ? config.depthWidth : 320, mapH = chip ? config.depthHeight : 240;
-        const bool hasDepth =
-            newestDump(dumpDir, "depth", static_cast<size_t>(config.depthWidth) * config.depthHeight * 2, &depthRaw);
-        const bool hasMap = newestDump(dumpDir, "refocus", static_cast<size_t>(mapW) * mapH, &mapRaw);
+        const std::set<std::string> names = listDir(dumpDir);
+        const std::vector<std::string> listing(names.begin(), names.end());
+        const bool hasDepth = host_read_newest_dump(
+            dumpDir, listing, "depth", static_cast<size_t>(config.depthWidth) * config.depthHeight * 2, &depthRaw);
+        const bool hasMap =
+            host_read_newest_dump(dumpDir, listing, "refocus", static_cast<size_t>(mapW) * mapH, &mapRaw);
         const size_t k = static_cast<size_t>(sheetAt - sheetFrames.begin());
         pool.submit([&, o, k, hasDepth, hasMap, mapW, mapH, input = std::move(f.main), depthRaw = std::move(depthRaw),
                      mapRaw = std::move(mapRaw)] {
