@@ -15,16 +15,6 @@
 
 namespace {
 
-bool overlayMode(int32_t display) {
-  return (display & 0x10) != 0 && (display & 0xC0) != 0xC0;
-}
-
-void callerDepthSize(const SessionContext* ctx, int32_t* W, int32_t* H) {
-  const bool turned = ctx->cameraLayout == 3 || ctx->cameraLayout == 4;
-  *W = turned ? session_depth_height(ctx) : session_depth_width(ctx);
-  *H = turned ? session_depth_width(ctx) : session_depth_height(ctx);
-}
-
 void keep(DebugHolds* holds, BufferHalf* h) {
   if (h != nullptr && holds->count < 4) holds->held[holds->count++] = h;
 }
@@ -92,7 +82,7 @@ void composeText(SessionContext* ctx, int32_t display, int32_t info) {
   char* block = ctx->bokeh.textBlock;
   block[0] = '\0';
   char line[kDebugTextCapacity];
-  if ((display & 0x100) != 0) {
+  if ((display & kDisplayStatistics) != 0) {
     pthread_mutex_lock(&ctx->bokeh.statsMutex);
     snprintf(line, sizeof line, "Depth Target[%5d] Min[%5d] Max[%5d]", ctx->bokeh.depthTarget, ctx->bokeh.depthMin,
              ctx->bokeh.depthMax);
@@ -122,7 +112,7 @@ void sampleLabels(SessionContext* ctx, int32_t* used, DebugHolds* holds) {
   keep(holds, map);
   if (depth == nullptr || map == nullptr) return;
   int32_t W, H;
-  callerDepthSize(ctx, &W, &H);
+  session_caller_depth_size(ctx, &W, &H);
   const int64_t mapBytes = static_cast<int64_t>(session_refocus_width(ctx)) * session_refocus_height(ctx);
   const int32_t points[kDebugLabelCount][2] = {
       {W / 4, H / 2}, {W / 2, (3 * H) / 4}, {W / 2, H / 2}, {W / 2, H / 4}, {(3 * W) / 4, H / 2}};
@@ -162,15 +152,15 @@ void bokeh_manager_debug_display(SessionContext* ctx, DebugHolds* holds) {
   } else {
     memset(b->table, 0, sizeof b->table);
     int32_t used = 0;
-    const bool overlay = overlayMode(display);
+    const bool overlay = debug_display_overlay(display);
     if (b->debugPictureShown == 0) {
       b->debugPictureShown = 1;
       vmKtrRT_GLShowDebugPicture(1, overlay ? 1 : 0);
     }
-    if ((display & 0x8) != 0) pasteSubPreview(ctx);
+    if ((display & kDisplaySubPreview) != 0) pasteSubPreview(ctx);
     const int32_t rw = session_refocus_width(ctx);
     const int32_t rh = session_refocus_height(ctx);
-    if ((display & 0x80) != 0) {
+    if ((display & kDisplayRefocusMap) != 0) {
       BufferHalf* pic = buffer_manager_hold_filled(ctx, kSlotRefocusWork);
       keep(holds, pic);
       if (pic != nullptr) {
@@ -180,25 +170,25 @@ void bokeh_manager_debug_display(SessionContext* ctx, DebugHolds* holds) {
           setEntry(nextEntry(ctx, &used), pic->data, rw, rh, 0, 0, rw / 4, rh / 4);
       }
     }
-    if ((display & 0x100) != 0) {
+    if ((display & kDisplayStatistics) != 0) {
       pthread_mutex_lock(&b->statsMutex);
       memcpy(b->histogramShown, b->histogramPicture, sizeof b->histogramShown);
       pthread_mutex_unlock(&b->statsMutex);
       setEntry(nextEntry(ctx, &used), b->histogramShown, kHistogramSide, kHistogramSide, 0, rh / 4, 130, 390);
     }
-    if ((display & 0x40) != 0) {
+    if ((display & kDisplayDepthMap) != 0) {
       BufferHalf* pic = buffer_manager_hold_filled(ctx, kSlotDepthWork);
       keep(holds, pic);
       if (pic != nullptr) {
         int32_t W, H;
-        callerDepthSize(ctx, &W, &H);
+        session_caller_depth_size(ctx, &W, &H);
         if (overlay)
           setEntry(nextEntry(ctx, &used), pic->data, W, H, 0, 0, mw, mh);
         else
           setEntry(nextEntry(ctx, &used), pic->data, W, H, 0, mh - H / 4, W / 4, H / 4);
       }
     }
-    if ((display & 0x1) != 0) {
+    if ((display & kDisplayText) != 0) {
       const int32_t info = statusInfo.load(std::memory_order_relaxed);
       composeText(ctx, display, info);
       if (b->textBlock[0] != '\0') {
@@ -214,7 +204,7 @@ void bokeh_manager_debug_display(SessionContext* ctx, DebugHolds* holds) {
     }
     if (used > 0) vmKtrRT_GLSetDebugPicture(b->table);
   }
-  if ((display & 0x2) != 0 && mainLumaUsable(ctx))
+  if ((display & kDisplayFocusMarker) != 0 && mainLumaUsable(ctx))
     image_utility_draw_marker(ctx->mainImageData, mw, mh, 0, ctx->focusX.load(), ctx->focusY.load(), 5, 1);
 }
 

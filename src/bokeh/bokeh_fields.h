@@ -19,7 +19,7 @@ constexpr int32_t kBmdStatusRunning = 4;
 // Request reasons raised by the per-frame step.
 constexpr uint32_t kReasonNewDepth = 0x1;
 constexpr uint32_t kReasonFocusMoved = 0x2;
-// Raised by the worker itself: the 0x80 thumbnail of the published map could not be drawn
+// Raised by the worker itself: the refocus-map thumbnail of the published map could not be drawn
 // because the frame thread held the picture; the next wake draws it without making a map.
 constexpr uint32_t kReasonThumbnail = 0x4;
 

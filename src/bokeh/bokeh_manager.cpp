@@ -9,6 +9,7 @@
 #include "debug/debug_log.h"
 #include "debug/dump.h"
 #include "engines/engines.h"
+#include "flow/result_codes.h"
 #include "flow/session_context.h"
 #include "image/depth_display.h"
 #include "memory/buffer_manager.h"
@@ -17,24 +18,11 @@
 
 namespace {
 
-constexpr uint32_t kDiscardRefocus = 0x2;
-constexpr int32_t kPolicyStableState = 5;
-// The refocus-map check measures a fixed 320 x 240 plane.
-constexpr int32_t kCheckedMapBytes = 320 * 240;
+// The refocus-map check measures one whole policy plane.
+constexpr int32_t kCheckedMapBytes = kPolicyPlaneWidth * kPolicyPlaneHeight;
 
 RefocusWorker* workerOf(SessionContext* ctx) {
   return &ctx->bokeh.worker;
-}
-
-bool quarterTurned(const SessionContext* ctx) {
-  return ctx->cameraLayout == 3 || ctx->cameraLayout == 4;
-}
-
-// Depth map size in the caller's orientation.
-void callerDepthSize(const SessionContext* ctx, int32_t* W, int32_t* H) {
-  const bool turned = quarterTurned(ctx);
-  *W = turned ? session_depth_height(ctx) : session_depth_width(ctx);
-  *H = turned ? session_depth_width(ctx) : session_depth_height(ctx);
 }
 
 void destroySync(SessionContext* ctx, RefocusWorker* w) {
@@ -56,22 +44,22 @@ int32_t failInit(SessionContext* ctx, RefocusWorker* w, int32_t code) {
   return code;
 }
 
-// Draws the 0x80 thumbnail from the published map, marker at (x, y) in depth pixels. False only
+// Draws the refocus-map thumbnail from the published map, marker at (x, y) in depth pixels. False only
 // when the picture pair is held (the frame thread renders with it): the drawing is then owed.
 bool drawThumbnail(SessionContext* ctx, int32_t x, int32_t y) {
   const int32_t display = debugDisplay.load(std::memory_order_relaxed);
-  if (debugEnable.load(std::memory_order_relaxed) == 0 || (display & 0x80) == 0) return true;
+  if (debugEnable.load(std::memory_order_relaxed) == 0 || (display & kDisplayRefocusMap) == 0) return true;
   const int32_t rw = session_refocus_width(ctx);
   const int32_t rh = session_refocus_height(ctx);
   int32_t W, H;
-  callerDepthSize(ctx, &W, &H);
+  session_caller_depth_size(ctx, &W, &H);
   BufferHalf* map = buffer_manager_hold_filled(ctx, kSlotRefocus);
   if (map == nullptr) return true;  // nothing published to show
   BufferHalf* picture = buffer_manager_get_writable(ctx, kSlotRefocusWork);
   if (picture != nullptr && picture->capacity >= rw * rh * 4) {
-    const int32_t opaque = ((display & 0x10) != 0 && (display & 0xC0) != 0xC0) ? 1 : 0;
+    const int32_t opaque = debug_display_overlay(display) ? 1 : 0;
     image_utility_gray_to_display(picture->data, map->data, rw, rh, opaque);
-    if ((display & 0x2) != 0 && W > 0 && H > 0)
+    if ((display & kDisplayFocusMarker) != 0 && W > 0 && H > 0)
       image_utility_draw_marker(picture->data, rw, rh, kMarkerKindDisplay,
                                 static_cast<int32_t>(static_cast<int64_t>(rw) * x / W),
                                 static_cast<int32_t>(static_cast<int64_t>(rh) * y / H), 3, 1);
@@ -118,10 +106,10 @@ int32_t bokeh_manager_alloc_scratch(SessionContext* ctx, RefocusWorker* w) {
   const size_t size =
       static_cast<size_t>(session_refocus_width(ctx)) * static_cast<size_t>(session_refocus_height(ctx));
   w->scratch = static_cast<uint8_t*>(heap_allocate(size));
-  if (w->scratch == nullptr) return kBokehOutOfMemory;
+  if (w->scratch == nullptr) return kResultOutOfMemory;
   w->scratchSize = static_cast<int32_t>(size);
   w->scratchOwned = 1;
-  return 0;
+  return kResultOk;
 }
 
 int32_t bokeh_manager_free_scratch(RefocusWorker* w) {
@@ -150,7 +138,7 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
   pthread_mutex_unlock(&w->mutex);
 
   w->context = ctx;
-  if (bokeh_manager_alloc_scratch(ctx, w) != 0) return failInit(ctx, w, kBokehOutOfMemory);
+  if (bokeh_manager_alloc_scratch(ctx, w) != kResultOk) return failInit(ctx, w, kResultOutOfMemory);
   w->exitRequest.store(0, std::memory_order_release);
 
   int32_t r = vmKtrRT_CameraLayout_Set(ctx->cameraLayout);
@@ -170,10 +158,10 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
     sizeA = ctx->otpSize;
   }
   int32_t W, H;
-  callerDepthSize(ctx, &W, &H);
+  session_caller_depth_size(ctx, &W, &H);
   const int32_t format = bokeh_manager_renderer_format(ctx->imageFormat);
   if (ctx->otpKind != 0 && ctx->otpKind != 1) {
-    r = kBokehUnknownCalibration;
+    r = kResultBadCalibration;
   } else if (ctx->rendererExtraParam != 0) {
     r = vmKtrRT_GLInitV1_1(calibA, sizeA, calibB, sizeB, session_preview_main_width(ctx),
                            session_preview_main_height(ctx), W, H, session_refocus_width(ctx),
@@ -237,7 +225,7 @@ void* bokeh_manager_handler(void* arg) {
 
 void bokeh_manager_focus_to_depth(const SessionContext* ctx, int32_t focusX, int32_t focusY, int32_t* x, int32_t* y) {
   int32_t W, H;
-  callerDepthSize(ctx, &W, &H);
+  session_caller_depth_size(ctx, &W, &H);
   const int32_t pw = session_preview_main_width(ctx);
   const int32_t ph = session_preview_main_height(ctx);
   const int32_t dx = pw > 0 ? static_cast<int32_t>(static_cast<int64_t>(focusX) * W / pw) : 0;
@@ -284,7 +272,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
   int32_t x, y;
   bokeh_manager_focus_to_depth(ctx, focusX, focusY, &x, &y);
   int32_t W, H;
-  callerDepthSize(ctx, &W, &H);
+  session_caller_depth_size(ctx, &W, &H);
   VM_LOG_IF(kLogTrace, "Focus Point touchP[%dx%d] depthP[%dx%d] preview[%dx%d] depth[%dx%d]\n", focusX, focusY, x, y,
             session_preview_main_width(ctx), session_preview_main_height(ctx), W, H);
 
@@ -294,7 +282,8 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
       ctx->depthFromChip == 1
           ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget)
           : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
-  if (debugEnable.load(std::memory_order_relaxed) != 0 && (debugDisplay.load(std::memory_order_relaxed) & 0x100) != 0)
+  if (debugEnable.load(std::memory_order_relaxed) != 0 &&
+      (debugDisplay.load(std::memory_order_relaxed) & kDisplayStatistics) != 0)
     bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
   buffer_manager_release(depth);
   if (r != 0) {
@@ -308,7 +297,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     ctx->depthDiscardRequest.fetch_and(~kDiscardRefocus, std::memory_order_acq_rel);
     buffer_manager_reset_slot(ctx, kSlotRefocus);
     if (debug && debugDisplay.load(std::memory_order_relaxed) != 0) buffer_manager_reset_slot(ctx, kSlotRefocusWork);
-    return kBokehDiscarded;
+    return kResultDiscarded;
   }
   if (debug) ctx->refocusFrameCounter.store(ctx->depthFrameCounter.load(std::memory_order_relaxed));
 
@@ -325,10 +314,10 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     w->forcePublish.store(0, std::memory_order_release);
   } else {
     const int32_t limit = ctx->policy.refocusCountLimit;
-    // The check reads a whole 320 x 240 plane: smaller maps never count as similar.
+    // The check reads a whole policy plane: smaller maps never count as similar.
     const bool similar =
         limit > 0 && rw * rh >= kCheckedMapBytes && policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
-    const bool stable = ctx->policyState.load(std::memory_order_relaxed) == kPolicyStableState;
+    const bool stable = ctx->policyState.load(std::memory_order_relaxed) == kPolicyStable;
     if (!stable) {
       publish = true;
     } else if (similar) {

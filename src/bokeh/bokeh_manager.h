@@ -11,10 +11,6 @@ struct SessionContext;
 struct RefocusWorker;
 struct BufferHalf;
 
-constexpr int32_t kBokehOutOfMemory = 2;
-constexpr int32_t kBokehDiscarded = 5;
-constexpr int32_t kBokehUnknownCalibration = 6;
-
 // 0, 2 (out of memory), 6 (unknown calibration kind) or the renderer's code. On a non-zero
 // result everything it took is released again (the caller does not shut it down).
 int32_t bokeh_manager_init(SessionContext* ctx);

@@ -73,7 +73,7 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
 
   BufferHalf* map = nullptr;
   int32_t noMapFlag = 1;
-  if (policyState >= 3 && policyState <= 5 && discard == 0) {
+  if (policy_state_map_usable(policyState) && discard == 0) {
     // Held through the render so that the worker never writes the map being drawn with.
     map = buffer_manager_hold_filled(ctx, kSlotRefocus);
     noMapFlag = 0;

@@ -32,6 +32,22 @@ extern std::atomic<int32_t> statusInfo;
 extern std::atomic<int32_t> dumpFlags;
 extern std::atomic<int32_t> debugFlag;
 
+// debugDisplay bits: which debug pictures are laid over the preview.
+constexpr int32_t kDisplayText = 0x1;          // the status text block (what statusInfo selects)
+constexpr int32_t kDisplayFocusMarker = 0x2;   // the focus marker on the frame and the maps
+constexpr int32_t kDisplaySubPreview = 0x8;    // the sub preview pasted into a corner
+constexpr int32_t kDisplayOverlay = 0x10;      // pictures cover the whole frame, see below
+constexpr int32_t kDisplayDepthMap = 0x40;     // the coloured depth map
+constexpr int32_t kDisplayRefocusMap = 0x80;   // the refocus map
+constexpr int32_t kDisplayStatistics = 0x100;  // the depth histogram and its figures
+constexpr int32_t kDisplayBothMaps = kDisplayDepthMap | kDisplayRefocusMap;
+
+// Overlay mode: the overlay bit with at most one of the two maps, which is then drawn opaque
+// over the whole frame; with both maps the pictures stay small thumbnails.
+inline bool debug_display_overlay(int32_t display) {
+  return (display & kDisplayOverlay) != 0 && (display & kDisplayBothMaps) != kDisplayBothMaps;
+}
+
 inline bool debug_log_on(int32_t mask) {
   return (logFlags.load(std::memory_order_relaxed) & mask) != 0;
 }

@@ -6,18 +6,13 @@
 #include "debug/dump.h"
 #include "depth/depth_manager.h"
 #include "engines/engines.h"
+#include "flow/result_codes.h"
 #include "flow/session_context.h"
 #include "image/depth_display.h"
 #include "image/image_utility.h"
 #include "memory/buffer_manager.h"
 
 namespace {
-
-constexpr uint32_t kDiscardDepth = 0x1;
-
-bool quarterTurned(const SessionContext* ctx) {
-  return ctx->cameraLayout == 3 || ctx->cameraLayout == 4;
-}
 
 int32_t depthSamples(const SessionContext* ctx) {
   return session_depth_width(ctx) * session_depth_height(ctx);  // bounded at Init (4096 x 4096)
@@ -71,7 +66,7 @@ int32_t depth_manager_init_Dpx2_LV(SessionContext* ctx) {
     r = vmDpx2_Express_Init(nullptr, 0, session_depth_width(ctx), session_depth_height(ctx), ctx->otpCopy,
                             ctx->otpSize);
   else
-    r = kDepthUnknownCalibration;
+    r = kResultBadCalibration;
   if (r != 0) VM_LOG_IF(kLogTrace, "vmDpx2_Express_Init:ERROR[%x]\n", static_cast<unsigned>(r));
   return r;
 }
@@ -146,14 +141,14 @@ int32_t depth_manager_generate_depth(SessionContext* ctx, DepthWorker* w) {
   if (mainSlot == nullptr || subSlot == nullptr || depthSlot == nullptr || (used & kSlotUsedByEngine) != 0) {
     buffer_manager_release(mainSlot);
     buffer_manager_release(subSlot);
-    return kDepthNoBuffer;
+    return kResultNoBuffer;
   }
   buffer_manager_mark(mainSlot, kSlotUsedByEngine);
   buffer_manager_mark(subSlot, kSlotUsedByEngine);
   if (debugEnable.load(std::memory_order_relaxed) != 0)
     ctx->depthFrameCounter.store(ctx->previewFrameCounter.load(std::memory_order_relaxed), std::memory_order_relaxed);
 
-  int32_t r = kDepthOk;
+  int32_t r = kResultOk;
   switch (ctx->cameraLayout) {
     case 1:
     case 2:
@@ -179,7 +174,7 @@ int32_t depth_manager_generate_depth(SessionContext* ctx, DepthWorker* w) {
     buffer_manager_reset_slot(ctx, kSlotDepth);
     if (debugEnable.load(std::memory_order_relaxed) != 0 && debugDisplay.load(std::memory_order_relaxed) != 0)
       buffer_manager_reset_slot(ctx, kSlotDepthWork);
-    return kDepthDiscarded;
+    return kResultDiscarded;
   }
   BufferHalf* old = buffer_manager_get_buffer(ctx, kSlotDepth, kSlotFilled);
   depthSlot->size = depthSamples(ctx) * 2;
@@ -194,17 +189,16 @@ void depth_manager_debug_outputs(SessionContext* ctx, const uint16_t* depth, boo
   const int32_t samples = depthSamples(ctx);
   dump_if_enabled(kDumpDepth, ctx, depth, samples * 2);
   const int32_t display = debugDisplay.load(std::memory_order_relaxed);
-  if ((display & 0x40) == 0) return;
+  if ((display & kDisplayDepthMap) == 0) return;
   BufferHalf* picture = buffer_manager_get_writable(ctx, kSlotDepthWork);
   if (picture == nullptr || picture->data == nullptr || picture->capacity < samples * 4) return;
-  const bool turned = quarterTurned(ctx);
-  const int32_t mapW = turned ? session_depth_height(ctx) : session_depth_width(ctx);
-  const int32_t mapH = turned ? session_depth_width(ctx) : session_depth_height(ctx);
-  const int32_t opaque = ((display & 0x10) != 0 && (display & 0xC0) != 0xC0) ? 1 : 0;
+  int32_t mapW, mapH;
+  session_caller_depth_size(ctx, &mapW, &mapH);
+  const int32_t opaque = debug_display_overlay(display) ? 1 : 0;
   image_utility_depth_to_display(picture->data, depth, mapW, mapH, opaque);
   const int32_t mainW = session_preview_main_width(ctx);
   const int32_t mainH = session_preview_main_height(ctx);
-  if (focusMarker && (display & 0x2) != 0 && mainW > 0 && mainH > 0) {
+  if (focusMarker && (display & kDisplayFocusMarker) != 0 && mainW > 0 && mainH > 0) {
     const int64_t x = static_cast<int64_t>(ctx->focusX.load(std::memory_order_relaxed)) * mapW / mainW;
     const int64_t y = static_cast<int64_t>(ctx->focusY.load(std::memory_order_relaxed)) * mapH / mainH;
     image_utility_draw_marker(picture->data, mapW, mapH, kMarkerKindDisplay, static_cast<int32_t>(x),

@@ -12,13 +12,6 @@ struct SessionContext;
 struct DepthWorker;
 struct BufferHalf;
 
-// Result codes of the depth side.
-constexpr int32_t kDepthOk = 0;
-constexpr int32_t kDepthOutOfMemory = 2;
-constexpr int32_t kDepthNoBuffer = 3;  // a buffer is missing or the inputs were already used
-constexpr int32_t kDepthDiscarded = 5;
-constexpr int32_t kDepthUnknownCalibration = 6;
-
 // Worker life. create_thread returns 0, 2 (out of memory) or the engine's or filter's set-up
 // code; on a non-zero result it has released everything it took.
 int32_t depth_manager_create_thread(SessionContext* ctx);
@@ -49,8 +42,8 @@ int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* worke
 int32_t depth_manager_deinit_temporal_filter(void);
 
 // Debug outputs of a freshly published depth map (only with debugEnable): the depth dump and,
-// with display flag 0x40, its colouring into the depth debug-display pair, with the focus
-// marker when asked and display flag 0x2 is set.
+// with kDisplayDepthMap, its colouring into the depth debug-display pair, with the focus
+// marker when asked and kDisplayFocusMarker is set.
 void depth_manager_debug_outputs(SessionContext* ctx, const uint16_t* depth, bool focusMarker);
 
 #endif  // VMKTRRT_DEPTH_DEPTH_MANAGER_H

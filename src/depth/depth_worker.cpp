@@ -8,6 +8,7 @@
 #include "debug/dump.h"
 #include "depth/depth_manager.h"
 #include "engines/engines.h"
+#include "flow/result_codes.h"
 #include "flow/session_context.h"
 #include "image/image_utility.h"
 #include "memory/buffer_manager.h"
@@ -79,7 +80,7 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     w->planes[i].data = static_cast<uint8_t*>(heap_allocate(sizes[i]));
     if (w->planes[i].data == nullptr) {
       stopAndRelease(w);
-      return kDepthOutOfMemory;
+      return kResultOutOfMemory;
     }
     w->planes[i].size = static_cast<int32_t>(sizes[i]);
     w->planes[i].kind = kPlaneOwned;
@@ -90,14 +91,14 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     if (!image_utility_depth_scratch_reserve(static_cast<int64_t>(samples))) {
       VM_LOG("ERROR: depth scratch of %zu samples not reserved\n", samples);
       stopAndRelease(w);
-      return kDepthOutOfMemory;
+      return kResultOutOfMemory;
     }
     w->scratchReserved = 1;
     // The scaler builds three planes of the depth size before turning them into place.
     w->scaleScratch = static_cast<uint8_t*>(heap_aligned_allocate(samples * 3, 16));
     if (w->scaleScratch == nullptr) {
       stopAndRelease(w);
-      return kDepthOutOfMemory;
+      return kResultOutOfMemory;
     }
     w->scaleScratchBytes = samples * 3;
   }
@@ -105,14 +106,14 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
   w->threadStarted = pthread_create(&w->thread, nullptr, depth_manager_handler, w) == 0 ? 1 : 0;
   if (!w->threadStarted) VM_LOG_IF(kLogTrace, "Create gen depth thread failed...\n");
 
-  int32_t r = kDepthOk;
+  int32_t r = kResultOk;
   if (ctx->depthFromChip) {
     if (ctx->isUsingTemporalFilter) r = depth_manager_init_temporal_filter(ctx);
   } else {
     r = depth_manager_init_Dpx2_LV(ctx);
-    w->engineOpen = r == kDepthOk ? 1 : 0;
+    w->engineOpen = r == kResultOk ? 1 : 0;
   }
-  if (r != kDepthOk) {
+  if (r != kResultOk) {
     // The session will not start: the worker and its memory go again here, since the caller
     // does not shut down what failed to start.
     stopAndRelease(w);
@@ -208,7 +209,7 @@ int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* w) {
   if (guide == nullptr || input == nullptr || out == nullptr) {
     buffer_manager_release(guide);
     buffer_manager_release(input);
-    return kDepthNoBuffer;
+    return kResultNoBuffer;
   }
   const long start = debug_time_ms();
   if (debugEnable.load(std::memory_order_relaxed) != 0)

@@ -8,6 +8,7 @@
 #include "debug/dump.h"
 #include "depth/depth_manager.h"
 #include "engines/engines.h"
+#include "flow/result_codes.h"
 #include "flow/session_context.h"
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
@@ -26,8 +27,6 @@ void releaseOtp(SessionContext* ctx) {
   heap_free(ctx->otpCopy);
   ctx->otpCopy = nullptr;
 }
-
-constexpr int32_t kInitRefused = 1;
 
 // Heap blocks live when the running session began: tear-down must bring the count back.
 int64_t g_blocksBeforeSession = 0;
@@ -110,13 +109,13 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
   ctx->slots[kSlotSub].width = d->previewSubWidth;
   ctx->slots[kSlotSub].height = d->previewSubHeight;
   // The whole layout word decides the turn: 0x13 (chip flag with layout 3) is not turned.
-  const bool turned = d->cameraLayout == 3 || d->cameraLayout == 4;
+  const bool turned = session_layout_turns_depth(static_cast<int32_t>(d->cameraLayout));
   ctx->slots[kSlotDepth].width = turned ? d->depthHeight : d->depthWidth;
   ctx->slots[kSlotDepth].height = turned ? d->depthWidth : d->depthHeight;
   ctx->depthSizeTurned = turned ? 1 : 0;
   const bool chipBit = (d->cameraLayout & 0x10) != 0;
-  ctx->slots[kSlotRefocus].width = chipBit ? d->depthWidth : 320;
-  ctx->slots[kSlotRefocus].height = chipBit ? d->depthHeight : 240;
+  ctx->slots[kSlotRefocus].width = chipBit ? d->depthWidth : kPolicyPlaneWidth;
+  ctx->slots[kSlotRefocus].height = chipBit ? d->depthHeight : kPolicyPlaneHeight;
 
   const uint8_t* otp = d->otpData;
   ctx->otpKind = 0;
@@ -124,11 +123,11 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
     otp = d->otpDataAlt;
     ctx->otpKind = 1;
   }
-  if (otp == nullptr) return 6;
+  if (otp == nullptr) return kResultBadCalibration;
   if (dump_enabled(kDumpEeprom)) dump_write_raw("eeprom.raw", otp, d->otpSize);
   ctx->otpSize = d->otpSize;
   ctx->otpCopy = static_cast<uint8_t*>(heap_allocate(d->otpSize > 0 ? static_cast<size_t>(d->otpSize) : 0));
-  if (ctx->otpCopy == nullptr) return 2;
+  if (ctx->otpCopy == nullptr) return kResultOutOfMemory;
   if (d->otpSize > 0) memcpy(ctx->otpCopy, otp, static_cast<size_t>(d->otpSize));
 
   if (d->rendererExtraParam != 0) ctx->rendererExtraParam = d->rendererExtraParam;
@@ -151,7 +150,7 @@ int32_t flow_controller_fill_initial_data(SessionContext* ctx, const InitData* d
   memset(static_cast<void*>(from), 0,
          sizeof(SessionContext) - static_cast<size_t>(from - reinterpret_cast<char*>(ctx)));
   memcpy(ctx->versionText, VMKTRRT_SC_VERSION, sizeof VMKTRRT_SC_VERSION);
-  return 0;
+  return kResultOk;
 }
 
 bool flow_controller_is_running(void) {
@@ -178,16 +177,16 @@ int32_t flow_controller_init(InitData data) {
   if (!initDataUsable(&data, &field, &value, &why)) {
     VM_LOG("ERROR: InitData %s [%d] refused: %s\n", field, value, why);
     ctx->state.store(kStateRejected);
-    return kInitRefused;
+    return kResultRefused;
   }
   int32_t r = flow_controller_fill_initial_data(ctx, &data);
-  if (r != 0) {
+  if (r != kResultOk) {
     ctx->state.store(kStateRejected);
     return r;
   }
   r = buffer_manager_allocate(ctx);
-  if (r == 0 && !buffer_manager_all_allocated(ctx)) r = 2;
-  if (r != 0) {
+  if (r == kResultOk && !buffer_manager_all_allocated(ctx)) r = kResultOutOfMemory;
+  if (r != kResultOk) {
     buffer_manager_free(ctx);
     releaseOtp(ctx);
     ctx->state.store(kStateBufferFailed);
@@ -212,7 +211,7 @@ int32_t flow_controller_init(InitData data) {
     return r;
   }
   ctx->state.store(kStateRunning);
-  return 0;
+  return kResultOk;
 }
 
 int32_t flow_controller_deinit(void) {
@@ -252,7 +251,7 @@ int32_t flow_controller_set_function(uint32_t flag, int32_t enable) {
       ctx->temporalFilterEnabled.store(enable != 0 ? 1 : 0, std::memory_order_relaxed);
       return 0;
     default:
-      return 1;
+      return kResultRefused;
   }
 }
 
@@ -354,8 +353,9 @@ int32_t flow_controller_trigger(TriggerData data) {
   }
   const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
   // The scene came loose: the maps in the making are stale.
-  if (policyState == 2 && ctx->prevPolicyState.load(std::memory_order_relaxed) != 2 && ctx->depthFromChip == 0)
-    ctx->depthDiscardRequest.fetch_or(3, std::memory_order_acq_rel);
+  if (policyState == kPolicyUnsettled && ctx->prevPolicyState.load(std::memory_order_relaxed) != kPolicyUnsettled &&
+      ctx->depthFromChip == 0)
+    ctx->depthDiscardRequest.fetch_or(kDiscardBoth, std::memory_order_acq_rel);
   ctx->prevPolicyState.store(policyState, std::memory_order_relaxed);
 
   const int32_t r = bokeh_manager_trigger(ctx);

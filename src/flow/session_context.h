@@ -24,6 +24,11 @@ constexpr uint32_t kSlotSeenByBokeh = 0x20;   // a depth map noticed by the boke
 constexpr uint32_t kSlotReaderUnit = 0x100;
 constexpr uint32_t kSlotStateBits = 0xFF;
 
+// depthDiscardRequest bits: the map each worker is making is thrown away when it finishes.
+constexpr uint32_t kDiscardDepth = 0x1;
+constexpr uint32_t kDiscardRefocus = 0x2;
+constexpr uint32_t kDiscardBoth = kDiscardDepth | kDiscardRefocus;
+
 // Session states.
 constexpr int32_t kStateInitialising = 0;
 constexpr int32_t kStateRejected = 2;
@@ -133,6 +138,13 @@ inline BufferSlot* session_slot(SessionContext* ctx, int n) {
   return nullptr;
 }
 
+// Layouts 3 and 4 hold the depth map turned a quarter against the caller's orientation. Given
+// the whole layout word at Init (0x13, chip flag with layout 3, is not turned) or the session's
+// layout number.
+inline bool session_layout_turns_depth(int32_t layout) {
+  return layout == 3 || layout == 4;
+}
+
 // The sizes the rest of the system knows by name live in the slots' first two words.
 inline int32_t session_preview_main_width(const SessionContext* c) {
   return c->slots[kSlotMain].width;
@@ -157,6 +169,13 @@ inline int32_t session_refocus_width(const SessionContext* c) {
 }
 inline int32_t session_refocus_height(const SessionContext* c) {
   return c->slots[kSlotRefocus].height;
+}
+
+// Depth map size in the caller's orientation.
+inline void session_caller_depth_size(const SessionContext* c, int32_t* w, int32_t* h) {
+  const bool turned = session_layout_turns_depth(c->cameraLayout);
+  *w = turned ? session_depth_height(c) : session_depth_width(c);
+  *h = turned ? session_depth_width(c) : session_depth_height(c);
 }
 
 #endif  // VMKTRRT_FLOW_SESSION_CONTEXT_H

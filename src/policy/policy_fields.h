@@ -9,6 +9,27 @@
 
 constexpr int kPolicyRingSize = 64;
 
+// Policy states (policyState). 0 and 1 leave the machine inert; 2..5 run it.
+constexpr int32_t kPolicyUnsettled = 2;
+constexpr int32_t kPolicySettling = 3;
+constexpr int32_t kPolicyDisturbed = 4;
+constexpr int32_t kPolicyStable = 5;
+
+// True for the states the machine moves through.
+inline bool policy_state_active(int32_t state) {
+  return state >= kPolicyUnsettled && state <= kPolicyStable;
+}
+// True once the scene has settled enough for a refocus map to be drawn with (3..5).
+inline bool policy_state_map_usable(int32_t state) {
+  return state >= kPolicySettling && state <= kPolicyStable;
+}
+
+// The census of the refocus-map check reads one plane of this fixed size (stride its width);
+// refocus maps of depth the library computes itself are made this size so that they can be
+// checked.
+constexpr int32_t kPolicyPlaneWidth = 320;
+constexpr int32_t kPolicyPlaneHeight = 240;
+
 // previousFrameState values.
 constexpr int32_t kPolicyStoreNone = 0;   // no store (its allocation failed or was refused)
 constexpr int32_t kPolicyStoreEmpty = 1;  // allocated, nothing stored yet

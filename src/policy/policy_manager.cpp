@@ -93,7 +93,7 @@ void policy_manager_check_state_machine(SessionContext* ctx, int32_t value) {
   PolicyFields* p = &ctx->policy;
   const int32_t state = ctx->policyState.load(std::memory_order_relaxed);
   // States 0 and 1 are inert; a value outside the table would be too.
-  if (state < kPolicyUnsettled || state > kPolicyStable) return;
+  if (!policy_state_active(state)) return;
   uint32_t window = kWindow[state];
   if (window > kPolicyRingSize) window = kPolicyRingSize;
 
@@ -163,7 +163,8 @@ int32_t policy_manager_update(SessionContext* ctx) {
 
 int32_t policy_manager_refocus_map_check(const uint8_t* current, const uint8_t* reference, int32_t width,
                                          int32_t height) {
-  // The census assumes the refocus-map size 320 x 240; width and height are not consulted.
+  // The census reads one fixed policy plane (the refocus-map size the library makes); width and
+  // height are not consulted.
   (void)width;
   (void)height;
   if (current == nullptr || reference == nullptr) {

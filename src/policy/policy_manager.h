@@ -10,13 +10,9 @@
 
 #include <cstdint>
 
-struct SessionContext;
+#include "policy/policy_fields.h"
 
-// Policy states.
-constexpr int32_t kPolicyUnsettled = 2;
-constexpr int32_t kPolicySettling = 3;
-constexpr int32_t kPolicyDisturbed = 4;
-constexpr int32_t kPolicyStable = 5;
+struct SessionContext;
 
 // Sets up the session's policy fields and allocates the reference-frame store. Returns 0.
 int32_t policy_manager_init(SessionContext* ctx);

@@ -270,11 +270,12 @@ int32_t policy_manager_scene_change_detection(const uint8_t* a_pucInputImage, co
 int32_t policy_manager_scene_change_detection_320x240(const uint8_t* a_pucInputImage,
                                                       const uint8_t* a_pucPreviewInputImage) {
   const long start = debug_time_ms();
-  // Region (0, 320, 0, 240): centre (160, 120); the grid's rows above the frame have negative
-  // indices and are skipped, and it never reaches the end of the plane.
+  // The whole plane is the region, so the grid sits at its centre; the grid's rows above the
+  // frame have negative indices and are skipped, and it never reaches the end of the plane.
   int32_t result = 0;
   if (a_pucInputImage != nullptr && a_pucPreviewInputImage != nullptr)
-    result = scene_measure_census(a_pucInputImage, a_pucPreviewInputImage, 160, 120, 320, 240);
+    result = scene_measure_census(a_pucInputImage, a_pucPreviewInputImage, kPolicyPlaneWidth / 2,
+                                  kPolicyPlaneHeight / 2, kPolicyPlaneWidth, kPolicyPlaneHeight);
   if (debug_log_on(kLogProfileMask)) {
     const int32_t cost = static_cast<int32_t>(debug_time_ms() - start);
     VM_PROFILE("Scene check result = %d cost %ld ms", result, static_cast<long>(cost));
