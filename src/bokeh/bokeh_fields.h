@@ -8,13 +8,9 @@
 #include <cstdint>
 
 #include "engines/engines.h"
+#include "flow/worker_thread.h"
 
 struct SessionContext;
-
-// Worker status words.
-constexpr int32_t kBmdStatusReady = 1;
-constexpr int32_t kBmdStatusWaiting = 2;
-constexpr int32_t kBmdStatusRunning = 4;
 
 // Request reasons raised by the per-frame step.
 constexpr uint32_t kReasonNewDepth = 0x1;
@@ -30,13 +26,10 @@ constexpr int32_t kDebugTextPictureBytes = 393216;  // 1024 glyphs
 constexpr int32_t kDebugLabelCount = 5;
 constexpr int32_t kDebugLabelBytes = 7680;  // 20 glyphs
 
-// The refocus-map worker: its mutex and condition variable guard status and the wait only; the
-// request words are shared without the lock and are atomics.
+// The refocus-map worker: its thread and what the thread works with; the request words are
+// shared without the thread's lock and are atomics.
 struct RefocusWorker {
-  pthread_mutex_t mutex;
-  pthread_cond_t cond;
-  std::atomic<int32_t> status;
-  std::atomic<int32_t> exitRequest;
+  WorkerThread thread;
   SessionContext* context;
   uint8_t* scratch;  // refocusMapWidth x refocusMapHeight bytes; its contents are never used
   int32_t scratchOwned;
@@ -46,10 +39,7 @@ struct RefocusWorker {
   std::atomic<int32_t> lastFocusY;
   std::atomic<int32_t> forcePublish;
   int32_t thumbnailX, thumbnailY;  // worker only: the marker of the thumbnail owed, in depth pixels
-  pthread_t thread;
-  int32_t threadStarted;  // shut-down joins only a thread that was started
-  int32_t syncReady;
-  int32_t rendererOpen;  // its set-up succeeded, so shut-down closes it
+  int32_t rendererOpen;            // its set-up succeeded, so shut-down closes it
 };
 
 struct BokehFields {

@@ -11,6 +11,7 @@
 #include "engines/engines.h"
 #include "flow/result_codes.h"
 #include "flow/session_context.h"
+#include "flow/worker_thread.h"
 #include "image/depth_display.h"
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
@@ -26,14 +27,9 @@ RefocusWorker* workerOf(SessionContext* ctx) {
 }
 
 void destroySync(SessionContext* ctx, RefocusWorker* w) {
-  if (!w->syncReady) return;
-  pthread_mutex_lock(&w->mutex);
-  w->status.store(0, std::memory_order_release);
-  pthread_mutex_unlock(&w->mutex);
-  pthread_cond_destroy(&w->cond);
-  pthread_mutex_destroy(&w->mutex);
+  if (!w->thread.syncReady) return;
+  worker_thread_destroy_sync(&w->thread);
   pthread_mutex_destroy(&ctx->bokeh.statsMutex);
-  w->syncReady = 0;
 }
 
 // Undoes a set-up that will not complete.
@@ -129,17 +125,10 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
   VM_LOG("KtrRT_GL Version:[%s]\n", text);
   memcpy(ctx->rendererVersion, text, sizeof text);
 
-  pthread_mutex_init(&w->mutex, nullptr);
-  pthread_cond_init(&w->cond, nullptr);
+  worker_thread_init_sync(&w->thread);
   pthread_mutex_init(&ctx->bokeh.statsMutex, nullptr);
-  w->syncReady = 1;
-  pthread_mutex_lock(&w->mutex);
-  w->status.store(kBmdStatusReady, std::memory_order_release);
-  pthread_mutex_unlock(&w->mutex);
-
   w->context = ctx;
   if (bokeh_manager_alloc_scratch(ctx, w) != kResultOk) return failInit(ctx, w, kResultOutOfMemory);
-  w->exitRequest.store(0, std::memory_order_release);
 
   int32_t r = vmKtrRT_CameraLayout_Set(ctx->cameraLayout);
   if (r != 0) {
@@ -189,9 +178,9 @@ int32_t bokeh_manager_init(SessionContext* ctx) {
 
 void bokeh_manager_create_thread(SessionContext* ctx) {
   RefocusWorker* w = workerOf(ctx);
-  w->threadStarted = pthread_create(&w->thread, nullptr, bokeh_manager_handler, w) == 0 ? 1 : 0;
   // Without a worker no map is ever made and frames render without one.
-  if (!w->threadStarted) VM_LOG_IF(kLogTrace, "Create gen refocus map thread failed...\n");
+  if (!worker_thread_start(&w->thread, bokeh_manager_handler, w))
+    VM_LOG_IF(kLogTrace, "Create gen refocus map thread failed...\n");
 }
 
 void* bokeh_manager_handler(void* arg) {
@@ -199,20 +188,11 @@ void* bokeh_manager_handler(void* arg) {
   SessionContext* ctx = w->context;
   VM_LOG_IF(kLogTrace, "Start gen refocus map handler...\n");
   dump_thread_info();
-  pthread_mutex_lock(&w->mutex);
-  const int32_t status = w->status.load(std::memory_order_relaxed);
-  pthread_mutex_unlock(&w->mutex);
-  VM_LOG_IF(kLogTrace, "ID STATUS_READY[%d]...\n", status & kBmdStatusReady);
+  const int32_t status = worker_thread_status(&w->thread);
+  VM_LOG_IF(kLogTrace, "ID STATUS_READY[%d]...\n", status & kWorkerReady);
   const int32_t initResult = vmKtrRT_GenRefocusMap_init();
   VM_LOG_IF(kLogTrace, "vmKtrRT_GenRefocusMap_init[%d]...\n", initResult);
-  while (w->exitRequest.load(std::memory_order_acquire) == 0) {
-    pthread_mutex_lock(&w->mutex);
-    w->status.store(kBmdStatusWaiting, std::memory_order_release);
-    // A shut-down that came before the wait must not be slept through.
-    if (w->exitRequest.load(std::memory_order_acquire) == 0) pthread_cond_wait(&w->cond, &w->mutex);
-    w->status.store(kBmdStatusRunning, std::memory_order_release);
-    pthread_mutex_unlock(&w->mutex);
-    if (w->exitRequest.load(std::memory_order_acquire) != 0) break;
+  while (worker_thread_wait(&w->thread)) {
     // A spurious wake-up is taken as a request.
     const int32_t r = bokeh_manager_generate_refocus_map(ctx, w);
     VM_LOG_IF(kLogTrace, "bokeh_manager_generate_refocus_map[%d]...\n", r);
@@ -347,14 +327,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
 
 int32_t bokeh_manager_deinit(SessionContext* ctx) {
   RefocusWorker* w = workerOf(ctx);
-  w->exitRequest.store(1, std::memory_order_release);
-  if (w->syncReady && w->status.load(std::memory_order_acquire) != 0) {
-    pthread_mutex_lock(&w->mutex);
-    pthread_cond_signal(&w->cond);
-    pthread_mutex_unlock(&w->mutex);
-    if (w->threadStarted) pthread_join(w->thread, nullptr);
-    w->threadStarted = 0;
-  }
+  worker_thread_stop(&w->thread);
   // After the worker has ended and closed its generator; only a renderer that was set up.
   if (w->rendererOpen) vmKtrRT_GLClose();
   w->rendererOpen = 0;

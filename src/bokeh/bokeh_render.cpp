@@ -1,32 +1,13 @@
 // bokeh_render.cpp - the per-frame bokeh step: notices new depth, raises sticky requests to the
 // refocus-map worker, wakes it, chooses the map and has the renderer draw the frame in place.
-#include <pthread.h>
 #include <sys/time.h>
 
 #include "bokeh/bokeh_manager.h"
 #include "debug/debug_log.h"
 #include "engines/engines.h"
 #include "flow/session_context.h"
+#include "flow/worker_thread.h"
 #include "memory/buffer_manager.h"
-
-namespace {
-
-// 1 when the worker waits for a request.
-int32_t workerWaiting(RefocusWorker* w) {
-  if (!w->syncReady) return 0;
-  pthread_mutex_lock(&w->mutex);
-  const int32_t waiting = (w->status.load(std::memory_order_relaxed) & kBmdStatusWaiting) != 0 ? 1 : 0;
-  pthread_mutex_unlock(&w->mutex);
-  return waiting;
-}
-
-void signalWorker(RefocusWorker* w) {
-  pthread_mutex_lock(&w->mutex);
-  pthread_cond_signal(&w->cond);
-  pthread_mutex_unlock(&w->mutex);
-}
-
-}  // namespace
 
 int32_t bokeh_manager_trigger(SessionContext* ctx) {
   RefocusWorker* w = &ctx->bokeh.worker;
@@ -58,10 +39,10 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
     wake = true;
   }
   if (wake) {
-    const int32_t waiting = workerWaiting(w);
+    const int32_t waiting = worker_thread_waiting(&w->thread) ? 1 : 0;
     VM_LOG_IF(kLogTrace, "gen refocus map is BMD_STATUS_WAITING[%d]...\n", waiting);
     // A busy worker keeps the reasons pending; the next frame tries again.
-    if (waiting) signalWorker(w);
+    if (waiting) worker_thread_signal(&w->thread);
   }
 
   const uint32_t discard = ctx->depthDiscardRequest.load(std::memory_order_acquire);

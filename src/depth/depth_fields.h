@@ -2,17 +2,12 @@
 #ifndef VMKTRRT_DEPTH_FIELDS_H
 #define VMKTRRT_DEPTH_FIELDS_H
 
-#include <pthread.h>
-
-#include <atomic>
+#include <cstddef>
 #include <cstdint>
 
-struct SessionContext;
+#include "flow/worker_thread.h"
 
-// Worker status words.
-constexpr int32_t kDmdStatusReady = 1;
-constexpr int32_t kDmdStatusWaiting = 2;
-constexpr int32_t kDmdStatusRunning = 4;
+struct SessionContext;
 
 // Ownership of a worker plane block.
 constexpr int32_t kPlaneBorrowed = 1;
@@ -24,17 +19,11 @@ struct DepthPlaneBlock {
   int32_t size;   // bytes
 };
 
-// The depth worker: its mutex and condition variable guard status and the wait only.
+// The depth worker: its thread and what the thread works with.
 struct DepthWorker {
-  pthread_mutex_t mutex;
-  pthread_cond_t cond;
-  std::atomic<int32_t> status;
-  std::atomic<int32_t> exitRequest;
+  WorkerThread thread;
   SessionContext* context;
   DepthPlaneBlock planes[2];  // main camera, sub camera (block A, block B of the filter)
-  pthread_t thread;
-  int32_t threadStarted;  // a join only follows a start that succeeded
-  int32_t syncReady;      // mutex and condition variable initialised
   int32_t scratchReserved;
   int32_t engineOpen;     // vmDpx2_Express_Init succeeded: shut-down closes the engine
   uint8_t* scaleScratch;  // the scaler's work area for one preview, kept for the session

@@ -1,7 +1,5 @@
 // depth_worker.cpp - the depth worker thread: creation, wake-up by trigger, shut-down, and the
 // temporal filter step it runs for chip depth.
-#include <pthread.h>
-
 #include <cstring>
 
 #include "debug/debug_log.h"
@@ -10,6 +8,7 @@
 #include "engines/engines.h"
 #include "flow/result_codes.h"
 #include "flow/session_context.h"
+#include "flow/worker_thread.h"
 #include "image/image_utility.h"
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
@@ -31,14 +30,7 @@ void freePlanes(DepthWorker* w) {
 
 // Ends the thread (if one was started) and releases what creation took.
 void stopAndRelease(DepthWorker* w) {
-  w->exitRequest.store(1, std::memory_order_release);
-  if (w->status.load(std::memory_order_acquire) != 0 && w->syncReady) {
-    pthread_mutex_lock(&w->mutex);
-    pthread_cond_signal(&w->cond);
-    pthread_mutex_unlock(&w->mutex);
-    if (w->threadStarted) pthread_join(w->thread, nullptr);
-    w->threadStarted = 0;
-  }
+  worker_thread_stop(&w->thread);
   // Only an engine whose set-up succeeded is closed.
   if (w->engineOpen) vmDpx2_Express_Close();
   w->engineOpen = 0;
@@ -48,27 +40,14 @@ void stopAndRelease(DepthWorker* w) {
   w->scaleScratchBytes = 0;
   if (w->scratchReserved) image_utility_depth_scratch_release();
   w->scratchReserved = 0;
-  if (w->syncReady) {
-    pthread_mutex_lock(&w->mutex);
-    w->status.store(0, std::memory_order_release);
-    pthread_mutex_unlock(&w->mutex);
-    pthread_cond_destroy(&w->cond);
-    pthread_mutex_destroy(&w->mutex);
-    w->syncReady = 0;
-  }
+  worker_thread_destroy_sync(&w->thread);
 }
 
 }  // namespace
 
 int32_t depth_manager_create_thread(SessionContext* ctx) {
   DepthWorker* w = workerOf(ctx);
-  pthread_mutex_init(&w->mutex, nullptr);
-  pthread_cond_init(&w->cond, nullptr);
-  w->syncReady = 1;
-  pthread_mutex_lock(&w->mutex);
-  w->status.store(kDmdStatusReady, std::memory_order_release);
-  pthread_mutex_unlock(&w->mutex);
-
+  worker_thread_init_sync(&w->thread);
   w->context = ctx;
   const size_t samples = static_cast<size_t>(session_depth_width(ctx)) * static_cast<size_t>(session_depth_height(ctx));
   // Block A also takes the filter's guide luma, which may be larger than the depth planes.
@@ -102,9 +81,8 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     }
     w->scaleScratchBytes = samples * 3;
   }
-  w->exitRequest.store(0, std::memory_order_release);
-  w->threadStarted = pthread_create(&w->thread, nullptr, depth_manager_handler, w) == 0 ? 1 : 0;
-  if (!w->threadStarted) VM_LOG_IF(kLogTrace, "Create gen depth thread failed...\n");
+  if (!worker_thread_start(&w->thread, depth_manager_handler, w))
+    VM_LOG_IF(kLogTrace, "Create gen depth thread failed...\n");
 
   int32_t r = kResultOk;
   if (ctx->depthFromChip) {
@@ -129,18 +107,9 @@ void* depth_manager_handler(void* arg) {
   SessionContext* ctx = w->context;
   VM_LOG_IF(kLogTrace, "Start gen depth handler...\n");
   dump_thread_info();
-  pthread_mutex_lock(&w->mutex);
-  const int32_t status = w->status.load(std::memory_order_relaxed);
-  pthread_mutex_unlock(&w->mutex);
-  VM_LOG_IF(kLogTrace, "ID DMD_STATUS_READY[%d]...\n", status & kDmdStatusReady);
-  while (w->exitRequest.load(std::memory_order_acquire) == 0) {
-    pthread_mutex_lock(&w->mutex);
-    w->status.store(kDmdStatusWaiting, std::memory_order_release);
-    // A shut-down that came before the wait must not be slept through.
-    if (w->exitRequest.load(std::memory_order_acquire) == 0) pthread_cond_wait(&w->cond, &w->mutex);
-    w->status.store(kDmdStatusRunning, std::memory_order_release);
-    pthread_mutex_unlock(&w->mutex);
-    if (w->exitRequest.load(std::memory_order_acquire) != 0) break;
+  const int32_t status = worker_thread_status(&w->thread);
+  VM_LOG_IF(kLogTrace, "ID DMD_STATUS_READY[%d]...\n", status & kWorkerReady);
+  while (worker_thread_wait(&w->thread)) {
     // A spurious wake-up counts as a trigger: the used marks keep it from repeating work.
     if (ctx->depthFromChip == 0) {
       const int32_t r = depth_manager_generate_depth(ctx, w);
@@ -155,29 +124,17 @@ void* depth_manager_handler(void* arg) {
 }
 
 int32_t depth_manager_trigger(SessionContext* ctx) {
-  DepthWorker* w = workerOf(ctx);
-  if (!w->syncReady) return 0;
-  pthread_mutex_lock(&w->mutex);
-  const int32_t status = w->status.load(std::memory_order_relaxed);
-  pthread_mutex_unlock(&w->mutex);
-  const int32_t waiting = (status & kDmdStatusWaiting) != 0 ? 1 : 0;
+  WorkerThread* t = &workerOf(ctx)->thread;
+  if (!t->syncReady) return 0;
+  const int32_t waiting = worker_thread_waiting(t) ? 1 : 0;
   VM_LOG_IF(kLogTrace, "depth_manager_trigger is DMD_STATUS_WAITING[%d]...\n", waiting);
   // No queue: a trigger while the worker is busy is dropped and the published map stays.
-  if (waiting) {
-    pthread_mutex_lock(&w->mutex);
-    pthread_cond_signal(&w->cond);
-    pthread_mutex_unlock(&w->mutex);
-  }
+  if (waiting) worker_thread_signal(t);
   return 0;
 }
 
 bool depth_manager_worker_waiting(SessionContext* ctx) {
-  DepthWorker* w = workerOf(ctx);
-  if (!w->syncReady) return false;
-  pthread_mutex_lock(&w->mutex);
-  const bool waiting = (w->status.load(std::memory_order_relaxed) & kDmdStatusWaiting) != 0;
-  pthread_mutex_unlock(&w->mutex);
-  return waiting;
+  return worker_thread_waiting(&workerOf(ctx)->thread);
 }
 
 int32_t depth_manager_deinit(SessionContext* ctx) {

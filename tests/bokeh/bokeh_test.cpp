@@ -167,16 +167,16 @@ class BokehFrame : public Bokeh {
     ctx->mainImageSize = static_cast<uint32_t>(frame.size());
     // No worker thread here: a busy worker, so the wake attempts find nobody waiting.
     RefocusWorker* w = &ctx->bokeh.worker;
-    pthread_mutex_init(&w->mutex, nullptr);
-    pthread_cond_init(&w->cond, nullptr);
-    w->syncReady = 1;
-    w->status.store(kBmdStatusRunning);
+    pthread_mutex_init(&w->thread.mutex, nullptr);
+    pthread_cond_init(&w->thread.cond, nullptr);
+    w->thread.syncReady = 1;
+    w->thread.status.store(kWorkerRunning);
     w->lastFocusX.store(960);
     w->lastFocusY.store(540);
   }
   void TearDown() override {
-    pthread_cond_destroy(&ctx->bokeh.worker.cond);
-    pthread_mutex_destroy(&ctx->bokeh.worker.mutex);
+    pthread_cond_destroy(&ctx->bokeh.worker.thread.cond);
+    pthread_mutex_destroy(&ctx->bokeh.worker.thread.mutex);
     Bokeh::TearDown();
   }
   int32_t frameStep() { return bokeh_manager_trigger(ctx.get()); }

@@ -29,7 +29,7 @@ class DepthWorkerTest : public ::testing::Test {
     fakes::reset();
     heap_fault_inject(0, false);
   }
-  int32_t status() { return s.ctx->depth.worker.status.load(); }
+  int32_t status() { return s.ctx->depth.worker.thread.status.load(); }
   DepthSession s;
   FlagWords flags;
   LogCapture log;
@@ -39,7 +39,7 @@ TEST_F(DepthWorkerTest, TwoQuickTriggersWhileBusyMakeOneMap) {
   s.setUp(2, 64, 48, 32, 24);
   SessionContext* c = s.ctx.get();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
-  ASSERT_TRUE(waitFor([&] { return status() == kDmdStatusWaiting; }));
+  ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting; }));
   fakes::setDelayMs("vmDpx2_Run_Express", 100);
   s.putFrame(kSlotMain, 1);
   s.putFrame(kSlotSub, 2);
@@ -48,7 +48,7 @@ TEST_F(DepthWorkerTest, TwoQuickTriggersWhileBusyMakeOneMap) {
   s.putFrame(kSlotMain, 3);
   s.putFrame(kSlotSub, 4);
   depth_manager_trigger(c);  // busy: dropped
-  ASSERT_TRUE(waitFor([&] { return status() == kDmdStatusWaiting && s.publishedDepth() != nullptr; }));
+  ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting && s.publishedDepth() != nullptr; }));
   EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
   EXPECT_EQ(log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]"), 1u);
   EXPECT_EQ(log.count("depth_manager_generate_depth[0]"), 1u);
@@ -62,7 +62,7 @@ TEST_F(DepthWorkerTest, ShutDownWhileWaitingEndsTheHandler) {
   SessionContext* c = s.ctx.get();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
   EXPECT_GE(image_utility_depth_scratch_capacity(), 32 * 24);
-  ASSERT_TRUE(waitFor([&] { return status() == kDmdStatusWaiting; }));
+  ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting; }));
   EXPECT_EQ(log.count("Start gen depth handler..."), 1u);
   EXPECT_EQ(log.count("ID DMD_STATUS_READY[1]"), 1u);
   EXPECT_EQ(depth_manager_deinit(c), 0);
@@ -104,7 +104,7 @@ TEST_F(DepthWorkerTest, OutOfMemoryForThePlanes) {
 TEST_F(DepthWorkerTest, ChipWithFilterRunsTheFilterOnTheWorker) {
   SessionContext* c = s.setUpChipWithFilter();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
-  ASSERT_TRUE(waitFor([&] { return status() == kDmdStatusWaiting; }));
+  ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting; }));
   s.putFrame(kSlotMain, 1);
   const uint16_t words[8] = {1, 2, 3, 4, 5, 6, 7, 8};
   depth_manager_get_depth_from_chip(c, reinterpret_cast<const uint8_t*>(words), sizeof words);

@@ -132,7 +132,7 @@ TEST_F(Flow, FailedStartsReleaseInReverse) {
   fakes::queueResult("vmKtrRT_GLInitV1_1", 0x31);
   EXPECT_EQ(flow_controller_init(f.init()), 0x31);
   EXPECT_EQ(g_session.state.load(), kStateBokehFailed);
-  EXPECT_EQ(g_session.depth.worker.status.load(), 0);  // the started depth worker was stopped
+  EXPECT_EQ(g_session.depth.worker.thread.status.load(), 0);  // the started depth worker was stopped
   EXPECT_EQ(g_session.slots[0].a.data, nullptr);
   EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 0u);
 }
