@@ -24,10 +24,11 @@ struct DepthWorker {
   WorkerThread thread;
   SessionContext* context;
   DepthPlaneBlock planes[2];  // main camera, sub camera (block A, block B of the filter)
-  int32_t scratchReserved;
-  int32_t engineOpen;     // vmDpx2_Express_Init succeeded: shut-down closes the engine
-  uint8_t* scaleScratch;  // the scaler's work area for one preview, kept for the session
+  int32_t engineOpen;         // vmDpx2_Express_Init succeeded: shut-down closes the engine
+  uint8_t* scaleScratch;      // the scaler's work area for one preview, kept for the session
   size_t scaleScratchBytes;
+  uint16_t* depthScratch;  // the engine's map before its quarter turn into the slot, kept for the session
+  int64_t depthScratchSamples;
 };
 
 struct DepthFields {

@@ -121,7 +121,7 @@ int32_t depth_manager_generate_depth_for_layout_3_4(SessionContext* ctx, DepthWo
   prepareInputs(ctx, w, mainSlot, subSlot, dh, dw, layout);
   VM_PROFILE_IF("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_time_ms() - start);
   dumpEngineInputs(ctx, w);
-  uint16_t* scratch = image_utility_depth_scratch();
+  uint16_t* scratch = w->depthScratch;
   const int32_t r = depth_manager_generate_depth_dpx2_run(scratch, dw, dh, w->planes[0].data, w->planes[1].data,
                                                           ctx->vcmMain.load(std::memory_order_relaxed),
                                                           ctx->vcmSub.load(std::memory_order_relaxed));

@@ -9,14 +9,27 @@
 #include "flow/result_codes.h"
 #include "flow/session_context.h"
 #include "flow/worker_thread.h"
-#include "image/image_utility.h"
 #include "memory/buffer_manager.h"
 #include "memory/heap.h"
 
 namespace {
 
+// Depth maps are at most 4096 x 4096.
+constexpr int64_t kMaxDepthScratchSamples = 4096LL * 4096LL;
+
 DepthWorker* workerOf(SessionContext* ctx) {
   return &ctx->depth.worker;
+}
+
+// The 16-bit depth scratch for a map of samples samples; false when it cannot be had. A map of
+// no samples needs none.
+bool reserveDepthScratch(DepthWorker* w, int64_t samples) {
+  if (samples <= w->depthScratchSamples) return true;
+  if (samples <= 0 || samples > kMaxDepthScratchSamples) return false;
+  w->depthScratch = static_cast<uint16_t*>(heap_aligned_allocate(static_cast<size_t>(samples) * sizeof(uint16_t), 16));
+  if (w->depthScratch == nullptr) return false;
+  w->depthScratchSamples = samples;
+  return true;
 }
 
 void freePlanes(DepthWorker* w) {
@@ -38,8 +51,9 @@ void stopAndRelease(DepthWorker* w) {
   heap_aligned_free(w->scaleScratch);
   w->scaleScratch = nullptr;
   w->scaleScratchBytes = 0;
-  if (w->scratchReserved) image_utility_depth_scratch_release();
-  w->scratchReserved = 0;
+  heap_aligned_free(w->depthScratch);
+  w->depthScratch = nullptr;
+  w->depthScratchSamples = 0;
   worker_thread_destroy_sync(&w->thread);
 }
 
@@ -64,15 +78,14 @@ int32_t depth_manager_create_thread(SessionContext* ctx) {
     w->planes[i].size = static_cast<int32_t>(sizes[i]);
     w->planes[i].kind = kPlaneOwned;
   }
-  // The quarter-turn road and the half turn work through the shared depth scratch: reserved
-  // once here for the configured map, never per frame.
+  // The quarter-turn road works through the worker's depth scratch: reserved once here for the
+  // configured map, never per frame.
   if (ctx->depthFromChip == 0) {
-    if (!image_utility_depth_scratch_reserve(static_cast<int64_t>(samples))) {
+    if (!reserveDepthScratch(w, static_cast<int64_t>(samples))) {
       VM_LOG("ERROR: depth scratch of %zu samples not reserved\n", samples);
       stopAndRelease(w);
       return kResultOutOfMemory;
     }
-    w->scratchReserved = 1;
     // The scaler builds three planes of the depth size before turning them into place.
     w->scaleScratch = static_cast<uint8_t*>(heap_aligned_allocate(samples * 3, 16));
     if (w->scaleScratch == nullptr) {

@@ -1,4 +1,4 @@
-// image_utility.cpp - NV12 scale-expand-turn, 16-bit turns, chroma re-layout copy, depth scratch.
+// image_utility.cpp - NV12 scale-expand-turn, 16-bit turns, chroma re-layout copy.
 #include "image/image_utility.h"
 
 #include <algorithm>
@@ -7,13 +7,6 @@
 #include "debug/debug_log.h"
 #include "image/plane_rotate.h"
 #include "memory/heap.h"
-
-namespace {
-// Depth maps are at most 4096 x 4096.
-constexpr int64_t kMaxDepthScratchSamples = 4096LL * 4096LL;
-uint16_t* g_depthScratch = nullptr;
-int64_t g_depthScratchCapacity = 0;
-}  // namespace
 
 void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1, uint8_t* dstPlane2,
                                      int32_t srcWidth, int32_t srcHeight, int32_t stride, int32_t chromaRowStart,
@@ -174,28 +167,4 @@ int64_t image_utility_rechroma_chroma_read_bytes(int32_t width, int32_t height) 
 int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height) {
   if (width <= 0 || height <= 0) return 0;
   return static_cast<int64_t>(width) * height + static_cast<int64_t>(height) * (width & ~1);
-}
-
-bool image_utility_depth_scratch_reserve(int64_t samples) {
-  if (samples <= g_depthScratchCapacity) return true;
-  if (samples <= 0 || samples > kMaxDepthScratchSamples) return false;
-  uint16_t* block = static_cast<uint16_t*>(plane_alloc(static_cast<size_t>(samples) * sizeof(uint16_t)));
-  if (block == nullptr) return false;
-  plane_free(g_depthScratch);
-  g_depthScratch = block;
-  g_depthScratchCapacity = samples;
-  return true;
-}
-
-void image_utility_depth_scratch_release(void) {
-  plane_free(g_depthScratch);
-  g_depthScratch = nullptr;
-  g_depthScratchCapacity = 0;
-}
-
-uint16_t* image_utility_depth_scratch(void) {
-  return g_depthScratch;
-}
-int64_t image_utility_depth_scratch_capacity(void) {
-  return g_depthScratchCapacity;
 }

@@ -1,6 +1,6 @@
 // image_utility.h - plane scaling, expansion and turning for the depth road, 16-bit depth turns,
 // and the chroma re-layout copy of the buffer manager. Plain functions on caller-owned memory;
-// none keeps state except the depth scratch, which only the depth worker thread uses.
+// none keeps state.
 #ifndef VMKTRRT_IMAGE_IMAGE_UTILITY_H
 #define VMKTRRT_IMAGE_IMAGE_UTILITY_H
 
@@ -40,12 +40,5 @@ int64_t image_utility_rechroma_chroma_read_bytes(int32_t width, int32_t height);
 
 // Bytes image_utility_copy_nv12_rechroma writes in all (luma and chroma).
 int64_t image_utility_rechroma_output_bytes(int32_t width, int32_t height);
-
-// The shared 16-bit depth scratch: sized once for the largest configured depth map, used only
-// on the depth worker thread. Reserve returns false when memory runs out.
-bool image_utility_depth_scratch_reserve(int64_t samples);
-void image_utility_depth_scratch_release(void);
-uint16_t* image_utility_depth_scratch(void);
-int64_t image_utility_depth_scratch_capacity(void);
 
 #endif  // VMKTRRT_IMAGE_IMAGE_UTILITY_H

@@ -61,7 +61,7 @@ TEST_F(DepthWorkerTest, ShutDownWhileWaitingEndsTheHandler) {
   s.setUp(3, 64, 48, 32, 24);
   SessionContext* c = s.ctx.get();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
-  EXPECT_GE(image_utility_depth_scratch_capacity(), 32 * 24);
+  EXPECT_GE(c->depth.worker.depthScratchSamples, 32 * 24);
   ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting; }));
   EXPECT_EQ(log.count("Start gen depth handler..."), 1u);
   EXPECT_EQ(log.count("ID DMD_STATUS_READY[1]"), 1u);
@@ -69,7 +69,7 @@ TEST_F(DepthWorkerTest, ShutDownWhileWaitingEndsTheHandler) {
   EXPECT_EQ(log.count("End gen depth handler..."), 1u);
   EXPECT_EQ(status(), 0);
   EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), 1u);
-  EXPECT_EQ(image_utility_depth_scratch_capacity(), 0);
+  EXPECT_EQ(c->depth.worker.depthScratchSamples, 0);
   EXPECT_EQ(c->depth.worker.planes[0].data, nullptr);
 }
 

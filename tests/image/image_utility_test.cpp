@@ -206,16 +206,4 @@ TEST(Rechroma, EachSourceRowServesFourOutputRowsAndReadsStayInsideOnePlane) {
   EXPECT_EQ(image_utility_rechroma_output_bytes(5, 3), 15 + 12);
 }
 
-TEST(DepthScratch, ReservesOnceForTheLargestMap) {
-  EXPECT_TRUE(image_utility_depth_scratch_reserve(320 * 240));
-  uint16_t* first = image_utility_depth_scratch();
-  ASSERT_NE(first, nullptr);
-  EXPECT_TRUE(image_utility_depth_scratch_reserve(100));
-  EXPECT_EQ(image_utility_depth_scratch(), first);
-  EXPECT_FALSE(image_utility_depth_scratch_reserve(INT64_MAX));
-  EXPECT_EQ(image_utility_depth_scratch_capacity(), 320 * 240);
-  image_utility_depth_scratch_release();
-  EXPECT_EQ(image_utility_depth_scratch(), nullptr);
-}
-
 }  // namespace
