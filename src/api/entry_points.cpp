@@ -3,8 +3,6 @@
 //
 // Init, Run, Set_Function and Deinit run on the caller's thread; the caller serialises them.
 // Get_Version may be called at any time from any thread.
-#include <sys/time.h>
-
 #include <cstring>
 
 #include "debug/debug_log.h"
@@ -21,13 +19,6 @@ namespace {
     __android_log_print(VM_LOG_PRIORITY, VM_LOG_TAG, "<VEMTA_LOG>[vmKtrRT_SC]<" tag "> %s:%d: %x \n", __func__, \
                         __LINE__, static_cast<unsigned>(word.load(std::memory_order_relaxed)));                 \
   } while (0)
-
-long elapsedMs(const struct timeval& start) {
-  struct timeval end;
-  gettimeofday(&end, nullptr);
-  return (static_cast<long>(end.tv_sec) * 1000 + static_cast<long>(end.tv_usec) / 1000) -
-         (static_cast<long>(start.tv_sec) * 1000 + static_cast<long>(start.tv_usec) / 1000);
-}
 
 }  // namespace
 
@@ -47,46 +38,42 @@ extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Init(InitData data) {
     READ_AND_ECHO(debugDisplay, "persist.vm.ktrrt.sc.display", "SET DEBUG DISPLAY");
   READ_AND_ECHO(statusInfo, "persist.vm.ktrrt.sc.info", "SET STATUS INFO");
 
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  const long start = debug_time_ms();
   const bool profile = debug_log_on(kLogProfileMask);
   if (profile) VM_PROFILE("++\n");
   const int32_t result = flow_controller_init(data);
-  if (profile) VM_PROFILE("-- cost %ld ms\n", elapsedMs(start));
+  if (profile) VM_PROFILE("-- cost %ld ms\n", debug_elapsed_ms(start));
   return static_cast<uint32_t>(result);
 }
 
 extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Run(TriggerData data) {
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  const long start = debug_time_ms();
   const bool profile = debug_log_on(kLogProfileMask);
   if (profile) VM_PROFILE("++\n");
   const int32_t result = flow_controller_trigger(data);
-  if (profile) VM_PROFILE("-- cost %ld ms\n", elapsedMs(start));
+  if (profile) VM_PROFILE("-- cost %ld ms\n", debug_elapsed_ms(start));
   return static_cast<uint32_t>(result);
 }
 
 extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Set_Function(uint32_t flag, int32_t enable) {
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  const long start = debug_time_ms();
   const bool trace = debug_log_on(kLogTrace);
   if (trace) {
     VM_LOG("++\n");
     VM_LOG("FLAG[0x%02x] Enable[%d]\n", flag, enable);
   }
   const int32_t result = flow_controller_set_function(flag, enable);
-  if (trace) VM_LOG("-- cost %ld ms\n", elapsedMs(start));
+  if (trace) VM_LOG("-- cost %ld ms\n", debug_elapsed_ms(start));
   return static_cast<uint32_t>(result);
 }
 
 extern "C" VMKTRRT_SC_EXPORT uint32_t vmKtrRT_SC_Deinit(void) {
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  const long start = debug_time_ms();
   const bool profile = debug_log_on(kLogProfileMask);
   if (profile) VM_PROFILE("++\n");
   // The tear-down's own result (always 0) is not what the caller sees: with profiling on, the
   // call answers with the last cost line's log result. Callers must not rely on either.
   uint32_t result = static_cast<uint32_t>(flow_controller_deinit());
-  if (profile) result = static_cast<uint32_t>(VM_PROFILE("-- cost %ld ms\n", elapsedMs(start)));
+  if (profile) result = static_cast<uint32_t>(VM_PROFILE("-- cost %ld ms\n", debug_elapsed_ms(start)));
   return result;
 }

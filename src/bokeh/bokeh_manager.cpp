@@ -73,7 +73,7 @@ void settleThumbnail(SessionContext* ctx, RefocusWorker* w, bool owed) {
 }
 
 // A macro, so that the line carries the generating function's name.
-#define PROFILE_REFOCUS_MAP(start) VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_time_ms() - (start))
+#define PROFILE_REFOCUS_MAP(start) VM_PROFILE_IF("vmKtrRT_GenRefocusMap cost %ld ms\n", debug_elapsed_ms(start))
 
 }  // namespace
 

@@ -1,7 +1,5 @@
 // bokeh_render.cpp - the per-frame bokeh step: notices new depth, raises sticky requests to the
 // refocus-map worker, wakes it, chooses the map and has the renderer draw the frame in place.
-#include <sys/time.h>
-
 #include "bokeh/bokeh_manager.h"
 #include "debug/debug_log.h"
 #include "engines/engines.h"
@@ -22,8 +20,7 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
     VM_LOG_IF(kLogTrace, "NEW Depth...\n");
     newDepth = true;
   }
-  struct timeval start;
-  gettimeofday(&start, nullptr);
+  const long start = debug_time_ms();
 
   const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
   // The flow copies the state just before this call, so the two normally agree; kept as is.
@@ -66,12 +63,6 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
                                       ctx->regionLeft, ctx->regionTop, ctx->regionRight, ctx->regionBottom);
   buffer_manager_release(map);
   for (int32_t i = 0; i < holds.count; ++i) buffer_manager_release(holds.held[i]);
-  if (debug_log_on(kLogProfileMask)) {
-    struct timeval end;
-    gettimeofday(&end, nullptr);
-    const long ms = (static_cast<long>(end.tv_sec) * 1000 + static_cast<long>(end.tv_usec) / 1000) -
-                    (static_cast<long>(start.tv_sec) * 1000 + static_cast<long>(start.tv_usec) / 1000);
-    VM_PROFILE("vmKtrRT_GLStartV1 cost %ld ms\n", ms);
-  }
+  VM_PROFILE_IF("vmKtrRT_GLStartV1 cost %ld ms\n", debug_elapsed_ms(start));
   return r != 0 ? -r : noMapFlag;
 }

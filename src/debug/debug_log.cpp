@@ -3,7 +3,6 @@
 
 #include <sys/time.h>
 
-#include <cerrno>
 #include <climits>
 #include <cstdlib>
 
@@ -33,7 +32,6 @@ int32_t debug_read_property_int(const char* name) {
   if (value[0] == '\0') return 0;
   // atoi's reading (leading blanks, sign, digits, stop at the first other character), without
   // its undefined result on overflow.
-  errno = 0;
   long long v = strtoll(value, nullptr, 10);
   if (v > INT32_MAX) return INT32_MAX;
   if (v < INT32_MIN) return INT32_MIN;

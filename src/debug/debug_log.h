@@ -71,6 +71,10 @@ inline bool debug_log_on(int32_t mask) {
 // Wall-clock milliseconds as the profiling lines count them: seconds x 1000 plus microseconds
 // / 1000, each reading truncated before any subtraction.
 long debug_time_ms(void);
+// Milliseconds since start, a debug_time_ms reading: what every cost line prints.
+inline long debug_elapsed_ms(long start) {
+  return debug_time_ms() - start;
+}
 
 // Reads a system property as a decimal integer: an empty or missing value reads as 0, text
 // that is not a number as 0, values beyond 32 bits are clamped.

@@ -85,7 +85,7 @@ int32_t depth_manager_generate_depth_dpx2_run(uint16_t* depthOut, int32_t width,
     subImage.plane[p] = subPlanes + p * n;
   }
   const int32_t r = vmDpx2_Run_Express(depthOut, &mainImage, &subImage, vcmMain, vcmSub);
-  VM_PROFILE_IF("vmDpx2_Run_Express cost %ld ms\n", debug_time_ms() - start);
+  VM_PROFILE_IF("vmDpx2_Run_Express cost %ld ms\n", debug_elapsed_ms(start));
   return r;
 }
 
@@ -96,7 +96,7 @@ int32_t depth_manager_generate_depth_for_layout_1_2(SessionContext* ctx, DepthWo
   long start = debug_time_ms();
   prepareInputs(ctx, w, mainSlot, subSlot, dw, dh, ctx->cameraLayout);
   if (debug_log_on(kLogStepCost))
-    VM_PROFILE("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_time_ms() - start);
+    VM_PROFILE("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_elapsed_ms(start));
   dumpEngineInputs(ctx, w);
   uint16_t* out = reinterpret_cast<uint16_t*>(depthSlot->data);
   const int32_t r = depth_manager_generate_depth_dpx2_run(out, dw, dh, w->planes[0].data, w->planes[1].data,
@@ -105,7 +105,7 @@ int32_t depth_manager_generate_depth_for_layout_1_2(SessionContext* ctx, DepthWo
   if (ctx->cameraLayout == 1) {
     start = debug_time_ms();
     image_utility_rotate180(out, dw, dh);
-    if (debug_log_on(kLogStepCost)) VM_PROFILE("image_utility rotate180 cost %ld ms\n", debug_time_ms() - start);
+    if (debug_log_on(kLogStepCost)) VM_PROFILE("image_utility rotate180 cost %ld ms\n", debug_elapsed_ms(start));
   }
   return r;
 }
@@ -119,7 +119,7 @@ int32_t depth_manager_generate_depth_for_layout_3_4(SessionContext* ctx, DepthWo
   long start = debug_time_ms();
   // Scaled in the caller's orientation (dh wide, dw tall), then turned to the engine's.
   prepareInputs(ctx, w, mainSlot, subSlot, dh, dw, layout);
-  VM_PROFILE_IF("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_time_ms() - start);
+  VM_PROFILE_IF("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_elapsed_ms(start));
   dumpEngineInputs(ctx, w);
   uint16_t* scratch = w->depthScratch;
   const int32_t r = depth_manager_generate_depth_dpx2_run(scratch, dw, dh, w->planes[0].data, w->planes[1].data,
@@ -127,7 +127,7 @@ int32_t depth_manager_generate_depth_for_layout_3_4(SessionContext* ctx, DepthWo
                                                           ctx->vcmSub.load(std::memory_order_relaxed));
   start = debug_time_ms();
   image_utility_rotate(reinterpret_cast<uint16_t*>(depthSlot->data), scratch, dw, dh, layout == 3 ? 1 : 0);
-  VM_PROFILE_IF("image_utility rotate cost %ld ms\n", debug_time_ms() - start);
+  VM_PROFILE_IF("image_utility rotate cost %ld ms\n", debug_elapsed_ms(start));
   return r;
 }
 
@@ -245,7 +245,7 @@ void depth_manager_get_depth_from_chip(SessionContext* ctx, const uint8_t* data,
   } else {
     memcpy(out, data, n * 2);
   }
-  VM_PROFILE_IF("depth_manager_get_depth_from_chip cost %ld ms\n", debug_time_ms() - start);
+  VM_PROFILE_IF("depth_manager_get_depth_from_chip cost %ld ms\n", debug_elapsed_ms(start));
   target->size = samples * 2;
   BufferHalf* old = buffer_manager_get_buffer(ctx, slot, kSlotFilled);
   buffer_manager_publish(target, old == target ? nullptr : old);

@@ -39,7 +39,6 @@ void depth_manager_get_depth_from_chip(SessionContext* ctx, const uint8_t* data,
 // Temporal filter.
 int32_t depth_manager_init_temporal_filter(SessionContext* ctx);
 int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* worker);
-int32_t depth_manager_deinit_temporal_filter(void);
 
 // Debug outputs of a freshly published depth map (only with debugEnable): the depth dump and,
 // with kDisplayDepthMap, its colouring into the depth debug-display pair, with the focus

@@ -168,10 +168,6 @@ int32_t depth_manager_init_temporal_filter(SessionContext* ctx) {
   return r;
 }
 
-int32_t depth_manager_deinit_temporal_filter(void) {
-  return vmZu_TemporalFilterU16_Close();
-}
-
 int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* w) {
   BufferHalf* guide = buffer_manager_hold_filled(ctx, kSlotMain);
   BufferHalf* input = buffer_manager_hold_filled(ctx, kSlotSub);
@@ -202,7 +198,7 @@ int32_t depth_manager_do_temporal_filter(SessionContext* ctx, DepthWorker* w) {
     r = vmZu_TemporalFilterU16_Run(dst, in, dw, dh, w->planes[0].data, mw, mh);
   else
     memcpy(dst, in, depthBytes);
-  VM_PROFILE_IF("vmZu_TemporalFilterU16_Run cost %ld ms\n", debug_time_ms() - start);
+  VM_PROFILE_IF("vmZu_TemporalFilterU16_Run cost %ld ms\n", debug_elapsed_ms(start));
   // Published whatever the filter answered.
   out->size = static_cast<int32_t>(depthBytes);
   BufferHalf* old = buffer_manager_get_buffer(ctx, kSlotDepth, kSlotFilled);

@@ -255,11 +255,6 @@ int32_t flow_controller_set_function(uint32_t flag, int32_t enable) {
   }
 }
 
-void flow_controller_apply_debug_flag(void) {
-  g_session.temporalFilterEnabled.store((debugFlag.load(std::memory_order_relaxed) & 1) == 0 ? 1 : 0,
-                                        std::memory_order_relaxed);
-}
-
 void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d) {
   // A buffer nobody reads: the depth worker may still be reading one. When it holds the free
   // one, the older filled frame is replaced instead, so that every frame is copied and published.

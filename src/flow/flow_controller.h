@@ -22,7 +22,5 @@ void flow_controller_fill_trigger_data(SessionContext* ctx, const TriggerData* d
 void flow_controller_fill_trigger_data_depth_requirement(SessionContext* ctx, const TriggerData* data);
 // True while the session runs (state 7).
 bool flow_controller_is_running(void);
-// Applies debugFlag bit 0 (temporal filter off) to the session's run-time filter switch.
-void flow_controller_apply_debug_flag(void);
 
 #endif  // VMKTRRT_FLOW_FLOW_CONTROLLER_H

@@ -324,6 +324,6 @@ uint32_t image_utility_depth_map_standard_deviation(const uint16_t* depth, int32
     }
     result = static_cast<uint32_t>(std::sqrt(static_cast<double>(acc / count)));
   }
-  VM_PROFILE_IF(" Depth SD [%d]-- cost %ld ms\n", static_cast<int32_t>(result), debug_time_ms() - start);
+  VM_PROFILE_IF(" Depth SD [%d]-- cost %ld ms\n", static_cast<int32_t>(result), debug_elapsed_ms(start));
   return result;
 }

@@ -36,6 +36,4 @@ void vemta_memory_manager_free(void* address);
 MemoryNode* vemta_memory_manager_remove_node_by_addr(void* address);
 void vemta_memory_manager_deinit(void);
 
-#define VEMTA_ALLOC(size) vemta_memory_manager_allocate((size), __FILE__, __LINE__)
-
 #endif  // VMKTRRT_MEMORY_MEMORY_MANAGER_H

@@ -261,7 +261,7 @@ int32_t policy_manager_scene_change_detection(const uint8_t* a_pucInputImage, co
   if (a_pucInputImage != nullptr && a_pucPreviewInputImage != nullptr)
     result = scene_measure_census(a_pucInputImage, a_pucPreviewInputImage, cx, cy, width, height);
   if (debug_log_on(kLogProfileMask)) {
-    const int32_t cost = static_cast<int32_t>(debug_time_ms() - start);
+    const int32_t cost = static_cast<int32_t>(debug_elapsed_ms(start));
     VM_PROFILE("Scene check result = %d cost %ld ms", result, static_cast<long>(cost));
   }
   return result;
@@ -277,7 +277,7 @@ int32_t policy_manager_scene_change_detection_320x240(const uint8_t* a_pucInputI
     result = scene_measure_census(a_pucInputImage, a_pucPreviewInputImage, kPolicyPlaneWidth / 2,
                                   kPolicyPlaneHeight / 2, kPolicyPlaneWidth, kPolicyPlaneHeight);
   if (debug_log_on(kLogProfileMask)) {
-    const int32_t cost = static_cast<int32_t>(debug_time_ms() - start);
+    const int32_t cost = static_cast<int32_t>(debug_elapsed_ms(start));
     VM_PROFILE("Scene check result = %d cost %ld ms", result, static_cast<long>(cost));
   }
   return result;
@@ -404,7 +404,7 @@ int32_t policy_manager_estimate_motion(const uint8_t* a_pucInputImage, const uin
         static_cast<int32_t>(static_cast<uint32_t>(policyMotionVectors[k][1]) + static_cast<uint32_t>(vectors[k][1]));
   }
   if (debug_log_on(kLogProfileMask)) {
-    const int32_t cost = static_cast<int32_t>(debug_time_ms() - start);
+    const int32_t cost = static_cast<int32_t>(debug_elapsed_ms(start));
     VM_PROFILE("MV Large count = %d cost %ld ms", large, static_cast<long>(cost));
   }
   return large;
@@ -441,7 +441,7 @@ float policy_manager_calculate_SAD(const uint8_t* a_pucInputImage, const uint8_t
       count == 0 ? std::numeric_limits<float>::quiet_NaN()
                  : static_cast<float>(static_cast<int32_t>(sum)) / static_cast<float>(static_cast<int32_t>(count));
   if (debug_log_on(kLogProfileMask)) {
-    const int32_t cost = static_cast<int32_t>(debug_time_ms() - start);
+    const int32_t cost = static_cast<int32_t>(debug_elapsed_ms(start));
     VM_PROFILE("Average Pixel Diff = %f cost %ld ms", static_cast<double>(result), static_cast<long>(cost));
   }
   return result;
