@@ -212,7 +212,8 @@ void bokeh_manager_focus_to_depth(const SessionContext* ctx, int32_t focusX, int
   const int32_t dy = ph > 0 ? static_cast<int32_t>(static_cast<int64_t>(focusY) * H / ph) : 0;
   if (ctx->isPortrait) {
     // Both turned coordinates are measured against H: not a plain quarter turn for a
-    // non-square map, and kept exactly so (the generator was tuned with it).
+    // non-square map. The generator reads the focus point in this frame: a plain turn would
+    // focus elsewhere on such maps.
     *x = dy;
     *y = H - dx;
   } else {

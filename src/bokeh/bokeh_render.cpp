@@ -23,7 +23,8 @@ int32_t bokeh_manager_trigger(SessionContext* ctx) {
   const long start = debug_time_ms();
 
   const int32_t policyState = ctx->policyState.load(std::memory_order_relaxed);
-  // The flow copies the state just before this call, so the two normally agree; kept as is.
+  // The flow copies the state just before this call, so the two differ only when this step runs
+  // without the flow (the unit tests drive it so); then the next map skips the hold-back.
   if (policyState != ctx->prevPolicyState.load(std::memory_order_relaxed))
     w->forcePublish.store(1, std::memory_order_release);
   if (newDepth) w->pendingReasons.fetch_or(kReasonNewDepth, std::memory_order_acq_rel);

@@ -24,9 +24,9 @@ const int32_t kDumpBits[] = {0x01, 0x02, 0x04, 0x08, 0x08, 0x10, 0x20, 0x80, 0x4
 // The refocus dumps hand (counter, name, f-number, focusX, focusY, width, height, extension) to a
 // format that reads (counter, name, int x int, double, int x int, extension). On the 32-bit ARM
 // target the double-precision f-number therefore fills the two %d fields with its low and high
-// words, and the %.2f field reads focusX (low word) and focusY (high word) as one double. The
-// names have always looked so and tools match on them; the same text is computed here from the
-// values themselves, so that every target prints it without mismatched arguments.
+// words, and the %.2f field reads focusX (low word) and focusY (high word) as one double. Tools
+// that read recorded dumps parse these names, so the text stays exactly this; it is computed
+// here from the values themselves, so that every target prints it without mismatched arguments.
 void refocusName(char* dst, size_t cap, int32_t counter, const char* name, float fNumber, int32_t focusX,
                  int32_t focusY, int32_t width, int32_t height) {
   double f = fNumber;

@@ -262,7 +262,8 @@ void image_utility_draw_histogram(uint8_t* display, int32_t width, int32_t heigh
       put(barLength + 3, y, c[0], c[2], c[2], 0);
     }
   }
-  // A slightly different black from the top row; kept as the display has always drawn it.
+  // The bottom frame row's black is one chroma step (127) off the top row's (128); every byte of
+  // the picture is pinned by its test, so the step stays.
   for (int64_t x = 0; x < width; ++x) put(x, y0 + 1 + barLength, 0, 127, 127, 0);
 }
 

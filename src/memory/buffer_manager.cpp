@@ -19,7 +19,7 @@ void setHalf(BufferHalf* h, uint8_t* data, int32_t size) {
 
 // One block of twice the half size; B at A + bOffset. Slots 4 and 5 place B at the half of the
 // 2- and 1-byte slot whose dimensions they share, inside A's range: the working buffers are
-// used one at a time and the layout is kept as designed.
+// used one at a time.
 void allocateSlot(BufferSlot* slot, int32_t width, int32_t height, int32_t bpp, int32_t bOffset, int32_t atLeast = 0) {
   int32_t half = buffer_manager_half_size(width, height, bpp);
   if (half > 0 && atLeast > half) half = atLeast;
