@@ -4,14 +4,13 @@
 #include "flow/flow_controller.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <string>
 
 #include "debug/debug_log.h"
 #include "depth/depth_manager.h"
+#include "engine_gate.h"
 #include "fakes.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
@@ -230,14 +229,7 @@ TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
   // The depth engine is held inside its first run for the whole sequence: the worker then holds
   // no preview buffer, so every frame lands and is measured whatever the machine's speed, and
   // the map in the making is the one the scene change must throw away.
-  std::atomic<bool> open{false};
-  fakes::setHook("vmDpx2_Run_Express", [&open] {
-    while (!open.load()) usleep(200);
-  });
-  struct Opener {
-    std::atomic<bool>& o;
-    ~Opener() { o.store(true); }
-  } opener{open};
+  EngineGate gate("vmDpx2_Run_Express");
 
   Frames still(320, 240, 320, 240, 160, 120);
   Frames other(320, 240, 320, 240, 160, 120);
@@ -257,7 +249,7 @@ TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
   EXPECT_EQ(fakes::calls("vmKtrRT_GLStartV1").back().args[5], 1);  // rendered without a map
 
   // Released, the engine's map is dropped instead of published, and bit 0 is taken down.
-  open.store(true);
+  gate.open();
   ASSERT_TRUE(waitUntil([] { return (g_session.depthDiscardRequest.load() & 1u) == 0; }));
   ASSERT_TRUE(waitUntil([] { return depth_manager_worker_waiting(&g_session); }));
   EXPECT_EQ(buffer_manager_get_buffer(&g_session, kSlotDepth, kSlotFilled), nullptr);

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "engine_gate.h"
 #include "engines/engines.h"
 #include "log_capture.h"
 #include "session_support.h"
@@ -308,17 +309,22 @@ TEST_F(Session, TearDownClosesOnlyWhatWasOpened) {
 }
 
 TEST_F(Session, DepthRequestsWhileTheWorkerIsBusyAreDropped) {
+  setProp("persist.vm.log.ktrrt.sc", "2");  // each request says whether it found the worker waiting
   Frames f(64, 48, 64, 48, 32, 24);
   ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
-  fakes::setDelayMs("vmDpx2_Run_Express", 300);
+  EngineGate gate("vmDpx2_Run_Express");  // the worker stays busy until the requests are in
   // A still scene is stable from the seventh frame on and asks for depth on every frame: the
   // first request that finds the worker waiting starts one map; the next ones come while it runs.
   ASSERT_TRUE(waitUntil([&] {
     run(f.centred());
     return fakes::count("vmDpx2_Run_Express") == 1;
   }));
+  const size_t busy = log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]");
   for (int i = 0; i < 3; ++i) run(f.centred());
-  usleep(400 * 1000);
+  EXPECT_EQ(log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]"), busy + 3);
+  // Released, the worker finishes its one map; nothing was kept for it to run once more.
+  gate.open();
+  vmKtrRT_SC_Deinit();  // joins the worker; its value follows the profile log, on here
   EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
 }
 
@@ -329,7 +335,7 @@ TEST_F(Session, StillFullHdSceneReachesRenderingWithAPublishedMap) {
   EXPECT_EQ(lastRender().args[2], 0);  // no map
   EXPECT_EQ(lastRender().args[5], 1);  // noMapFlag
   bool rendered = false;
-  for (int i = 0; i < 400 && !rendered; ++i) {
+  for (int i = 0; i < 1500 && !rendered; ++i) {  // up to 3 s of frames, as waitUntil gives
     const int32_t r = run(f.centred());
     rendered = r == 0 && lastRender().args[2] != 0;
     if (!rendered) usleep(2000);
@@ -356,15 +362,17 @@ TEST_F(Session, FocusMovedWhileTheWorkerIsBusyIsServedOnALaterFrame) {
     run(f.centred());
     return fakes::count("vmKtrRT_GenRefocusMap") > 0;
   }));
-  fakes::setDelayMs("vmKtrRT_GenRefocusMap", 150);
+  // The generator's run for focus (50, 50) holds the worker until the focus has moved on.
+  EngineGate gate("vmKtrRT_GenRefocusMap", [] { return fakes::calls("vmKtrRT_GenRefocusMap").back().args[2] == 25; });
   // Focus (50, 50): the request is retried every frame until the worker takes it.
   ASSERT_TRUE(waitUntil([&] {
     run(f.trigger(0, 100, 0, 100));
     return fakes::calls("vmKtrRT_GenRefocusMap").back().args[2] == 25;
   }));
-  // The call is recorded before the generator's delay: the worker is busy now.
+  // The call is recorded before the gate: the worker is busy now.
   run(f.trigger(400, 600, 200, 400));  // focus (500, 300) while the worker is busy
   const size_t before = fakes::count("vmKtrRT_GenRefocusMap");
+  gate.open();
   ASSERT_TRUE(waitUntil([&] {
     run(f.trigger(400, 600, 200, 400));
     auto g = fakes::calls("vmKtrRT_GenRefocusMap");
