@@ -277,6 +277,41 @@ TEST_F(Session, SecondInitReinitialisesWithTheNewRecord) {
   EXPECT_LE(thread_count_settled(threads), threads);  // no worker left behind
 }
 
+TEST_F(Session, InitAfterDeinitTakesTheNewSizesAndLayout) {
+  const int threads = thread_count_settled(thread_count_now());
+  struct Case {
+    int32_t mw, mh, sw, sh, dw, dh;
+    uint32_t layout;
+    const char* generator;
+    int32_t mapW;  // the refocus map's width: the depth map's with chip depth, else 320
+  };
+  const char* gen = "vmKtrRT_GenRefocusMap";
+  const char* genChip = "vmKtrRT_GenRefocusMap_VX4810_DispartyBase";
+  const Case cases[] = {
+      {64, 48, 64, 48, 32, 24, 2, gen, 320},       {128, 96, 96, 72, 40, 30, 4, gen, 320},
+      {63, 47, 33, 25, 32, 24, 3, gen, 320},       {96, 64, 96, 64, 48, 32, 0x32, genChip, 48},
+      {64, 48, 64, 48, 32, 24, 0x52, genChip, 32}, {64, 48, 64, 48, 32, 24, 2, gen, 320},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.mw << "x" << c.mh << " layout " << c.layout);
+    fakes::reset();
+    Frames f(c.mw, c.mh, c.sw, c.sh, c.dw, c.dh);
+    ASSERT_EQ(vmKtrRT_SC_Init(f.init(c.layout)), 0u);
+    const auto gl = rendererInits().at(0).args;
+    EXPECT_EQ(std::vector<int64_t>(gl.begin() + 4, gl.begin() + 9),
+              (std::vector<int64_t>{c.mw, c.mh, c.dw, c.dh, c.mapW}));
+    // The new session makes its own map and draws with it.
+    const bool chip = (c.layout & 0x10) != 0;
+    ASSERT_TRUE(waitUntil([&] { return run(f.centred(chip)) == 0 && lastRender().args[2] != 0; }));
+    EXPECT_GT(fakes::count(c.generator), 0u);
+    EXPECT_EQ(vmKtrRT_SC_Deinit(), 0u);
+    EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 1u);
+    EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), chip ? 0u : 1u);
+  }
+  EXPECT_EQ(log.count("Init while running"), 0u);
+  EXPECT_LE(thread_count_settled(threads), threads);  // every session's workers ended
+}
+
 TEST_F(Session, TearDownClosesOnlyWhatWasOpened) {
   Frames f(64, 48, 64, 48, 32, 24);
   // The depth engine's set-up fails: it is not closed, nor is the renderer never set up.
