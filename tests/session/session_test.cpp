@@ -194,7 +194,7 @@ TEST_F(Session, InitTakesWhatACameraHalMayHandOverAndRunsIt) {
     const std::vector<uint8_t> mainFrame = nv21(c.mw, c.mh, 3), subFrame = nv21(c.sw, c.sh, 9);
     const bool chip = (c.layout & 0x10) != 0;
     bool produced = false;
-    const int frames = c.produced != nullptr ? 600 : 20;
+    const int frames = c.produced != nullptr ? 3000 : 20;  // a bound as waitUntil gives
     for (int i = 0; i < frames && !produced; ++i) {
       std::vector<uint8_t> m = mainFrame, s = subFrame;  // every frame exactly its bytes
       TriggerData t = f.centred(chip);
