@@ -1,5 +1,6 @@
 # Front door: `make test` builds and runs every test this machine can run; `make demo` runs the
-# host tool on its built-in synthetic scene.
+# host tool on its built-in synthetic scene. PRESET=ci is the same build with warnings as errors,
+# as CI runs it.
 PRESET ?= default
 JOBS ?= $(shell nproc)
 

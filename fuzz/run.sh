@@ -27,7 +27,7 @@ for f in "${folders[@]}"; do targets+=("fuzz_$f"); done
 
 CC=clang CXX=clang++ cmake -S . -B build/fuzz -G Ninja -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_C_FLAGS_DEBUG="-g -O1" -DCMAKE_CXX_FLAGS_DEBUG="-g -O1" \
-  -DVMKTR_SANITIZE=address,undefined -DVMKTR_BUILD_BENCH=OFF >/dev/null
+  -DVMKTR_SANITIZE=address,undefined -DVMKTR_BUILD_BENCH=OFF -DVMKTR_WERROR=ON >/dev/null
 cmake --build build/fuzz --target "${targets[@]}" -j "$(nproc)"
 
 # Whatever the targets dump goes to a folder of the fuzz build, not the phone's directory.

@@ -4,6 +4,7 @@
 
 #include "depth/depth_manager.h"
 #include "depth_support.h"
+#include "engine_gate.h"
 #include "fakes.h"
 #include "image/image_utility.h"
 #include "log_capture.h"
@@ -40,7 +41,8 @@ TEST_F(DepthWorkerTest, TwoQuickTriggersWhileBusyMakeOneMap) {
   SessionContext* c = s.ctx.get();
   ASSERT_EQ(depth_manager_create_thread(c), 0);
   ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting; }));
-  fakes::setDelayMs("vmDpx2_Run_Express", 100);
+  // The engine holds the worker inside its run until the second trigger has come.
+  EngineGate gate("vmDpx2_Run_Express");
   s.putFrame(kSlotMain, 1);
   s.putFrame(kSlotSub, 2);
   depth_manager_trigger(c);
@@ -48,6 +50,7 @@ TEST_F(DepthWorkerTest, TwoQuickTriggersWhileBusyMakeOneMap) {
   s.putFrame(kSlotMain, 3);
   s.putFrame(kSlotSub, 4);
   depth_manager_trigger(c);  // busy: dropped
+  gate.open();
   ASSERT_TRUE(waitFor([&] { return status() == kWorkerWaiting && s.publishedDepth() != nullptr; }));
   EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
   EXPECT_EQ(log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]"), 1u);

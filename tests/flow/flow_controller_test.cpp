@@ -4,14 +4,13 @@
 #include "flow/flow_controller.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstdio>
 #include <string>
 
 #include "debug/debug_log.h"
 #include "depth/depth_manager.h"
+#include "engine_gate.h"
 #include "fakes.h"
 #include "flow/session_context.h"
 #include "log_capture.h"
@@ -226,18 +225,75 @@ TEST_F(Flow, DeinitFindsABlockTheSessionDidNotGiveBack) {
   EXPECT_EQ(heap_live_blocks(), blocks);
 }
 
+// Once a session is rendering with maps, frames take nothing from the heap, on the frame thread
+// or the workers, in any layout or mode: every allocation from then on would fail and be counted.
+TEST_F(Flow, SteadyFramesTakeNothingFromTheHeap) {
+  struct Mode {
+    const char* name;
+    uint32_t layout;
+    bool filter, debug, dumps;
+    const char* depthCall;  // what makes the depth on the worker (none: the chip's, on the frame)
+    const char* generator;
+  };
+  const char* dpx = "vmDpx2_Run_Express";
+  const char* zu = "vmZu_TemporalFilterU16_Run";
+  const char* gen = "vmKtrRT_GenRefocusMap";
+  const char* genChip = "vmKtrRT_GenRefocusMap_VX4810_DispartyBase";
+  const Mode modes[] = {
+      {"layout 2", 2, false, false, false, dpx, gen},
+      {"layout 3, turned", 3, false, false, false, dpx, gen},
+      {"layout 4, turned", 4, false, false, false, dpx, gen},
+      {"chip 10-bit", 0x32, false, false, false, nullptr, genChip},
+      {"chip 8-bit", 0x52, false, false, false, nullptr, genChip},
+      {"chip with the temporal filter", 0x32, true, false, false, zu, genChip},
+      {"whole debug display", 2, false, true, false, dpx, gen},
+      {"every dump", 2, false, false, true, dpx, gen},
+  };
+  for (const Mode& m : modes) {
+    SCOPED_TRACE(m.name);
+    fakes::reset();
+    vm_host_property_reset();
+    if (m.debug || m.dumps) setProp("persist.vm.ktrrt.sc.debug", "1");
+    if (m.debug) {
+      setProp("persist.vm.ktrrt.sc.display", "475");  // 0x1DB: every picture, sub paste, markers
+      setProp("persist.vm.ktrrt.sc.info", "15");
+    }
+    if (m.dumps) setProp("persist.vm.ktrrt.sc.dump", "255");
+    Frames f(64, 48, 64, 48, 32, 24);
+    InitData d = f.init(m.layout);
+    d.isUsingTemporalFilter = m.filter ? 1 : 0;
+    ASSERT_EQ(flow_controller_init(d), 0);
+    const bool chip = (m.layout & 0x10) != 0;
+    const auto count = [](const char* call) { return call != nullptr ? fakes::count(call) : 0u; };
+    // A still scene: depth is asked for on every frame; the focus moves every ten frames.
+    const auto frame = [&](int32_t i) {
+      const int32_t x = (i / 10) % 2 == 0 ? 10 : 30;
+      flow_controller_trigger(f.trigger(x, x + 20, 10, 30, chip));
+    };
+    // Warm: a map drawn with, and the workers on to the next ones.
+    ASSERT_TRUE(waitUntil([&] {
+      frame(0);
+      return fakes::count(m.generator) > 1 && fakes::calls("vmKtrRT_GLStartV1").back().args[5] == 0;
+    }));
+    const size_t depth = count(m.depthCall), maps = fakes::count(m.generator);
+    heap_fault_inject(1, true);
+    for (int32_t i = 0; i < 60; ++i) frame(i);
+    // The workers made depth and maps while every allocation would have failed.
+    ASSERT_TRUE(waitUntil([&] {
+      frame(0);
+      return (m.depthCall == nullptr || count(m.depthCall) > depth) && fakes::count(m.generator) > maps;
+    }));
+    EXPECT_EQ(heap_fault_count(), 0);
+    heap_fault_inject(0, false);
+    flow_controller_deinit();
+  }
+}
+
 TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
   // The depth engine is held inside its first run for the whole sequence: the worker then holds
   // no preview buffer, so every frame lands and is measured whatever the machine's speed, and
   // the map in the making is the one the scene change must throw away.
-  std::atomic<bool> open{false};
-  fakes::setHook("vmDpx2_Run_Express", [&open] {
-    while (!open.load()) usleep(200);
-  });
-  struct Opener {
-    std::atomic<bool>& o;
-    ~Opener() { o.store(true); }
-  } opener{open};
+  EngineGate gate("vmDpx2_Run_Express");
 
   Frames still(320, 240, 320, 240, 160, 120);
   Frames other(320, 240, 320, 240, 160, 120);
@@ -257,7 +313,7 @@ TEST_F(Flow, SceneComingLooseDiscardsTheDepthInTheMaking) {
   EXPECT_EQ(fakes::calls("vmKtrRT_GLStartV1").back().args[5], 1);  // rendered without a map
 
   // Released, the engine's map is dropped instead of published, and bit 0 is taken down.
-  open.store(true);
+  gate.open();
   ASSERT_TRUE(waitUntil([] { return (g_session.depthDiscardRequest.load() & 1u) == 0; }));
   ASSERT_TRUE(waitUntil([] { return depth_manager_worker_waiting(&g_session); }));
   EXPECT_EQ(buffer_manager_get_buffer(&g_session, kSlotDepth, kSlotFilled), nullptr);

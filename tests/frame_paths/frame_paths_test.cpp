@@ -19,6 +19,11 @@
 
 namespace {
 
+// The refocus-map worker is in its wait: no map is under way.
+bool workerWaiting(SessionContext* ctx) {
+  return (ctx->bokeh.worker.thread.status.load() & kWorkerWaiting) != 0;
+}
+
 class FramePaths : public PropertyFixture {
  protected:
   void SetUp() override {
@@ -142,7 +147,7 @@ TEST_F(FramePaths, RefocusRequestMeetingBothMapBuffersHeldIsRetried) {
     const size_t before = fakes::count(kGenChip);
     run(a);
     usleep(20 * 1000);
-    return fakes::count(kGenChip) == before && ctx->bokeh.worker.pendingReasons.load() == 0;
+    return fakes::count(kGenChip) == before && ctx->bokeh.worker.pendingReasons.load() == 0 && workerWaiting(ctx);
   }));
   BufferHalf* heldMap = buffer_manager_hold_filled(ctx, kSlotRefocus);  // a reader on the old map
   ASSERT_NE(heldMap, nullptr);
@@ -192,20 +197,21 @@ TEST_F(FramePaths, ThumbnailHeldByTheRenderIsDrawnOnALaterFrame) {
     const size_t before = fakes::count(kGenChip);
     run(a);
     usleep(20 * 1000);
-    return fakes::count(kGenChip) == before && ctx->bokeh.worker.pendingReasons.load() == 0;
+    return fakes::count(kGenChip) == before && ctx->bokeh.worker.pendingReasons.load() == 0 && workerWaiting(ctx);
   }));
   const uint8_t* shownBefore = lastTable()[0].data;
 
   // The map is made while the frame renders with the thumbnail: the worker cannot draw it then.
   value = 200;
   const size_t maps = fakes::count(kGenChip);
-  fakes::setDelayMs(kGenChip, 100);
-  fakes::setDelayMs("vmKtrRT_GLStartV1", 300);
+  // The frame's render lasts until the worker, woken by the focus move, has made the map and
+  // gone back to waiting, whatever the machine's load.
+  fakes::setHook("vmKtrRT_GLStartV1",
+                 [&] { waitUntil([&] { return fakes::count(kGenChip) > maps && workerWaiting(ctx); }); });
   const TriggerData moved = withoutNewDepth(f.trigger(0, 20, 0, 20, true));
   run(moved);
+  fakes::setHook("vmKtrRT_GLStartV1", nullptr);
   EXPECT_EQ(fakes::count(kGenChip), maps + 1);
-  fakes::setDelayMs(kGenChip, 0);
-  fakes::setDelayMs("vmKtrRT_GLStartV1", 0);
 
   // No new depth and no new focus: only the owed thumbnail brings the new map on screen.
   ASSERT_TRUE(waitUntil([&] {

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "engine_gate.h"
 #include "engines/engines.h"
 #include "log_capture.h"
 #include "session_support.h"
@@ -193,7 +194,7 @@ TEST_F(Session, InitTakesWhatACameraHalMayHandOverAndRunsIt) {
     const std::vector<uint8_t> mainFrame = nv21(c.mw, c.mh, 3), subFrame = nv21(c.sw, c.sh, 9);
     const bool chip = (c.layout & 0x10) != 0;
     bool produced = false;
-    const int frames = c.produced != nullptr ? 600 : 20;
+    const int frames = c.produced != nullptr ? 3000 : 20;  // a bound as waitUntil gives
     for (int i = 0; i < frames && !produced; ++i) {
       std::vector<uint8_t> m = mainFrame, s = subFrame;  // every frame exactly its bytes
       TriggerData t = f.centred(chip);
@@ -276,6 +277,41 @@ TEST_F(Session, SecondInitReinitialisesWithTheNewRecord) {
   EXPECT_LE(thread_count_settled(threads), threads);  // no worker left behind
 }
 
+TEST_F(Session, InitAfterDeinitTakesTheNewSizesAndLayout) {
+  const int threads = thread_count_settled(thread_count_now());
+  struct Case {
+    int32_t mw, mh, sw, sh, dw, dh;
+    uint32_t layout;
+    const char* generator;
+    int32_t mapW;  // the refocus map's width: the depth map's with chip depth, else 320
+  };
+  const char* gen = "vmKtrRT_GenRefocusMap";
+  const char* genChip = "vmKtrRT_GenRefocusMap_VX4810_DispartyBase";
+  const Case cases[] = {
+      {64, 48, 64, 48, 32, 24, 2, gen, 320},       {128, 96, 96, 72, 40, 30, 4, gen, 320},
+      {63, 47, 33, 25, 32, 24, 3, gen, 320},       {96, 64, 96, 64, 48, 32, 0x32, genChip, 48},
+      {64, 48, 64, 48, 32, 24, 0x52, genChip, 32}, {64, 48, 64, 48, 32, 24, 2, gen, 320},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.mw << "x" << c.mh << " layout " << c.layout);
+    fakes::reset();
+    Frames f(c.mw, c.mh, c.sw, c.sh, c.dw, c.dh);
+    ASSERT_EQ(vmKtrRT_SC_Init(f.init(c.layout)), 0u);
+    const auto gl = rendererInits().at(0).args;
+    EXPECT_EQ(std::vector<int64_t>(gl.begin() + 4, gl.begin() + 9),
+              (std::vector<int64_t>{c.mw, c.mh, c.dw, c.dh, c.mapW}));
+    // The new session makes its own map and draws with it.
+    const bool chip = (c.layout & 0x10) != 0;
+    ASSERT_TRUE(waitUntil([&] { return run(f.centred(chip)) == 0 && lastRender().args[2] != 0; }));
+    EXPECT_GT(fakes::count(c.generator), 0u);
+    EXPECT_EQ(vmKtrRT_SC_Deinit(), 0u);
+    EXPECT_EQ(fakes::count("vmKtrRT_GLClose"), 1u);
+    EXPECT_EQ(fakes::count("vmDpx2_Express_Close"), chip ? 0u : 1u);
+  }
+  EXPECT_EQ(log.count("Init while running"), 0u);
+  EXPECT_LE(thread_count_settled(threads), threads);  // every session's workers ended
+}
+
 TEST_F(Session, TearDownClosesOnlyWhatWasOpened) {
   Frames f(64, 48, 64, 48, 32, 24);
   // The depth engine's set-up fails: it is not closed, nor is the renderer never set up.
@@ -308,17 +344,22 @@ TEST_F(Session, TearDownClosesOnlyWhatWasOpened) {
 }
 
 TEST_F(Session, DepthRequestsWhileTheWorkerIsBusyAreDropped) {
+  setProp("persist.vm.log.ktrrt.sc", "2");  // each request says whether it found the worker waiting
   Frames f(64, 48, 64, 48, 32, 24);
   ASSERT_EQ(vmKtrRT_SC_Init(f.init()), 0u);
-  fakes::setDelayMs("vmDpx2_Run_Express", 300);
+  EngineGate gate("vmDpx2_Run_Express");  // the worker stays busy until the requests are in
   // A still scene is stable from the seventh frame on and asks for depth on every frame: the
   // first request that finds the worker waiting starts one map; the next ones come while it runs.
   ASSERT_TRUE(waitUntil([&] {
     run(f.centred());
     return fakes::count("vmDpx2_Run_Express") == 1;
   }));
+  const size_t busy = log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]");
   for (int i = 0; i < 3; ++i) run(f.centred());
-  usleep(400 * 1000);
+  EXPECT_EQ(log.count("depth_manager_trigger is DMD_STATUS_WAITING[0]"), busy + 3);
+  // Released, the worker finishes its one map; nothing was kept for it to run once more.
+  gate.open();
+  vmKtrRT_SC_Deinit();  // joins the worker; its value follows the profile log, on here
   EXPECT_EQ(fakes::count("vmDpx2_Run_Express"), 1u);
 }
 
@@ -329,7 +370,7 @@ TEST_F(Session, StillFullHdSceneReachesRenderingWithAPublishedMap) {
   EXPECT_EQ(lastRender().args[2], 0);  // no map
   EXPECT_EQ(lastRender().args[5], 1);  // noMapFlag
   bool rendered = false;
-  for (int i = 0; i < 400 && !rendered; ++i) {
+  for (int i = 0; i < 1500 && !rendered; ++i) {  // up to 3 s of frames, as waitUntil gives
     const int32_t r = run(f.centred());
     rendered = r == 0 && lastRender().args[2] != 0;
     if (!rendered) usleep(2000);
@@ -356,15 +397,17 @@ TEST_F(Session, FocusMovedWhileTheWorkerIsBusyIsServedOnALaterFrame) {
     run(f.centred());
     return fakes::count("vmKtrRT_GenRefocusMap") > 0;
   }));
-  fakes::setDelayMs("vmKtrRT_GenRefocusMap", 150);
+  // The generator's run for focus (50, 50) holds the worker until the focus has moved on.
+  EngineGate gate("vmKtrRT_GenRefocusMap", [] { return fakes::calls("vmKtrRT_GenRefocusMap").back().args[2] == 25; });
   // Focus (50, 50): the request is retried every frame until the worker takes it.
   ASSERT_TRUE(waitUntil([&] {
     run(f.trigger(0, 100, 0, 100));
     return fakes::calls("vmKtrRT_GenRefocusMap").back().args[2] == 25;
   }));
-  // The call is recorded before the generator's delay: the worker is busy now.
+  // The call is recorded before the gate: the worker is busy now.
   run(f.trigger(400, 600, 200, 400));  // focus (500, 300) while the worker is busy
   const size_t before = fakes::count("vmKtrRT_GenRefocusMap");
+  gate.open();
   ASSERT_TRUE(waitUntil([&] {
     run(f.trigger(400, 600, 200, 400));
     auto g = fakes::calls("vmKtrRT_GenRefocusMap");
