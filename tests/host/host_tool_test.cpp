@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "image_io.h"
+#include "tool_run.h"
 
 namespace {
 
@@ -40,11 +41,24 @@ Result runTool(const std::string& args, const std::string& env = "") {
   return r;
 }
 
+// A fresh folder per case inside one folder of this process, removed when the suite ends
+// (several builds' suites may run at once on one machine). The runs go through a shell command
+// line, so the folder's name has no space or quote.
 std::string tempDir(const std::string& name) {
-  // One folder per process: several builds' suites may run at once on one machine.
-  const std::string d = testing::TempDir() + "/vmktr_host_" + std::to_string(getpid()) + "_" + name;
-  std::string cmd = "rm -rf '" + d + "' && mkdir -p '" + d + "'";
-  EXPECT_EQ(system(cmd.c_str()), 0);
+  static const std::string base = [] {
+    const std::string b = testing::TempDir() + "/vmktr_host_" + std::to_string(getpid());
+    mkdir(b.c_str(), 0755);
+    struct CleanUp : testing::Environment {
+      std::string path;
+      explicit CleanUp(std::string p) : path(std::move(p)) {}
+      void TearDown() override { nftw(path.c_str(), tool_run_remove_entry, 16, FTW_DEPTH | FTW_PHYS); }
+    };
+    testing::AddGlobalTestEnvironment(new CleanUp(b));
+    return b;
+  }();
+  const std::string d = base + "/" + name;
+  nftw(d.c_str(), tool_run_remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+  EXPECT_EQ(mkdir(d.c_str(), 0755), 0) << d;
   return d;
 }
 
@@ -159,8 +173,9 @@ TEST(HostTool, EachRunDumpsIntoAFolderOfItsOwn) {
   const std::string stale = tempDir("stale_dumps"), out = tempDir("own_dumps");
   const std::string staleName = "9999-depth-80x60-0-0-2.80-160x120.raw";
   std::ofstream(stale + "/" + staleName, std::ios::binary) << std::string(80 * 60 * 2, '\xff');
-  // The policy asks for depth from frame 8 on.
-  const Result r = runTool(std::string(kSmall) + " --frames 12 --no-video --out " + out, "VM_HOST_DUMP_DIR=" + stale);
+  // The policy asks for depth from frame 8 on; frames are not paced, so a loaded machine gets
+  // plenty of them to find the depth worker waiting.
+  const Result r = runTool(std::string(kSmall) + " --frames 40 --no-video --out " + out, "VM_HOST_DUMP_DIR=" + stale);
   ASSERT_EQ(r.exitCode, 0) << r.output;
   EXPECT_EQ(list(stale), std::vector<std::string>{staleName});
   EXPECT_EQ(readAll(stale + "/" + staleName).size(), 80u * 60 * 2);
