@@ -222,6 +222,46 @@ void bokeh_manager_focus_to_depth(const SessionContext* ctx, int32_t focusX, int
   }
 }
 
+namespace {
+
+// The engine call for the session's depth source; the depth statistics of the debug display
+// come from what the generator measured.
+int32_t runGenerator(SessionContext* ctx, const BufferHalf* depth, BufferHalf* out, int32_t x, int32_t y) {
+  uint16_t depthMin = 0, depthMax = 0, depthTarget = 0;
+  const uint16_t* depthMap = reinterpret_cast<const uint16_t*>(depth->data);
+  const int32_t r =
+      ctx->depthFromChip == 1
+          ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget)
+          : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
+  if (debugEnable.load(std::memory_order_relaxed) != 0 &&
+      (debugDisplay.load(std::memory_order_relaxed) & kDisplayStatistics) != 0)
+    bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
+  return r;
+}
+
+// Whether a new map replaces the published one `old` (null: none is published). Always while the
+// scene moves or when a publish is forced; in a stable scene a map like the published one is
+// thrown away, and a different one only after more than the policy's count of them in a row.
+bool refocusShouldPublish(SessionContext* ctx, RefocusWorker* w, const BufferHalf* out, const BufferHalf* old) {
+  if (old == nullptr) return true;
+  if (w->forcePublish.load(std::memory_order_acquire) == 1) {
+    w->forcePublish.store(0, std::memory_order_release);
+    return true;
+  }
+  const int32_t rw = session_refocus_width(ctx);
+  const int32_t rh = session_refocus_height(ctx);
+  const int32_t limit = ctx->policy.refocusCountLimit;
+  // The check reads a whole policy plane: smaller maps never count as similar.
+  const bool similar =
+      limit > 0 && rw * rh >= kCheckedMapBytes && policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
+  if (ctx->policyState.load(std::memory_order_relaxed) != kPolicyStable) return true;
+  if (similar) return false;  // thrown away; the count is left as it is
+  ctx->bokeh.refocusCount += 1;
+  return ctx->bokeh.refocusCount > limit;
+}
+
+}  // namespace
+
 int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w) {
   const long start = debug_time_ms();
   const uint32_t reasons = w->pendingReasons.exchange(0, std::memory_order_acq_rel);
@@ -257,15 +297,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
   VM_LOG_IF(kLogTrace, "Focus Point touchP[%dx%d] depthP[%dx%d] preview[%dx%d] depth[%dx%d]\n", focusX, focusY, x, y,
             session_preview_main_width(ctx), session_preview_main_height(ctx), W, H);
 
-  uint16_t depthMin = 0, depthMax = 0, depthTarget = 0;
-  const uint16_t* depthMap = reinterpret_cast<const uint16_t*>(depth->data);
-  const int32_t r =
-      ctx->depthFromChip == 1
-          ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget)
-          : vmKtrRT_GenRefocusMap(out->data, depthMap, x, y, &depthMin, &depthMax, &depthTarget);
-  if (debugEnable.load(std::memory_order_relaxed) != 0 &&
-      (debugDisplay.load(std::memory_order_relaxed) & kDisplayStatistics) != 0)
-    bokeh_manager_debug_statistics(ctx, depthMap, depthMin, depthMax, depthTarget);
+  const int32_t r = runGenerator(ctx, depth, out, x, y);
   buffer_manager_release(depth);
   if (r != 0) {
     settleThumbnail(ctx, w, thumbnailOwed);
@@ -282,32 +314,9 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
   }
   if (debug) ctx->refocusFrameCounter.store(ctx->depthFrameCounter.load(std::memory_order_relaxed));
 
-  // The slot's size word keeps its allocated half size: the refocus dumps write that many bytes.
-  const int32_t rw = session_refocus_width(ctx);
-  const int32_t rh = session_refocus_height(ctx);
   BufferHalf* old = buffer_manager_get_buffer(ctx, kSlotRefocus, kSlotFilled);
   if (old == out) old = nullptr;
-  bool publish;
-  if (old == nullptr) {
-    publish = true;
-  } else if (w->forcePublish.load(std::memory_order_acquire) == 1) {
-    publish = true;
-    w->forcePublish.store(0, std::memory_order_release);
-  } else {
-    const int32_t limit = ctx->policy.refocusCountLimit;
-    // The check reads a whole policy plane: smaller maps never count as similar.
-    const bool similar =
-        limit > 0 && rw * rh >= kCheckedMapBytes && policy_manager_refocus_map_check(out->data, old->data, rw, rh) == 1;
-    const bool stable = ctx->policyState.load(std::memory_order_relaxed) == kPolicyStable;
-    if (!stable) {
-      publish = true;
-    } else if (similar) {
-      publish = false;  // thrown away; the count is left as it is
-    } else {
-      ctx->bokeh.refocusCount += 1;
-      publish = ctx->bokeh.refocusCount > limit;
-    }
-  }
+  const bool publish = refocusShouldPublish(ctx, w, out, old);
   if (publish) {
     ctx->bokeh.refocusCount = 0;
     buffer_manager_publish(out, old);
@@ -317,6 +326,7 @@ int32_t bokeh_manager_generate_refocus_map(SessionContext* ctx, RefocusWorker* w
     if (publish) ctx->bokeh.refocusUsingCounter.store(ctx->refocusFrameCounter.load());
     const int32_t kind =
         ctx->bokeh.refocusUsingCounter.load() == ctx->refocusFrameCounter.load() ? kDumpRefocusUsing : kDumpRefocus;
+    // The slot's size word keeps its allocated half size: the refocus dumps write that many bytes.
     dump_if_enabled(kind, ctx, out->data, out->size);
     w->thumbnailX = x;
     w->thumbnailY = y;
