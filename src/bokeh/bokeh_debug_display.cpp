@@ -58,8 +58,9 @@ void pasteSubPreview(SessionContext* ctx) {
   if (sub == nullptr || sw <= 0 || sh <= 0 || sw > mw || sh > mh || !mainLumaUsable(ctx)) return;
   const size_t x0 = static_cast<size_t>(mw - sw);
   const size_t y0 = static_cast<size_t>(mh - sh);
-  for (int32_t r = 0; r < sh; ++r)
-    memcpy(ctx->mainImageData + (y0 + r) * mw + x0, sub->data + static_cast<size_t>(r) * sw, static_cast<size_t>(sw));
+  const size_t mainStride = static_cast<size_t>(mw), subStride = static_cast<size_t>(sw);
+  for (size_t r = 0; r < static_cast<size_t>(sh); ++r)
+    memcpy(ctx->mainImageData + (y0 + r) * mainStride + x0, sub->data + r * subStride, subStride);
   // The chroma plane is taken to be covered by the frame's size, as the frame copy takes it.
   const int64_t frameBytes = static_cast<int64_t>(mw) * mh * 3 / 2;
   if (ctx->mainImagePlane2 == nullptr || static_cast<int64_t>(ctx->mainImageSize) < frameBytes) return;
@@ -71,11 +72,10 @@ void pasteSubPreview(SessionContext* ctx) {
   if (plane2 >= block && plane2 <= blockEnd &&
       blockEnd - plane2 < static_cast<uintptr_t>(mw) * static_cast<uintptr_t>(mh / 2))
     return;
-  const uint8_t* subChroma = sub->data + static_cast<size_t>(sw) * sh;
+  const uint8_t* subChroma = sub->data + subStride * static_cast<size_t>(sh);
   const size_t cy0 = y0 / 2;
-  for (int32_t r = 0; r < sh / 2; ++r)
-    memcpy(ctx->mainImagePlane2 + (cy0 + r) * mw + x0, subChroma + static_cast<size_t>(r) * sw,
-           static_cast<size_t>(sw));
+  for (size_t r = 0; r < static_cast<size_t>(sh / 2); ++r)
+    memcpy(ctx->mainImagePlane2 + (cy0 + r) * mainStride + x0, subChroma + r * subStride, subStride);
 }
 
 void composeText(SessionContext* ctx, int32_t display, int32_t info) {

@@ -208,7 +208,8 @@ uint8_t clampRound(float v) {
 
 // Converts rows (even count) of RGB(A) to NV21 luma rows and VU rows.
 void convertRows(const uint8_t* rgb, int32_t width, int32_t rows, int32_t pixelBytes, uint8_t* luma, uint8_t* vu) {
-  const size_t rowBytes = static_cast<size_t>(width) * static_cast<size_t>(pixelBytes);
+  const size_t pixel = static_cast<size_t>(pixelBytes);
+  const size_t rowBytes = static_cast<size_t>(width) * pixel;
   for (int32_t y = 0; y < rows; ++y) {
     const uint8_t* p = rgb + rowBytes * static_cast<size_t>(y);
     uint8_t* out = luma + static_cast<size_t>(width) * static_cast<size_t>(y);
@@ -220,11 +221,11 @@ void convertRows(const uint8_t* rgb, int32_t width, int32_t rows, int32_t pixelB
     const uint8_t* bottom = top + rowBytes;
     uint8_t* out = vu + static_cast<size_t>(width) * static_cast<size_t>(y / 2);
     for (int32_t x = 0; x < width; x += 2) {
-      const uint8_t* a = top + static_cast<size_t>(x) * pixelBytes;
-      const uint8_t* b = bottom + static_cast<size_t>(x) * pixelBytes;
-      float r = 0.25f * (a[0] + a[pixelBytes] + b[0] + b[pixelBytes]);
-      float g = 0.25f * (a[1] + a[pixelBytes + 1] + b[1] + b[pixelBytes + 1]);
-      float bl = 0.25f * (a[2] + a[pixelBytes + 2] + b[2] + b[pixelBytes + 2]);
+      const uint8_t* a = top + static_cast<size_t>(x) * pixel;
+      const uint8_t* b = bottom + static_cast<size_t>(x) * pixel;
+      float r = 0.25f * static_cast<float>(a[0] + a[pixelBytes] + b[0] + b[pixelBytes]);
+      float g = 0.25f * static_cast<float>(a[1] + a[pixelBytes + 1] + b[1] + b[pixelBytes + 1]);
+      float bl = 0.25f * static_cast<float>(a[2] + a[pixelBytes + 2] + b[2] + b[pixelBytes + 2]);
       float yy = 0.299f * r + 0.587f * g + 0.114f * bl;
       out[x] = clampRound((r - yy) / 1.402f + 128.0f);       // V
       out[x + 1] = clampRound((bl - yy) / 1.772f + 128.0f);  // U

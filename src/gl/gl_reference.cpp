@@ -118,10 +118,13 @@ uint32_t gl_reference_gauss_mask(const uint8_t* rgba, int32_t width, int32_t hei
     for (int32_t x = 0; x < width; ++x) {
       const size_t cols[3] = {static_cast<size_t>(clampIndex(x - 1, width)) * 4, static_cast<size_t>(x) * 4,
                               static_cast<size_t>(clampIndex(x + 1, width)) * 4};
-      for (int32_t ch = 0; ch < 4; ++ch) {
-        float corner = rows[0][cols[0] + ch] + rows[0][cols[2] + ch] + rows[2][cols[0] + ch] + rows[2][cols[2] + ch];
-        float edge = rows[0][cols[1] + ch] + rows[2][cols[1] + ch] + rows[1][cols[0] + ch] + rows[1][cols[2] + ch];
-        float sum =
+      for (size_t ch = 0; ch < 4; ++ch) {
+        // Sums of four bytes are exact in a float.
+        const float corner = static_cast<float>(rows[0][cols[0] + ch] + rows[0][cols[2] + ch] + rows[2][cols[0] + ch] +
+                                                rows[2][cols[2] + ch]);
+        const float edge = static_cast<float>(rows[0][cols[1] + ch] + rows[2][cols[1] + ch] + rows[1][cols[0] + ch] +
+                                              rows[1][cols[2] + ch]);
+        const float sum =
             kMaskCentre * rows[1][cols[1] + ch] / 255.0f + kMaskEdge * edge / 255.0f + kMaskCorner * corner / 255.0f;
         out[pitch * static_cast<size_t>(y) + static_cast<size_t>(x) * 4 + ch] = toUnorm8(sum);
       }
@@ -137,13 +140,13 @@ uint32_t gl_reference_scale_plane(const uint8_t* src, int32_t srcWidth, int32_t 
     VM_LOG_IF(kLogGl, "scale %dx%d to %dx%d invalid\n", srcWidth, srcHeight, dstWidth, dstHeight);
     return kGlErrArgument;
   }
-  const float sx = static_cast<float>(srcWidth) / dstWidth;
-  const float sy = static_cast<float>(srcHeight) / dstHeight;
+  const float sx = static_cast<float>(srcWidth) / static_cast<float>(dstWidth);
+  const float sy = static_cast<float>(srcHeight) / static_cast<float>(dstHeight);
   for (int32_t y = 0; y < dstHeight; ++y) {
-    float fy = (y + 0.5f) * sy - 0.5f;
+    float fy = (static_cast<float>(y) + 0.5f) * sy - 0.5f;
     if (fy < 0.0f) fy = 0.0f;
     int32_t y0 = static_cast<int32_t>(fy);
-    float wy = fy - y0;
+    float wy = fy - static_cast<float>(y0);
     if (y0 >= srcHeight - 1) {
       y0 = srcHeight - 1;
       wy = 0.0f;
@@ -152,10 +155,10 @@ uint32_t gl_reference_scale_plane(const uint8_t* src, int32_t srcWidth, int32_t 
     const uint8_t* r1 = src + static_cast<size_t>(srcStride) * static_cast<size_t>(clampIndex(y0 + 1, srcHeight));
     uint8_t* out = dst + static_cast<size_t>(dstStride) * static_cast<size_t>(y);
     for (int32_t x = 0; x < dstWidth; ++x) {
-      float fx = (x + 0.5f) * sx - 0.5f;
+      float fx = (static_cast<float>(x) + 0.5f) * sx - 0.5f;
       if (fx < 0.0f) fx = 0.0f;
       int32_t x0 = static_cast<int32_t>(fx);
-      float wx = fx - x0;
+      float wx = fx - static_cast<float>(x0);
       if (x0 >= srcWidth - 1) {
         x0 = srcWidth - 1;
         wx = 0.0f;
