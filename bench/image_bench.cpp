@@ -15,8 +15,8 @@ void BM_ScaleRotate1080pTo320x240(benchmark::State& state) {
   std::vector<uint8_t> src(1920 * 1080 * 3 / 2, 77);
   std::vector<uint8_t> p0(320 * 240), p1(320 * 240), p2(320 * 240);
   for (auto _ : state) {
-    image_utility_nv12_scale_rotate(src.data(), p0.data(), p1.data(), p2.data(), 1920, 1080, 1920, 1080, 320, 240,
-                                    code);
+    image_utility_nv12_scale_rotate(src.data(), p0.data(), p1.data(), p2.data(), 1920, 1080, 1920, 1080, 320, 240, code,
+                                    nullptr, 0);
     benchmark::DoNotOptimize(p0.data());
   }
   state.SetBytesProcessed(state.iterations() * 3 * 320 * 240);
