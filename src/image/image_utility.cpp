@@ -17,7 +17,7 @@ int64_t g_depthScratchCapacity = 0;
 
 void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uint8_t* dstPlane1, uint8_t* dstPlane2,
                                      int32_t srcWidth, int32_t srcHeight, int32_t stride, int32_t chromaRowStart,
-                                     int32_t dstWidth, int32_t dstHeight, int32_t rotationCode, uint8_t* scratch,
+                                     int32_t dstWidth, int32_t dstHeight, PlaneTurn turn, uint8_t* scratch,
                                      size_t scratchBytes) {
   // Sizes come from initialisation, which refuses these; still, never divide by zero or index
   // a plane with a negative size.
@@ -44,10 +44,10 @@ void image_utility_nv12_scale_rotate(const uint8_t* src, uint8_t* dstPlane0, uin
   image_utility_expand_chroma(src + static_cast<size_t>(chromaRowStart) * static_cast<size_t>(stride), chromaStride,
                               srcWidth, srcHeight, expandedFirst, dstWidth, expandedSecond, dstWidth, dstWidth,
                               dstHeight);
-  const int32_t turnedStride = rotationCode == 3 || rotationCode == 4 ? dstHeight : dstWidth;
-  image_utility_turn_plane(scaledLuma, dstWidth, dstWidth, dstHeight, dstPlane0, turnedStride, rotationCode);
-  image_utility_turn_plane(expandedFirst, dstWidth, dstWidth, dstHeight, dstPlane1, turnedStride, rotationCode);
-  image_utility_turn_plane(expandedSecond, dstWidth, dstWidth, dstHeight, dstPlane2, turnedStride, rotationCode);
+  const int32_t turnedStride = plane_turn_is_quarter(turn) ? dstHeight : dstWidth;
+  image_utility_turn_plane(scaledLuma, dstWidth, dstWidth, dstHeight, dstPlane0, turnedStride, turn);
+  image_utility_turn_plane(expandedFirst, dstWidth, dstWidth, dstHeight, dstPlane1, turnedStride, turn);
+  image_utility_turn_plane(expandedSecond, dstWidth, dstWidth, dstHeight, dstPlane2, turnedStride, turn);
   if (own) plane_free(block);
 }
 
@@ -146,26 +146,24 @@ bool image_utility_expand_chroma(const uint8_t* srcPairs, int32_t srcStridePairs
 }
 
 bool image_utility_turn_plane(const uint8_t* src, int32_t srcStride, int32_t srcWidth, int32_t srcHeight, uint8_t* dst,
-                              int32_t dstStride, int32_t rotationCode) {
-  const bool quarter = rotationCode == 3 || rotationCode == 4;
+                              int32_t dstStride, PlaneTurn turn) {
+  const bool quarter = plane_turn_is_quarter(turn);
   if (!plane_sizes_valid(src, srcStride, srcWidth, srcHeight, dst, dstStride, quarter ? srcHeight : srcWidth,
                          quarter ? srcWidth : srcHeight))
     return false;
-  switch (rotationCode) {
-    case 2:
+  switch (turn) {
+    case TURN_NONE:
       for (int32_t r = 0; r < srcHeight; ++r)
         memcpy(dst + static_cast<size_t>(r) * static_cast<size_t>(dstStride),
                src + static_cast<size_t>(r) * static_cast<size_t>(srcStride), static_cast<size_t>(srcWidth));
       break;
-    case 3:
-      plane_rotate_u8(src, srcWidth, srcHeight, srcStride, dst, dstStride, kRotate90);
-      break;
-    case 4:
-      plane_rotate_u8(src, srcWidth, srcHeight, srcStride, dst, dstStride, kRotate270);
+    case TURN_QUARTER_CW:
+    case TURN_QUARTER_CCW:
+    case TURN_HALF:
+      plane_rotate_u8(src, srcWidth, srcHeight, srcStride, dst, dstStride, turn);
       break;
     default:
-      plane_rotate_u8(src, srcWidth, srcHeight, srcStride, dst, dstStride, kRotate180);
-      break;
+      return false;
   }
   return true;
 }
@@ -176,16 +174,14 @@ void image_utility_rotate180(uint16_t* depth, int32_t width, int32_t height) {
   std::reverse(depth, depth + static_cast<size_t>(width) * static_cast<size_t>(height));
 }
 
-void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int32_t height, int32_t direction) {
+void image_utility_rotate(uint16_t* dst, const uint16_t* src, int32_t width, int32_t height, PlaneTurn turn) {
   if (dst == nullptr || src == nullptr || width <= 0 || height <= 0) return;
-  switch (direction) {
-    case 0:  // clockwise: (y, x) -> row x, column h-1-y
-      plane_rotate_u16(src, width, height, dst, kRotate90);
+  switch (turn) {
+    case TURN_QUARTER_CW:   // (y, x) -> row x, column h-1-y
+    case TURN_QUARTER_CCW:  // (y, x) -> row w-1-x, column y
+      plane_rotate_u16(src, width, height, dst, turn);
       break;
-    case 1:  // counter-clockwise: (y, x) -> row w-1-x, column y
-      plane_rotate_u16(src, width, height, dst, kRotate270);
-      break;
-    case 2:
+    case TURN_HALF:
       std::reverse_copy(src, src + static_cast<size_t>(width) * static_cast<size_t>(height), dst);
       break;
     default:
