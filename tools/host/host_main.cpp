@@ -24,12 +24,12 @@
 #include <thread>
 #include <vector>
 
+#include "depth_display.h"
 #include "host_config.h"
 #include "host_dumps.h"
 #include "host_outputs.h"
 #include "host_pool.h"
 #include "host_sources.h"
-#include "image/depth_display.h"
 #include "tool_cli.h"
 #include "vmKtrRT_SC.h"
 #include "vm_host_platform.h"
