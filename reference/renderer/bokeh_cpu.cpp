@@ -46,8 +46,8 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   work->sat = static_cast<uint32_t*>(malloc(static_cast<size_t>(gw + 1) * (gh + 1) * 4 * sizeof(uint32_t)));
   work->nearDilated = static_cast<float*>(malloc(plane * sizeof(float)));
   work->nearRadius = static_cast<float*>(malloc(plane * sizeof(float)));
-  work->lowestRadius = static_cast<float*>(malloc(plane * sizeof(float)));
-  work->peak = static_cast<float*>(malloc(plane * sizeof(float)));
+  work->lowestLevel = static_cast<uint8_t*>(malloc(plane));
+  work->peak = static_cast<uint8_t*>(malloc(plane));
   work->radiusMax3 = static_cast<float*>(malloc(plane * sizeof(float)));
   work->dilateScratch = static_cast<float*>(malloc(plane * sizeof(float)));
   work->mapColumn = static_cast<float*>(malloc(static_cast<size_t>(gw) * sizeof(float)));
@@ -67,7 +67,7 @@ int32_t render_work_alloc(RenderWork* work, int32_t width, int32_t height, int32
   if (!work->upRows || !work->spans || !work->coc || !work->colour || !work->blurred || !work->front || !work->sat ||
       !work->nearDilated || !work->nearMap || !work->rowT || !work->rowA || !work->weight || !work->rowB ||
       !work->rowC || !work->lineSum || !work->linePeak || !work->rowF || !work->gridRows || !work->nearRadius ||
-      !work->lowestRadius || !work->peak || !work->radiusMax3 || !work->dilateScratch || !work->mapColumn ||
+      !work->lowestLevel || !work->peak || !work->radiusMax3 || !work->dilateScratch || !work->mapColumn ||
       !work->chromaSum) {
     render_work_free(work);
     return RGL_ERR_MEMORY;
@@ -83,7 +83,7 @@ void render_work_free(RenderWork* work) {
   free(work->sat);
   free(work->nearDilated);
   free(work->nearRadius);
-  free(work->lowestRadius);
+  free(work->lowestLevel);
   free(work->peak);
   free(work->radiusMax3);
   free(work->dilateScratch);
@@ -118,7 +118,7 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
       bokeh_grid_build<S>(work, luma, ca, width, height, map, nearMask, mapWidth, mapHeight, radiusPerLevel);
   if (!found.anyBlur) return;  // nothing to blur: the frame stays as it is
   DiscLevelCache cache{-1.0f, DiscLevel{0, 0.0f}};
-  bokeh_background_layer(work, found.anyNear, discs, &cache);
+  bokeh_background_layer(work, found.anyNear, radiusPerLevel, discs, &cache);
   if (found.anyNear) bokeh_foreground_layer(work, discs, &cache);
   bokeh_composite<S>(work, luma, ca, width, height, found.anyNear);
 }

@@ -158,7 +158,7 @@ namespace {
 // Background gather weights: sharp samples and the foreground weigh nothing (no bleeding of the
 // subject), and the highlight gain comes from the cell's brightest pixel so that small lights
 // do not average away.
-void background_weights(RenderWork* work, bool anyNear) {
+void background_weights(RenderWork* work, bool anyNear, float radiusPerLevel) {
   const size_t plane = static_cast<size_t>(work->gridWidth) * work->gridHeight;
   uint32_t highlight[256];
   for (int32_t v = 0; v < 256; ++v) {
@@ -166,10 +166,11 @@ void background_weights(RenderWork* work, bool anyNear) {
     highlight[v] = static_cast<uint32_t>(16.0f * (1.0f + kHighlightGain * e * e) + 0.5f);
   }
   for (size_t i = 0; i < plane; ++i) {
-    const float cover = clampf((work->lowestRadius[i] - 0.25f) / 0.75f, 0.0f, 1.0f);
+    const float lowestRadius = work->lowestLevel[i] * radiusPerLevel;
+    const float cover = clampf((lowestRadius - 0.25f) / 0.75f, 0.0f, 1.0f);
     const bool isNear = anyNear && work->nearRadius[i] > 0.0f;
     const uint32_t w = isNear ? 0 : static_cast<uint32_t>(cover * kCoverScale + 0.5f);
-    work->weight[i] = w * highlight[static_cast<uint32_t>(work->peak[i]) & 255];
+    work->weight[i] = w * highlight[work->peak[i]];
   }
 }
 
@@ -198,7 +199,8 @@ void foreground_weights(RenderWork* work) {
 
 }  // namespace
 
-void bokeh_background_layer(RenderWork* work, bool anyNear, const DiscTable& discs, DiscLevelCache* cache) {
+void bokeh_background_layer(RenderWork* work, bool anyNear, float radiusPerLevel, const DiscTable& discs,
+                            DiscLevelCache* cache) {
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const size_t plane = static_cast<size_t>(gw) * gh;
   const bool plain = work->plainOnly != 0;
@@ -206,7 +208,7 @@ void bokeh_background_layer(RenderWork* work, bool anyNear, const DiscTable& dis
   const float* colour = work->colour;
   const float* radiusMax3 = work->radiusMax3;
   float* blurred = work->blurred;
-  background_weights(work, anyNear);
+  background_weights(work, anyNear, radiusPerLevel);
   build_sat(work->sat, work->weight, colour, gw, gh);
   radius_max3_rows(coc, gw, gh, work->radiusMax3);
   for (int32_t gy = 0; gy < gh; ++gy) {

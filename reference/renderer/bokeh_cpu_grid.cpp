@@ -30,8 +30,8 @@ void grid_luma_columns(const uint8_t* luma, int32_t width, int32_t y0, int32_t r
   }
 }
 
-// One grid row of the map at map row position my: blur radius (bilinear), the lowest radius of
-// the four map samples around, and the near samples' own radius.
+// One grid row of the map at map row position my: blur radius (bilinear), the least of the four
+// map samples around, and the near samples' own radius.
 void grid_radius_row(RenderWork* work, int32_t gy, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
                      int32_t mapHeight, float my, float radiusPerLevel, GridFindings* found) {
   const int32_t gw = work->gridWidth;
@@ -54,7 +54,7 @@ void grid_radius_row(RenderWork* work, int32_t gy, const uint8_t* map, const uin
     uint8_t lowest = mapRow0[mx0] < mapRow0[mx1] ? mapRow0[mx0] : mapRow0[mx1];
     lowest = mapRow1[mx0] < lowest ? mapRow1[mx0] : lowest;
     lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
-    work->lowestRadius[i] = lowest * radiusPerLevel;
+    work->lowestLevel[i] = lowest;
     found->anyBlur = found->anyBlur || c > 0.0f;
     if (nearMask) {
       const int32_t nx = fmx < 0.5f ? mx0 : mx1, ny = fmy < 0.5f ? my0 : my1;
@@ -72,7 +72,7 @@ void grid_luma_row(RenderWork* work, int32_t gy, int32_t width, int32_t rows) {
   const uint16_t* lineSum = work->lineSum;
   const uint8_t* linePeak = work->linePeak;
   float* colour = work->colour;
-  float* peakOut = work->peak;
+  uint8_t* peakOut = work->peak;
   const int32_t full = width / S < gw ? width / S : gw;  // cells S pixels wide
   const size_t rowStart = static_cast<size_t>(gy) * gw;
   if (rows == S) {
@@ -83,7 +83,7 @@ void grid_luma_row(RenderWork* work, int32_t gy, int32_t width, int32_t rows) {
         peak = linePeak[gx * S + dx] > peak ? linePeak[gx * S + dx] : peak;
       }
       colour[rowStart + gx] = static_cast<float>(sum) * (1.0f / (S * S));  // exact: S * S is a power of 2
-      peakOut[rowStart + gx] = static_cast<float>(peak);
+      peakOut[rowStart + gx] = static_cast<uint8_t>(peak);
     }
   }
   for (int32_t gx = rows == S ? full : 0; gx < gw; ++gx) {
@@ -94,7 +94,7 @@ void grid_luma_row(RenderWork* work, int32_t gy, int32_t width, int32_t rows) {
       peak = linePeak[x0 + dx] > peak ? linePeak[x0 + dx] : peak;
     }
     colour[rowStart + gx] = static_cast<float>(sum) / static_cast<float>(cols * rows);
-    peakOut[rowStart + gx] = static_cast<float>(peak);
+    peakOut[rowStart + gx] = static_cast<uint8_t>(peak);
   }
 }
 

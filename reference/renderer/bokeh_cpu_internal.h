@@ -70,16 +70,17 @@ struct GridFindings {
   bool anyNear;
 };
 
-// Stage 1: the grid of S x S cells. Blur radius (coc), the lowest radius of the four map samples
-// around each sample (lowestRadius), the near samples' own radius (nearRadius, when a near mask
-// is given), mean colour (colour) and brightest luma (peak).
+// Stage 1: the grid of S x S cells. Blur radius (coc), the least map value of the four map
+// samples around each sample (lowestLevel), the near samples' own radius (nearRadius, when a near
+// mask is given), mean colour (colour) and brightest luma (peak).
 template <int32_t S>
 GridFindings bokeh_grid_build(RenderWork* work, const uint8_t* luma, const ChromaAccess& ca, int32_t width,
                               int32_t height, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
                               int32_t mapHeight, float radiusPerLevel);
 // Stage 2: the background layer (blurred) from the grid, without the sharp subject and the
 // foreground; highlights weigh more so that they bloom into discs.
-void bokeh_background_layer(RenderWork* work, bool anyNear, const DiscTable& discs, DiscLevelCache* cache);
+void bokeh_background_layer(RenderWork* work, bool anyNear, float radiusPerLevel, const DiscTable& discs,
+                            DiscLevelCache* cache);
 // Stage 3: the foreground layer (front: premultiplied Y, U, V and alpha) of the near samples,
 // spread over their neighbourhood by their own radius.
 void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelCache* cache);

@@ -69,8 +69,8 @@ struct RenderWork {
   uint32_t* sat;         // summed-area table, 4 words per entry, (gridWidth + 1) x (gridHeight + 1)
   float* nearDilated;    // largest foreground radius nearby, grid pixels
   float* nearRadius;     // a near sample's own blur radius, 0 elsewhere, grid pixels
-  float* lowestRadius;   // blur radius of the least blurred of the four map samples around each grid sample
-  float* peak;           // brightest luma of each grid cell
+  uint8_t* lowestLevel;  // least map value of the four map samples around each grid sample
+  uint8_t* peak;         // brightest luma of each grid cell
   float* radiusMax3;     // largest blur radius of each grid sample and its two row neighbours
   float* dilateScratch;  // row pass of the near-radius dilation
   float* mapColumn;      // refocus-map column of each grid column's centre
