@@ -16,7 +16,7 @@ void BM_ScaleRotate1080pTo320x240(benchmark::State& state) {
   std::vector<uint8_t> p0(320 * 240), p1(320 * 240), p2(320 * 240);
   for (auto _ : state) {
     image_utility_nv12_scale_rotate(src.data(), p0.data(), p1.data(), p2.data(), 1920, 1080, 1920, 1080, 320, 240,
-                                    code);
+                                    plane_turn_from_layout(code), nullptr, 0);
     benchmark::DoNotOptimize(p0.data());
   }
   state.SetBytesProcessed(state.iterations() * 3 * 320 * 240);
@@ -36,12 +36,13 @@ BENCHMARK(BM_Memcpy3Planes320x240);
 
 void BM_DepthTurn320x240(benchmark::State& state) {
   const int32_t direction = static_cast<int32_t>(state.range(0));
+  const PlaneTurn turns[3] = {TURN_QUARTER_CW, TURN_QUARTER_CCW, TURN_HALF};
   std::vector<uint16_t> src(320 * 240, 5), dst(320 * 240);
   for (auto _ : state) {
     if (direction == 3)
       image_utility_rotate180(src.data(), 320, 240);
     else
-      image_utility_rotate(dst.data(), src.data(), 320, 240, direction);
+      image_utility_rotate(dst.data(), src.data(), 320, 240, turns[direction]);
     benchmark::DoNotOptimize(dst.data());
     benchmark::DoNotOptimize(src.data());
   }

@@ -169,32 +169,43 @@ int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX,
   refocus_resample_fill(filled, mw, mh, depth, w, h);
   const size_t mapSize = static_cast<size_t>(mw) * mh;
 
-  // The record for this buffer: the same address again, else the least recently written.
+  NearRecord* rec = refocus_near_record_claim(&s, mapOut);
+  refocus_map_from_depth(filled, mapSize, focusValue, band, span, mapOut, rec->nearMask);
+  refocus_near_record_publish(&s, rec, mapOut, mapSize);
+  return RGL_OK;
+}
+
+NearRecord* refocus_near_record_claim(RendererState* s, const uint8_t* mapOut) {
+  // The same address again, else the least recently written.
   pthread_mutex_lock(&g_nearLock);
-  NearRecord* rec = &s.nearRecords[0];
+  NearRecord* rec = &s->nearRecords[0];
   for (int32_t i = 0; i < kNearRecords; ++i) {
-    if (s.nearRecords[i].map == mapOut) {
-      rec = &s.nearRecords[i];
+    if (s->nearRecords[i].map == mapOut) {
+      rec = &s->nearRecords[i];
       break;
     }
-    if (s.nearRecords[i].used < rec->used) rec = &s.nearRecords[i];
+    if (s->nearRecords[i].used < rec->used) rec = &s->nearRecords[i];
   }
   rec->map = nullptr;  // invalid while being rewritten
   pthread_mutex_unlock(&g_nearLock);
+  return rec;
+}
 
-  uint8_t* nearMask = rec->nearMask;
+void refocus_map_from_depth(const uint16_t* filled, size_t mapSize, int32_t focusValue, int32_t band, int32_t span,
+                            uint8_t* mapOut, uint8_t* nearMask) {
   for (size_t i = 0; i < mapSize; ++i) {
     const int32_t d = filled[i];
     const int32_t diff = d - focusValue;
     mapOut[i] = refocus_map_value(diff, band, span);
     nearMask[i] = diff > band ? 1 : 0;
   }
-  const uint32_t hash = refocus_map_hash(mapOut, mapSize);
+}
 
+void refocus_near_record_publish(RendererState* s, NearRecord* rec, const uint8_t* mapOut, size_t mapSize) {
+  const uint32_t hash = refocus_map_hash(mapOut, mapSize);
   pthread_mutex_lock(&g_nearLock);
   rec->map = mapOut;
   rec->hash = hash;
-  rec->used = ++s.nearClock;
+  rec->used = ++s->nearClock;
   pthread_mutex_unlock(&g_nearLock);
-  return RGL_OK;
 }

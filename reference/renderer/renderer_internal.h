@@ -7,7 +7,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "engines/engines.h"
+#include "engines.h"
 
 extern "C" int __android_log_print(int prio, const char* tag, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
@@ -62,24 +62,31 @@ struct RenderWork {
   int32_t plainOnly;  // 1: the plain scalar code instead of the vector kernels (tests compare both)
   int32_t gridWidth;  // frame / scale, rounded up
   int32_t gridHeight;
-  float* coc;          // blur radius per grid sample, in grid pixels
-  float* colour;       // grid Y, U, V, three planes
-  float* blurred;      // background layer Y, U, V
-  float* front;        // foreground layer Y, U, V, alpha
-  uint32_t* sat;       // summed-area table, 4 words per entry, (gridWidth + 1) x (gridHeight + 1)
-  float* nearDilated;  // largest foreground radius nearby, grid pixels
-  uint8_t* nearMap;    // 1 = sample nearer than the focus plane, at the refocus-map size
-  float* rowT;         // blend weight of one full-resolution row
-  float* rowA;         // foreground alpha of one full-resolution row
-  float* rowB;         // background layer of one full-resolution row
-  float* rowC;         // blend weight of one chroma row (both channels when interleaved)
-  float* rowF;         // premultiplied foreground of one full-resolution row
-  float* gridRows;     // six padded grid rows for the row being composited
-  uint16_t* lineSum;   // luma column sums over one grid row's frame rows, then its chroma column sums
-  uint8_t* linePeak;   // luma column maxima over the same rows
-  uint32_t* weight;    // per grid sample weight of the layer being gathered
-  float* upRows;       // 4 x 4 grid: two grid rows upsampled along the row (radius, background, chroma)
-  int32_t* spans;      // 4 x 4 grid: runs of one grid row pair's blocks, 3 words each
+  float* coc;            // blur radius per grid sample, in grid pixels
+  float* colour;         // grid Y, U, V, three planes
+  float* blurred;        // background layer Y, U, V
+  float* front;          // foreground layer Y, U, V, alpha
+  uint32_t* sat;         // summed-area table, 4 words per entry, (gridWidth + 1) x (gridHeight + 1)
+  float* nearDilated;    // largest foreground radius nearby, grid pixels
+  float* nearRadius;     // a near sample's own blur radius, 0 elsewhere, grid pixels
+  uint8_t* lowestLevel;  // least map value of the four map samples around each grid sample
+  uint8_t* peak;         // brightest luma of each grid cell
+  float* radiusMax3;     // largest blur radius of each grid sample and its two row neighbours
+  float* dilateScratch;  // row pass of the near-radius dilation
+  float* mapColumn;      // refocus-map column of each grid column's centre
+  uint8_t* nearMap;      // 1 = sample nearer than the focus plane, at the refocus-map size
+  float* rowT;           // blend weight of one full-resolution row
+  float* rowA;           // foreground alpha of one full-resolution row
+  float* rowB;           // background layer of one full-resolution row
+  float* rowC;           // blend weight of one chroma row (both channels when interleaved)
+  float* rowF;           // premultiplied foreground of one full-resolution row
+  float* gridRows;       // seven padded grid rows for the row being composited
+  uint16_t* lineSum;     // luma column sums over one grid row's frame rows
+  uint16_t* chromaSum;   // chroma column sums over the same rows: U samples, then V samples
+  uint8_t* linePeak;     // luma column maxima over the same rows
+  uint32_t* weight;      // per grid sample weight of the layer being gathered
+  float* upRows;         // 4 x 4 grid: two grid rows upsampled along the row (radius, background, chroma)
+  int32_t* spans;        // 4 x 4 grid: runs of one grid row pair's blocks, 3 words each
 };
 
 // Frames at least this wide use a grid of 4 x 4 pixel cells, narrower ones 2 x 2.
@@ -142,6 +149,16 @@ uint8_t refocus_map_value(int32_t difference, int32_t band, int32_t span);
 int32_t refocus_generate(uint8_t* mapOut, const uint16_t* depth, int32_t focusX, int32_t focusY, uint16_t* depthMin,
                          uint16_t* depthMax, uint16_t* depthTarget, bool chip);
 uint32_t refocus_map_hash(const uint8_t* map, size_t size);
+// The foreground record for map buffer mapOut: the same address again, else the least recently
+// written. It reads as no record (map null) until published.
+NearRecord* refocus_near_record_claim(RendererState* s, const uint8_t* mapOut);
+// The map and the near mask from the filled depth: linear in the disparity difference to the
+// focus value past the band; near where the sample is nearer than the band.
+void refocus_map_from_depth(const uint16_t* filled, size_t mapSize, int32_t focusValue, int32_t band, int32_t span,
+                            uint8_t* mapOut, uint8_t* nearMask);
+// Publishes a rewritten record: from here on the renderer finds the near mask by the map's
+// address and content hash.
+void refocus_near_record_publish(RendererState* s, NearRecord* rec, const uint8_t* mapOut, size_t mapSize);
 
 // ---- renderer ----
 float render_max_radius(int32_t frameWidth, float fNumber);

@@ -20,10 +20,10 @@ int32_t depthSamples(const SessionContext* ctx) {
 
 // The three planes of a worker block.
 void scaleInto(const SessionContext* ctx, const DepthWorker* w, const BufferHalf* frame, int32_t srcWidth,
-               int32_t srcHeight, const DepthPlaneBlock& block, int32_t dstWidth, int32_t dstHeight, int32_t code) {
+               int32_t srcHeight, const DepthPlaneBlock& block, int32_t dstWidth, int32_t dstHeight, PlaneTurn turn) {
   const size_t n = static_cast<size_t>(session_depth_width(ctx)) * static_cast<size_t>(session_depth_height(ctx));
   image_utility_nv12_scale_rotate(frame->data, block.data, block.data + n, block.data + 2 * n, srcWidth, srcHeight,
-                                  srcWidth, srcHeight, dstWidth, dstHeight, code, w->scaleScratch,
+                                  srcWidth, srcHeight, dstWidth, dstHeight, turn, w->scaleScratch,
                                   w->scaleScratchBytes);
 }
 
@@ -35,11 +35,11 @@ void dumpEngineInputs(const SessionContext* ctx, const DepthWorker* w) {
 // Scales both previews into the worker's planes and lets go of the input frames: from here on
 // the engine reads the worker's own copies only.
 void prepareInputs(SessionContext* ctx, DepthWorker* w, BufferHalf* mainSlot, BufferHalf* subSlot, int32_t dstWidth,
-                   int32_t dstHeight, int32_t code) {
+                   int32_t dstHeight, PlaneTurn turn) {
   scaleInto(ctx, w, mainSlot, session_preview_main_width(ctx), session_preview_main_height(ctx), w->planes[0], dstWidth,
-            dstHeight, code);
+            dstHeight, turn);
   scaleInto(ctx, w, subSlot, session_preview_sub_width(ctx), session_preview_sub_height(ctx), w->planes[1], dstWidth,
-            dstHeight, code);
+            dstHeight, turn);
   buffer_manager_release(mainSlot);
   buffer_manager_release(subSlot);
 }
@@ -91,10 +91,10 @@ int32_t depth_manager_generate_depth_dpx2_run(uint16_t* depthOut, int32_t width,
 
 int32_t depth_manager_generate_depth_for_layout_1_2(SessionContext* ctx, DepthWorker* w, BufferHalf* mainSlot,
                                                     BufferHalf* subSlot, BufferHalf* depthSlot) {
-  const int32_t dw = session_depth_width(ctx);
-  const int32_t dh = session_depth_height(ctx);
+  const int32_t dw = session_depth_width(ctx), dh = session_depth_height(ctx);
+  const PlaneTurn turn = plane_turn_from_layout(ctx->cameraLayout);
   long start = debug_time_ms();
-  prepareInputs(ctx, w, mainSlot, subSlot, dw, dh, ctx->cameraLayout);
+  prepareInputs(ctx, w, mainSlot, subSlot, dw, dh, turn);
   if (debug_log_on(kLogStepCost))
     VM_PROFILE("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_elapsed_ms(start));
   dumpEngineInputs(ctx, w);
@@ -102,7 +102,7 @@ int32_t depth_manager_generate_depth_for_layout_1_2(SessionContext* ctx, DepthWo
   const int32_t r = depth_manager_generate_depth_dpx2_run(out, dw, dh, w->planes[0].data, w->planes[1].data,
                                                           ctx->vcmMain.load(std::memory_order_relaxed),
                                                           ctx->vcmSub.load(std::memory_order_relaxed));
-  if (ctx->cameraLayout == 1) {
+  if (turn == TURN_HALF) {
     start = debug_time_ms();
     image_utility_rotate180(out, dw, dh);
     if (debug_log_on(kLogStepCost)) VM_PROFILE("image_utility rotate180 cost %ld ms\n", debug_elapsed_ms(start));
@@ -112,13 +112,13 @@ int32_t depth_manager_generate_depth_for_layout_1_2(SessionContext* ctx, DepthWo
 
 int32_t depth_manager_generate_depth_for_layout_3_4(SessionContext* ctx, DepthWorker* w, BufferHalf* mainSlot,
                                                     BufferHalf* subSlot, BufferHalf* depthSlot) {
-  const int32_t dw = session_depth_width(ctx);
-  const int32_t dh = session_depth_height(ctx);
+  const int32_t dw = session_depth_width(ctx), dh = session_depth_height(ctx);
   // A front camera in layout 4 is mounted like layout 3.
   const int32_t layout = (ctx->cameraLayout == 4 && ctx->isFrontCam) ? 3 : ctx->cameraLayout;
+  const PlaneTurn turn = plane_turn_from_layout(layout);
   long start = debug_time_ms();
   // Scaled in the caller's orientation (dh wide, dw tall), then turned to the engine's.
-  prepareInputs(ctx, w, mainSlot, subSlot, dh, dw, layout);
+  prepareInputs(ctx, w, mainSlot, subSlot, dh, dw, turn);
   VM_PROFILE_IF("image_utility_nv12 scaling and rotate cost %ld ms\n", debug_elapsed_ms(start));
   dumpEngineInputs(ctx, w);
   uint16_t* scratch = w->depthScratch;
@@ -126,7 +126,7 @@ int32_t depth_manager_generate_depth_for_layout_3_4(SessionContext* ctx, DepthWo
                                                           ctx->vcmMain.load(std::memory_order_relaxed),
                                                           ctx->vcmSub.load(std::memory_order_relaxed));
   start = debug_time_ms();
-  image_utility_rotate(reinterpret_cast<uint16_t*>(depthSlot->data), scratch, dw, dh, layout == 3 ? 1 : 0);
+  image_utility_rotate(reinterpret_cast<uint16_t*>(depthSlot->data), scratch, dw, dh, plane_turn_inverse(turn));
   VM_PROFILE_IF("image_utility rotate cost %ld ms\n", debug_elapsed_ms(start));
   return r;
 }

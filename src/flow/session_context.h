@@ -12,6 +12,7 @@
 
 #include "bokeh/bokeh_fields.h"
 #include "depth/depth_fields.h"
+#include "image/plane_rotate.h"
 #include "policy/policy_fields.h"
 
 // Slot buffer states and marks.
@@ -142,7 +143,7 @@ inline BufferSlot* session_slot(SessionContext* ctx, int n) {
 // the whole layout word at Init (0x13, chip flag with layout 3, is not turned) or the session's
 // layout number.
 inline bool session_layout_turns_depth(int32_t layout) {
-  return layout == 3 || layout == 4;
+  return plane_turn_is_quarter(plane_turn_from_layout(layout));
 }
 
 // The sizes the rest of the system knows by name live in the slots' first two words.

@@ -21,21 +21,21 @@ void plane_free(void* block) {
 
 namespace {
 
-// Where source (y, x) lands in the destination, for each degree.
-inline size_t destIndex(int32_t degree, int32_t x, int32_t y, int32_t w, int32_t h, int32_t dstStride) {
-  switch (degree) {
-    case kRotate90:
+// Where source (y, x) lands in the destination, for each turn.
+inline size_t destIndex(PlaneTurn turn, int32_t x, int32_t y, int32_t w, int32_t h, int32_t dstStride) {
+  switch (turn) {
+    case TURN_QUARTER_CW:
       return static_cast<size_t>(x) * static_cast<size_t>(dstStride) + static_cast<size_t>(h - 1 - y);
-    case kRotate270:
+    case TURN_QUARTER_CCW:
       return static_cast<size_t>(w - 1 - x) * static_cast<size_t>(dstStride) + static_cast<size_t>(y);
-    default:  // kRotate180
+    default:  // TURN_HALF
       return static_cast<size_t>(h - 1 - y) * static_cast<size_t>(dstStride) + static_cast<size_t>(w - 1 - x);
   }
 }
 
-bool usable(const uint8_t* src, int32_t w, int32_t h, const uint8_t* dst, int32_t degree) {
+bool usable(const uint8_t* src, int32_t w, int32_t h, const uint8_t* dst, PlaneTurn turn) {
   return src != nullptr && dst != nullptr && w > 0 && h > 0 &&
-         (degree == kRotate90 || degree == kRotate180 || degree == kRotate270);
+         (turn == TURN_QUARTER_CW || turn == TURN_HALF || turn == TURN_QUARTER_CCW);
 }
 
 // Tile edge: a 32 x 32 block of source and destination stays in L1 on every target.
@@ -44,18 +44,18 @@ constexpr int32_t kTile = 32;
 }  // namespace
 
 void plane_rotate_u8_reference(const uint8_t* src, int32_t w, int32_t h, int32_t srcStride, uint8_t* dst,
-                               int32_t dstStride, int32_t degree) {
-  if (!usable(src, w, h, dst, degree)) return;
+                               int32_t dstStride, PlaneTurn turn) {
+  if (!usable(src, w, h, dst, turn)) return;
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x)
-      dst[destIndex(degree, x, y, w, h, dstStride)] =
+      dst[destIndex(turn, x, y, w, h, dstStride)] =
           src[static_cast<size_t>(y) * static_cast<size_t>(srcStride) + static_cast<size_t>(x)];
 }
 
 void plane_rotate_u8(const uint8_t* src, int32_t w, int32_t h, int32_t srcStride, uint8_t* dst, int32_t dstStride,
-                     int32_t degree) {
-  if (!usable(src, w, h, dst, degree)) return;
-  if (degree == kRotate180) {
+                     PlaneTurn turn) {
+  if (!usable(src, w, h, dst, turn)) return;
+  if (turn == TURN_HALF) {
     // Rows reversed end to end: contiguous on both sides, no tiling needed.
     for (int32_t y = 0; y < h; ++y) {
       const uint8_t* s = src + static_cast<size_t>(y) * static_cast<size_t>(srcStride);
@@ -69,7 +69,7 @@ void plane_rotate_u8(const uint8_t* src, int32_t w, int32_t h, int32_t srcStride
     const int32_t yEnd = std::min(h, ty + kTile);
     for (int32_t tx = 0; tx < w; tx += kTile) {
       const int32_t xEnd = std::min(w, tx + kTile);
-      if (degree == kRotate90) {
+      if (turn == TURN_QUARTER_CW) {
         // Destination row x takes source column x read bottom-up.
         for (int32_t x = tx; x < xEnd; ++x) {
           uint8_t* d = dst + x * ds + (h - 1 - ty);
@@ -90,8 +90,8 @@ void plane_rotate_u8(const uint8_t* src, int32_t w, int32_t h, int32_t srcStride
 
 namespace {
 
-bool usable16(const uint16_t* src, int32_t w, int32_t h, const uint16_t* dst, int32_t degree) {
-  return src != nullptr && dst != nullptr && w > 0 && h > 0 && (degree == kRotate90 || degree == kRotate270);
+bool usable16(const uint16_t* src, int32_t w, int32_t h, const uint16_t* dst, PlaneTurn turn) {
+  return src != nullptr && dst != nullptr && w > 0 && h > 0 && (turn == TURN_QUARTER_CW || turn == TURN_QUARTER_CCW);
 }
 
 // Where source (y, x) of a w x h map lands in the turned map (h wide).
@@ -192,17 +192,17 @@ bool haveAvx2() {
 
 }  // namespace
 
-void plane_rotate_u16_reference(const uint16_t* src, int32_t width, int32_t height, uint16_t* dst, int32_t degree) {
-  if (!usable16(src, width, height, dst, degree)) return;
+void plane_rotate_u16_reference(const uint16_t* src, int32_t width, int32_t height, uint16_t* dst, PlaneTurn turn) {
+  if (!usable16(src, width, height, dst, turn)) return;
   const size_t w = static_cast<size_t>(width);
   const size_t h = static_cast<size_t>(height);
   for (size_t y = 0; y < h; ++y)
-    for (size_t x = 0; x < w; ++x) dst[destIndex16(degree == kRotate90, x, y, w, h)] = src[y * w + x];
+    for (size_t x = 0; x < w; ++x) dst[destIndex16(turn == TURN_QUARTER_CW, x, y, w, h)] = src[y * w + x];
 }
 
-void plane_rotate_u16(const uint16_t* src, int32_t width, int32_t height, uint16_t* dst, int32_t degree) {
-  if (!usable16(src, width, height, dst, degree)) return;
-  const bool clockwise = degree == kRotate90;
+void plane_rotate_u16(const uint16_t* src, int32_t width, int32_t height, uint16_t* dst, PlaneTurn turn) {
+  if (!usable16(src, width, height, dst, turn)) return;
+  const bool clockwise = turn == TURN_QUARTER_CW;
   const size_t w = static_cast<size_t>(width);
   const size_t h = static_cast<size_t>(height);
   const size_t w8 = w & ~static_cast<size_t>(7);
@@ -230,5 +230,29 @@ void plane_rotate_u16(const uint16_t* src, int32_t width, int32_t height, uint16
   for (size_t y = 0; y < h; ++y) {
     const size_t xFrom = y < h8 ? w8 : 0;
     for (size_t x = xFrom; x < w; ++x) dst[destIndex16(clockwise, x, y, w, h)] = src[y * w + x];
+  }
+}
+
+PlaneTurn plane_turn_from_layout(int32_t cameraLayout) {
+  switch (cameraLayout) {
+    case 2:
+      return TURN_NONE;
+    case 3:
+      return TURN_QUARTER_CW;
+    case 4:
+      return TURN_QUARTER_CCW;
+    default:
+      return TURN_HALF;
+  }
+}
+
+PlaneTurn plane_turn_inverse(PlaneTurn turn) {
+  switch (turn) {
+    case TURN_QUARTER_CW:
+      return TURN_QUARTER_CCW;
+    case TURN_QUARTER_CCW:
+      return TURN_QUARTER_CW;
+    default:
+      return turn;
   }
 }

@@ -90,7 +90,8 @@ TEST_F(DepthGeneration, LayoutsRoundTripThroughTheEngine) {
     const int32_t cw = 32, ch = 24, n = cw * ch;
     std::vector<uint8_t> scaled(3 * n);
     image_utility_nv12_scale_rotate(buffer_manager_get_buffer(d.ctx.get(), kSlotMain, kSlotFilled)->data, scaled.data(),
-                                    scaled.data() + n, scaled.data() + 2 * n, 64, 48, 64, 48, cw, ch, 2);
+                                    scaled.data() + n, scaled.data() + 2 * n, 64, 48, 64, 48, cw, ch, TURN_NONE,
+                                    nullptr, 0);
     const uint16_t* out = d.publishedDepth();
     ASSERT_NE(out, nullptr);
     for (int32_t i = 0; i < n; ++i) ASSERT_EQ(out[i], scaled[i]) << i;

@@ -56,7 +56,7 @@ struct Planes {
 
 void run(const Nv12& s, int32_t dw, int32_t dh, int32_t code, Planes& out) {
   image_utility_nv12_scale_rotate(s.bytes.data(), out.p[0].data(), out.p[1].data(), out.p[2].data(), s.w, s.h, s.w, s.h,
-                                  dw, dh, code);
+                                  dw, dh, plane_turn_from_layout(code), nullptr, 0);
 }
 
 TEST(ScaleRotate, NoTurnMatchesTheGridIncludingBorders) {
@@ -137,13 +137,45 @@ TEST(ScaleRotate, BadSizesWriteNothing) {
   Planes got(64);
   run(src, 0, 8, 2, got);
   run(src, 8, -4, 2, got);
-  image_utility_nv12_scale_rotate(nullptr, got.p[0].data(), got.p[1].data(), got.p[2].data(), 16, 8, 16, 8, 8, 8, 2);
+  image_utility_nv12_scale_rotate(nullptr, got.p[0].data(), got.p[1].data(), got.p[2].data(), 16, 8, 16, 8, 8, 8,
+                                  TURN_NONE, nullptr, 0);
   for (auto& p : got.p)
     for (uint8_t b : p) ASSERT_EQ(b, 0xCD);
   heap_fault_inject(1, false);  // the temporary block cannot be had
   run(src, 8, 8, 2, got);
   heap_fault_inject(0, false);
   EXPECT_EQ(got.p[0][0], 0xCD);
+}
+
+TEST(ScaleRotate, StagesHonourStridesAndRefuseBadPlanes) {
+  // The stages on padded rows give the composition's planes; a refused call writes nothing.
+  const Nv12 src(31, 17);
+  const int32_t dw = 12, dh = 8, pad = 5, stride = dw + pad, srcStride = src.w + 3;
+  std::vector<uint8_t> padded(static_cast<size_t>(srcStride) * src.h, 0xEE);
+  for (int32_t y = 0; y < src.h; ++y) memcpy(&padded[y * srcStride], &src.bytes[y * src.w], src.w);
+  Planes want(dw * dh);
+  run(src, dw, dh, 2, want);
+  std::vector<uint8_t> luma(stride * dh, 0xAB), first(stride * dh, 0xAB), second(stride * dh, 0xAB);
+  ASSERT_TRUE(image_utility_scale_plane(padded.data(), srcStride, src.w, src.h, luma.data(), stride, dw, dh));
+  ASSERT_TRUE(image_utility_expand_chroma(src.bytes.data() + src.w * src.h, src.cs, src.w, src.h, first.data(), stride,
+                                          second.data(), stride, dw, dh));
+  std::vector<uint8_t> turned(stride * dw, 0xAB);
+  ASSERT_TRUE(image_utility_turn_plane(luma.data(), stride, dw, dh, turned.data(), stride, TURN_QUARTER_CW));
+  for (int32_t y = 0; y < dh; ++y)
+    for (int32_t x = 0; x < dw; ++x) {
+      ASSERT_EQ(luma[y * stride + x], want.p[0][y * dw + x]) << x << "," << y;
+      ASSERT_EQ(first[y * stride + x], want.p[1][y * dw + x]) << x << "," << y;
+      ASSERT_EQ(second[y * stride + x], want.p[2][y * dw + x]) << x << "," << y;
+      ASSERT_EQ(turned[x * stride + (dh - 1 - y)], want.p[0][y * dw + x]) << x << "," << y;
+    }
+  for (int32_t y = 0; y < dh; ++y) EXPECT_EQ(luma[y * stride + dw], 0xAB);  // padding left alone
+  std::vector<uint8_t> untouched(stride * dh, 0xAB);
+  EXPECT_FALSE(image_utility_scale_plane(padded.data(), src.w - 1, src.w, src.h, untouched.data(), stride, dw, dh));
+  EXPECT_FALSE(image_utility_scale_plane(padded.data(), srcStride, src.w, src.h, untouched.data(), dw - 1, dw, dh));
+  EXPECT_FALSE(image_utility_expand_chroma(nullptr, src.cs, src.w, src.h, untouched.data(), stride, untouched.data(),
+                                           stride, dw, dh));
+  EXPECT_FALSE(image_utility_turn_plane(luma.data(), stride, dw, dh, untouched.data(), dh - 1, TURN_QUARTER_CW));
+  EXPECT_EQ(untouched, std::vector<uint8_t>(stride * dh, 0xAB));
 }
 
 std::vector<uint16_t> ramp(int32_t w, int32_t h) {
@@ -156,18 +188,18 @@ TEST(DepthTurns, QuarterTurnsRoundTripAndPlaceSamples) {
   const int32_t w = 7, h = 5;
   const auto src = ramp(w, h);
   std::vector<uint16_t> cw(w * h), back(w * h);
-  image_utility_rotate(cw.data(), src.data(), w, h, 0);
+  image_utility_rotate(cw.data(), src.data(), w, h, TURN_QUARTER_CW);
   // Clockwise: (y, x) to row x, column h-1-y.
   EXPECT_EQ(cw[2 * h + (h - 1 - 1)], src[1 * w + 2]);
-  image_utility_rotate(back.data(), cw.data(), h, w, 1);
+  image_utility_rotate(back.data(), cw.data(), h, w, TURN_QUARTER_CCW);
   EXPECT_EQ(back, src);
   std::vector<uint16_t> ccw(w * h);
-  image_utility_rotate(ccw.data(), src.data(), w, h, 1);
+  image_utility_rotate(ccw.data(), src.data(), w, h, TURN_QUARTER_CCW);
   EXPECT_EQ(ccw[(w - 1 - 2) * h + 1], src[1 * w + 2]);
   std::vector<uint16_t> half(w * h), untouched(w * h, 9);
-  image_utility_rotate(half.data(), src.data(), w, h, 2);
+  image_utility_rotate(half.data(), src.data(), w, h, TURN_HALF);
   EXPECT_EQ(half[0], src.back());
-  image_utility_rotate(untouched.data(), src.data(), w, h, 3);
+  image_utility_rotate(untouched.data(), src.data(), w, h, static_cast<PlaneTurn>(4));
   EXPECT_EQ(untouched, std::vector<uint16_t>(w * h, 9));
 }
 

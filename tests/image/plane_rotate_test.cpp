@@ -13,16 +13,16 @@ TEST(PlaneRotate, TiledMatchesReference) {
     const int32_t srcStride = w + 3;
     std::vector<uint8_t> src(static_cast<size_t>(srcStride) * h);
     for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<uint8_t>(i * 31 + 7);
-    for (int32_t degree : {kRotate90, kRotate180, kRotate270}) {
-      const bool quarter = degree != kRotate180;
+    for (PlaneTurn turn : {TURN_QUARTER_CW, TURN_HALF, TURN_QUARTER_CCW}) {
+      const bool quarter = turn != TURN_HALF;
       const int32_t outW = quarter ? h : w, outH = quarter ? w : h;
       const int32_t dstStride = outW + 5;
       // Exactly sized outputs: a write past the end faults under the address sanitizer.
       std::vector<uint8_t> fast(static_cast<size_t>(dstStride) * (outH - 1) + outW, 0);
       std::vector<uint8_t> ref(fast.size(), 0);
-      plane_rotate_u8(src.data(), w, h, srcStride, fast.data(), dstStride, degree);
-      plane_rotate_u8_reference(src.data(), w, h, srcStride, ref.data(), dstStride, degree);
-      ASSERT_EQ(fast, ref) << w << "x" << h << " degree " << degree;
+      plane_rotate_u8(src.data(), w, h, srcStride, fast.data(), dstStride, turn);
+      plane_rotate_u8_reference(src.data(), w, h, srcStride, ref.data(), dstStride, turn);
+      ASSERT_EQ(fast, ref) << w << "x" << h << " turn " << turn;
     }
   }
 }
@@ -31,13 +31,13 @@ TEST(PlaneRotate, QuarterTurnsRoundTripAndUnknownDegreeDoesNothing) {
   const int32_t w = 37, h = 20;
   std::vector<uint8_t> src(w * h), turned(w * h), back(w * h);
   for (size_t i = 0; i < src.size(); ++i) src[i] = static_cast<uint8_t>(i);
-  plane_rotate_u8(src.data(), w, h, w, turned.data(), h, kRotate90);
+  plane_rotate_u8(src.data(), w, h, w, turned.data(), h, TURN_QUARTER_CW);
   EXPECT_EQ(turned[0 * h + (h - 1)], src[0]);  // top-left goes to top-right
-  plane_rotate_u8(turned.data(), h, w, h, back.data(), w, kRotate270);
+  plane_rotate_u8(turned.data(), h, w, h, back.data(), w, TURN_QUARTER_CCW);
   EXPECT_EQ(back, src);
   std::vector<uint8_t> same(w * h, 1);
-  plane_rotate_u8(src.data(), w, h, w, same.data(), w, 0);
-  plane_rotate_u8(src.data(), w, h, w, same.data(), w, 4);
+  plane_rotate_u8(src.data(), w, h, w, same.data(), w, TURN_NONE);
+  plane_rotate_u8(src.data(), w, h, w, same.data(), w, static_cast<PlaneTurn>(4));
   EXPECT_EQ(same, std::vector<uint8_t>(w * h, 1));
 }
 
@@ -51,11 +51,11 @@ TEST(PlaneRotate16, QuarterTurnsMatchReferenceOnEverySize) {
     const size_t n = static_cast<size_t>(w) * h;
     std::vector<uint16_t> src(n);
     for (size_t i = 0; i < n; ++i) src[i] = static_cast<uint16_t>(i * 2654435761u >> 7);
-    for (int32_t degree : {kRotate90, kRotate270}) {
+    for (PlaneTurn turn : {TURN_QUARTER_CW, TURN_QUARTER_CCW}) {
       std::vector<uint16_t> fast(n, 0xBEEF), ref(n, 0xBEEF);
-      plane_rotate_u16(src.data(), w, h, fast.data(), degree);
-      plane_rotate_u16_reference(src.data(), w, h, ref.data(), degree);
-      ASSERT_EQ(fast, ref) << w << "x" << h << " degree " << degree;
+      plane_rotate_u16(src.data(), w, h, fast.data(), turn);
+      plane_rotate_u16_reference(src.data(), w, h, ref.data(), turn);
+      ASSERT_EQ(fast, ref) << w << "x" << h << " turn " << turn;
     }
   }
 }
@@ -64,16 +64,16 @@ TEST(PlaneRotate16, ReferencePlacesCornersAndRefusesWhatItCannotTurn) {
   const int32_t w = 3, h = 2;
   const std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6};
   std::vector<uint16_t> cw(6), ccw(6);
-  plane_rotate_u16_reference(src.data(), w, h, cw.data(), kRotate90);
+  plane_rotate_u16_reference(src.data(), w, h, cw.data(), TURN_QUARTER_CW);
   EXPECT_EQ(cw, (std::vector<uint16_t>{4, 1, 5, 2, 6, 3}));
-  plane_rotate_u16_reference(src.data(), w, h, ccw.data(), kRotate270);
+  plane_rotate_u16_reference(src.data(), w, h, ccw.data(), TURN_QUARTER_CCW);
   EXPECT_EQ(ccw, (std::vector<uint16_t>{3, 6, 2, 5, 1, 4}));
   std::vector<uint16_t> same(6, 9);
-  plane_rotate_u16(src.data(), w, h, same.data(), kRotate180);
-  plane_rotate_u16(src.data(), 0, h, same.data(), kRotate90);
-  plane_rotate_u16(src.data(), w, -1, same.data(), kRotate90);
-  plane_rotate_u16(nullptr, w, h, same.data(), kRotate90);
-  plane_rotate_u16(src.data(), w, h, nullptr, kRotate90);
+  plane_rotate_u16(src.data(), w, h, same.data(), TURN_HALF);
+  plane_rotate_u16(src.data(), 0, h, same.data(), TURN_QUARTER_CW);
+  plane_rotate_u16(src.data(), w, -1, same.data(), TURN_QUARTER_CW);
+  plane_rotate_u16(nullptr, w, h, same.data(), TURN_QUARTER_CW);
+  plane_rotate_u16(src.data(), w, h, nullptr, TURN_QUARTER_CW);
   EXPECT_EQ(same, std::vector<uint16_t>(6, 9));
 }
 
