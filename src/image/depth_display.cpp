@@ -254,7 +254,7 @@ void image_utility_draw_histogram(uint8_t* display, int32_t width, int32_t heigh
     } else {
       marked = false;
     }
-    const int64_t bar = bins[i] > static_cast<uint32_t>(barLength) ? barLength : bins[i];
+    const int64_t bar = bins[i] > static_cast<uint32_t>(barLength) ? int64_t{barLength} : int64_t{bins[i]};
     for (int64_t x = barLength - bar + 1; x <= barLength; ++x) put(x, y, c[0], c[1], c[2], kDisplayAlphaShown);
     put(barLength + 1, y, 0, 128, 128, 0);
     if (marked) {
