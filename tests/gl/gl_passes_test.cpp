@@ -67,7 +67,7 @@ TEST_F(GlPasses, GaussianPassesMatchTheirReferences) {
 
 // The weights themselves, worked by hand: a white dot on black. Half-texel taps share the dot
 // between neighbours: centre w0 + w1, one away w2 + (w1 + w3) / 2, two away w4 + w3 / 2.
-TEST_F(GlPasses, GaussianImpulseResponsesHaveTheDesignedWeights) {
+TEST_F(GlPasses, GaussianImpulseResponsesMatchTheWeightsWorkedByHand) {
   const int w = 9, h = 7;
   std::vector<uint8_t> in(w * h * 4, 0), out(w * h * 4);
   for (int i = 0; i < w * h; ++i) in[i * 4 + 3] = 255;
