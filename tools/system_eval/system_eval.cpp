@@ -424,9 +424,7 @@ bool measure_system(Measure* m) {
 
 using GenerateMap = decltype(&vmKtrRT_GenRefocusMap);
 
-// The renderer alone on one frame: its map generated from `depth` focused at (x, y) of the
-// depth grid, scored against the oracle; a null depth leaves the frame sharp, as the system
-// leaves a frame it has no map for.
+// One frame of the renderer-alone replays: the frame, its focus point and the generator.
 struct AloneFrame {
   Measure* m;
   const Frame* f;
@@ -436,6 +434,9 @@ struct AloneFrame {
   GenerateMap generate;
 };
 
+// The renderer alone on the frame: its map generated from `depth` focused at (x, y) of the
+// depth grid, scored against the oracle; a null depth leaves the frame sharp, as the system
+// leaves a frame it has no map for.
 void alone_render(const AloneFrame& a, const uint16_t* depth, int32_t x, int32_t y, ErrorSum* whole, ErrorSum* band,
                   uint16_t* target) {
   Measure* m = a.m;
