@@ -170,6 +170,39 @@ bool run_sgbm(const Image8& left, const Image8& right, float dmin, float dmax, I
 }
 #endif
 
+// The scores of disp against the truth, over the mask's 255 pixels when there is a mask. False
+// when no pixel has a truth to score.
+bool score_against_truth(const Scene& s, const ImageF& disp, const ImageF& gt, const Image8& mask, Score* score,
+                         std::string* error) {
+  size_t counted = 0, bad1 = 0, bad2 = 0, estimated = 0, filled = 0;
+  double absErr = 0;
+  for (size_t i = 0; i < gt.data.size(); ++i) {
+    bool has = isfinite(disp.data[i]);
+    filled += has;
+    if (!isfinite(gt.data[i])) continue;
+    if (!mask.data.empty() && mask.data[i * size_t(mask.channels)] != 255) continue;
+    ++counted;
+    if (!has) {
+      ++bad1, ++bad2;
+      continue;
+    }
+    double e = fabs(double(disp.data[i]) - double(gt.data[i]));
+    bad1 += e > 1.0;
+    bad2 += e > 2.0;
+    absErr += e;
+    ++estimated;
+  }
+  if (counted == 0) {
+    *error = (s.mask.empty() ? s.truth : s.mask) + ": no pixel with ground truth to score";
+    return false;
+  }
+  score->bad1 = 100.0 * double(bad1) / double(counted);
+  score->bad2 = 100.0 * double(bad2) / double(counted);
+  score->mae = estimated ? absErr / double(estimated) : 0;
+  score->fill = 100.0 * double(filled) / double(gt.data.size());
+  return true;
+}
+
 // Reads the pair (and truth and mask when named), checks their sizes, runs the engine, scores
 // against the truth when there is one and writes the disparity to outPath when it is not empty.
 // The search range is [dmin, dmax] when dmax > 0, else the truth's range.
@@ -214,32 +247,7 @@ Outcome evaluate(const Scene& s, int32_t quality, float dmin, float dmax, const 
     score->fill = 100.0 * double(filled) / double(disp.data.size());
     return kScored;
   }
-  size_t counted = 0, bad1 = 0, bad2 = 0, estimated = 0, filled = 0;
-  double absErr = 0;
-  for (size_t i = 0; i < gt.data.size(); ++i) {
-    bool has = isfinite(disp.data[i]);
-    filled += has;
-    if (!isfinite(gt.data[i])) continue;
-    if (!mask.data.empty() && mask.data[i * size_t(mask.channels)] != 255) continue;
-    ++counted;
-    if (!has) {
-      ++bad1, ++bad2;
-      continue;
-    }
-    double e = fabs(double(disp.data[i]) - double(gt.data[i]));
-    bad1 += e > 1.0;
-    bad2 += e > 2.0;
-    absErr += e;
-    ++estimated;
-  }
-  if (counted == 0) {
-    *error = (s.mask.empty() ? s.truth : s.mask) + ": no pixel with ground truth to score";
-    return kBadInput;
-  }
-  score->bad1 = 100.0 * double(bad1) / double(counted);
-  score->bad2 = 100.0 * double(bad2) / double(counted);
-  score->mae = estimated ? absErr / double(estimated) : 0;
-  score->fill = 100.0 * double(filled) / double(gt.data.size());
+  if (!score_against_truth(s, disp, gt, mask, score, error)) return kBadInput;
   *scored = true;
   return kScored;
 }
@@ -365,11 +373,34 @@ void usage(FILE* f) {
           int(kMaxDisparity), kToolExitCodesHelp);
 }
 
-int run(int argc, char** argv) {
+struct EvalOptions {
   std::string folder, out, only, left, right, truth, mask;
   int32_t quality = 2;
   double dmin = 0, dmax = 0, truthScale = 1;
   bool haveMax = false;
+};
+
+// The options that go together: a folder alone, or a pair with its search range.
+void eval_check_options(const EvalOptions& o, ToolArgs* args) {
+  if (o.folder.empty() == o.left.empty())
+    args->fail("give either --folder or --left and --right");
+  else if (!o.folder.empty() && !(o.right.empty() && o.truth.empty() && o.mask.empty() && !o.haveMax))
+    args->fail("--folder takes no --right, --truth, --mask, --min or --max");
+  else if (!o.left.empty() && o.right.empty())
+    args->fail("--left needs --right");
+  else if (!o.left.empty() && !o.only.empty())
+    args->fail("--only goes with --folder");
+  else if (!o.left.empty() && o.truth.empty() && !o.haveMax)
+    args->fail("give --truth or --max for the search range");
+  else if (o.haveMax && !(o.dmax > o.dmin))
+    args->fail("--max must be above --min");
+  else if (!o.mask.empty() && o.truth.empty())
+    args->fail("--mask needs --truth");
+}
+
+// The command line into *o; *help when it asks for the usage. False on bad usage (the message
+// printed).
+bool eval_parse_args(int argc, char** argv, EvalOptions* o, bool* help) {
 #ifdef VM_EVAL_OPENCV
   const int32_t minQuality = 0;
 #else
@@ -378,100 +409,83 @@ int run(int argc, char** argv) {
   ToolArgs args(argc, argv);
   while (args.next()) {
     if (args.is_help()) {
-      usage(stdout);
-      return kToolExitDone;
+      *help = true;
+      return true;
     } else if (args.is("--folder")) {
-      args.string_value(&folder);
+      args.string_value(&o->folder);
     } else if (args.is("--out")) {
-      args.string_value(&out);
+      args.string_value(&o->out);
     } else if (args.is("--only")) {
-      args.string_value(&only);
+      args.string_value(&o->only);
     } else if (args.is("--quality")) {
-      args.int_value(minQuality, 2, &quality);
+      args.int_value(minQuality, 2, &o->quality);
     } else if (args.is("--left")) {
-      args.string_value(&left);
+      args.string_value(&o->left);
     } else if (args.is("--right")) {
-      args.string_value(&right);
+      args.string_value(&o->right);
     } else if (args.is("--truth")) {
-      args.string_value(&truth);
+      args.string_value(&o->truth);
     } else if (args.is("--truth-scale")) {
-      args.double_value(0.001, 1000.0, &truthScale);
+      args.double_value(0.001, 1000.0, &o->truthScale);
     } else if (args.is("--mask")) {
-      args.string_value(&mask);
+      args.string_value(&o->mask);
     } else if (args.is("--min")) {
-      args.double_value(0.0, kMaxDisparity, &dmin);
+      args.double_value(0.0, kMaxDisparity, &o->dmin);
     } else if (args.is("--max")) {
-      haveMax = args.double_value(0.0, kMaxDisparity, &dmax);
+      o->haveMax = args.double_value(0.0, kMaxDisparity, &o->dmax);
     } else {
       args.unknown();
     }
   }
-  if (!args.failed()) {
-    if (folder.empty() == left.empty())
-      args.fail("give either --folder or --left and --right");
-    else if (!folder.empty() && !(right.empty() && truth.empty() && mask.empty() && !haveMax))
-      args.fail("--folder takes no --right, --truth, --mask, --min or --max");
-    else if (!left.empty() && right.empty())
-      args.fail("--left needs --right");
-    else if (!left.empty() && !only.empty())
-      args.fail("--only goes with --folder");
-    else if (!left.empty() && truth.empty() && !haveMax)
-      args.fail("give --truth or --max for the search range");
-    else if (haveMax && !(dmax > dmin))
-      args.fail("--max must be above --min");
-    else if (!mask.empty() && truth.empty())
-      args.fail("--mask needs --truth");
-  }
+  if (!args.failed()) eval_check_options(*o, &args);
   if (args.failed()) {
     fprintf(stderr, "%s: %s\n", kTool, args.error().c_str());
-    return kToolExitUsage;
+    return false;
   }
+  return true;
+}
 
-  if (folder.empty()) {
-    Scene s;
-    s.name = "pair", s.left = left, s.right = right, s.truth = truth, s.mask = mask, s.truthScale = float(truthScale);
-    s.pfmTruth = is_pfm(truth);
-    Score sc;
-    bool scored = false;
-    std::string error;
-    const Outcome o = evaluate(s, quality, float(dmin), haveMax ? float(dmax) : 0.0f, out, &sc, &scored, &error);
-    if (o != kScored) {
-      fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-      return o == kEngineRefused ? kToolExitRefused : o == kNotWritten ? kToolExitWrite : kToolExitUsage;
-    }
-    if (scored)
-      printf("bad1.0 %.2f%%  bad2.0 %.2f%%  MAE %.3f  fill %.2f%%  run %.1f ms\n", sc.bad1, sc.bad2, sc.mae, sc.fill,
-             sc.ms);
-    else
-      printf("fill %.2f%%  run %.1f ms\n", sc.fill, sc.ms);
-    if (fflush(stdout) != 0 || ferror(stdout)) {
-      fprintf(stderr, "%s: could not write the score to standard output\n", kTool);
-      return kToolExitWrite;
-    }
-    return kToolExitDone;
+// One pair given on the command line: its score on stdout. Returns the exit code.
+int eval_pair(const EvalOptions& o) {
+  Scene s;
+  s.name = "pair", s.left = o.left, s.right = o.right, s.truth = o.truth, s.mask = o.mask,
+  s.truthScale = float(o.truthScale);
+  s.pfmTruth = is_pfm(o.truth);
+  Score sc;
+  bool scored = false;
+  std::string error;
+  const Outcome oc =
+      evaluate(s, o.quality, float(o.dmin), o.haveMax ? float(o.dmax) : 0.0f, o.out, &sc, &scored, &error);
+  if (oc != kScored) {
+    fprintf(stderr, "%s: %s\n", kTool, error.c_str());
+    return oc == kEngineRefused ? kToolExitRefused : oc == kNotWritten ? kToolExitWrite : kToolExitUsage;
   }
-
-  if (!is_dir(folder)) {
-    fprintf(stderr, "%s: %s: not a folder\n", kTool, folder.c_str());
-    return kToolExitUsage;
-  }
-  std::string why;
-  if (!out.empty() && !tool_make_dirs(out, &why)) {
-    fprintf(stderr, "%s: --out %s\n", kTool, why.c_str());
+  if (scored)
+    printf("bad1.0 %.2f%%  bad2.0 %.2f%%  MAE %.3f  fill %.2f%%  run %.1f ms\n", sc.bad1, sc.bad2, sc.mae, sc.fill,
+           sc.ms);
+  else
+    printf("fill %.2f%%  run %.1f ms\n", sc.fill, sc.ms);
+  if (fflush(stdout) != 0 || ferror(stdout)) {
+    fprintf(stderr, "%s: could not write the score to standard output\n", kTool);
     return kToolExitWrite;
   }
-  ToolReport report;
-  report.tool = kTool;
+  return kToolExitDone;
+}
+
+// The scenes below the folder, named apart when a name repeats and cut to --only.
+std::vector<Scene> eval_folder_scenes(const EvalOptions& o, ToolReport* report) {
+  const std::string& folder = o.folder;
   std::vector<Scene> scenes;
   const size_t slash = folder.find_last_not_of('/');
   const std::string base = folder.substr(0, slash + 1), root = base.substr(base.find_last_of('/') + 1);
-  find_scenes(folder, "", root.empty() ? folder : root, folder.find("2001") != std::string::npos, 0, &scenes, &report);
+  find_scenes(folder, "", root.empty() ? folder : root, folder.find("2001") != std::string::npos, 0, &scenes, report);
   // Scenes of one name in two sets keep apart in the table and in --out: named by their folder.
   std::vector<std::string> names;
   for (const Scene& s : scenes) names.push_back(s.name);
   for (Scene& s : scenes)
     if (std::count(names.begin(), names.end(), s.name) > 1) s.name = s.relative;
-  if (!only.empty()) {
+  if (!o.only.empty()) {
+    const std::string& only = o.only;
     std::vector<Scene> kept;
     for (const Scene& s : scenes)
       if (s.name == only || s.relative == only ||
@@ -480,44 +494,82 @@ int run(int argc, char** argv) {
         kept.push_back(s);
     if (kept.empty()) fprintf(stderr, "%s: no scene named %s under %s\n", kTool, only.c_str(), folder.c_str());
     scenes.swap(kept);
-    report.skipped.clear();  // folders of other names were not asked for
+    report->skipped.clear();  // folders of other names were not asked for
   } else if (scenes.empty()) {
     fprintf(stderr, "%s: no scene under %s\n", kTool, folder.c_str());
   }
-  if (!scenes.empty()) printf("%-12s %8s %8s %8s %8s %9s\n", "scene", "bad1.0%", "bad2.0%", "MAE", "fill%", "run ms");
-  Score mean;
+  return scenes;
+}
+
+// The folder's running totals: the scores' sums and how many scenes the engine refused.
+struct EvalTotals {
+  Score sum;
   size_t refused = 0;
-  for (const Scene& s : scenes) {
-    Score sc;
-    bool scored = false;
-    std::string error;
-    std::string file = s.name;
-    std::replace(file.begin(), file.end(), '/', '_');
-    const std::string outPath = out.empty() ? std::string() : out + "/" + file + ".pfm";
-    const Outcome o = evaluate(s, quality, 0, 0, outPath, &sc, &scored, &error);
-    if (o == kNotWritten) {
-      report.write_failed(outPath, error);
-      continue;
-    }
-    if (o != kScored) {
-      refused += o == kEngineRefused;
-      report.skip(s.name, error);
-      continue;
-    }
-    printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", s.name.c_str(), sc.bad1, sc.bad2, sc.mae, sc.fill, sc.ms);
-    fflush(stdout);
-    mean.bad1 += sc.bad1, mean.bad2 += sc.bad2, mean.mae += sc.mae, mean.fill += sc.fill, mean.ms += sc.ms;
-    ++report.processed;
+};
+
+// One scene of the folder: its row of the table, or a skip or failed write in the report.
+void eval_folder_scene(const EvalOptions& o, const Scene& s, EvalTotals* totals, ToolReport* report) {
+  Score sc;
+  bool scored = false;
+  std::string error;
+  std::string file = s.name;
+  std::replace(file.begin(), file.end(), '/', '_');
+  const std::string outPath = o.out.empty() ? std::string() : o.out + "/" + file + ".pfm";
+  const Outcome oc = evaluate(s, o.quality, 0, 0, outPath, &sc, &scored, &error);
+  if (oc == kNotWritten) {
+    report->write_failed(outPath, error);
+    return;
   }
+  if (oc != kScored) {
+    totals->refused += oc == kEngineRefused;
+    report->skip(s.name, error);
+    return;
+  }
+  printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", s.name.c_str(), sc.bad1, sc.bad2, sc.mae, sc.fill, sc.ms);
+  fflush(stdout);
+  Score& mean = totals->sum;
+  mean.bad1 += sc.bad1, mean.bad2 += sc.bad2, mean.mae += sc.mae, mean.fill += sc.fill, mean.ms += sc.ms;
+  ++report->processed;
+}
+
+// Every scene below the folder: a row each, then the means. Returns the exit code.
+int eval_folder(const EvalOptions& o) {
+  if (!is_dir(o.folder)) {
+    fprintf(stderr, "%s: %s: not a folder\n", kTool, o.folder.c_str());
+    return kToolExitUsage;
+  }
+  std::string why;
+  if (!o.out.empty() && !tool_make_dirs(o.out, &why)) {
+    fprintf(stderr, "%s: --out %s\n", kTool, why.c_str());
+    return kToolExitWrite;
+  }
+  ToolReport report;
+  report.tool = kTool;
+  const std::vector<Scene> scenes = eval_folder_scenes(o, &report);
+  if (!scenes.empty()) printf("%-12s %8s %8s %8s %8s %9s\n", "scene", "bad1.0%", "bad2.0%", "MAE", "fill%", "run ms");
+  EvalTotals totals;
+  for (const Scene& s : scenes) eval_folder_scene(o, s, &totals, &report);
   if (report.processed > 0) {
     const double n = double(report.processed);
+    const Score& mean = totals.sum;
     printf("%-12s %8.2f %8.2f %8.3f %8.2f %9.1f\n", "mean", mean.bad1 / n, mean.bad2 / n, mean.mae / n, mean.fill / n,
            mean.ms / n);
   }
   if (fflush(stdout) != 0 || ferror(stdout)) report.write_failed("standard output", "the table was not written");
   const int rc = report.finish();
   // Every skip an engine refusal: say so with its own code.
-  return rc == kToolExitUsage && refused == report.skipped.size() ? kToolExitRefused : rc;
+  return rc == kToolExitUsage && totals.refused == report.skipped.size() ? kToolExitRefused : rc;
+}
+
+int run(int argc, char** argv) {
+  EvalOptions o;
+  bool help = false;
+  if (!eval_parse_args(argc, argv, &o, &help)) return kToolExitUsage;
+  if (help) {
+    usage(stdout);
+    return kToolExitDone;
+  }
+  return o.folder.empty() ? eval_pair(o) : eval_folder(o);
 }
 
 }  // namespace

@@ -86,133 +86,201 @@ bool host_check_property(const std::string& name, const std::string& value, std:
   return true;
 }
 
-bool host_parse_args(int argc, char** argv, HostConfig* c, std::string* error) {
-  ToolArgs args(argc, argv);
-  while (args.next()) {
-    const char* v = nullptr;
-    if (args.is("--synthetic")) {
-      c->source = SourceKind::kSynthetic;
-    } else if (args.is("--pair")) {
-      if (!args.string_value(&c->sourcePath)) break;
-      c->source = SourceKind::kPair;
-    } else if (args.is("--pair-sub")) {
-      if (!args.string_value(&c->subImagePath)) break;
-    } else if (args.is("--dumps")) {
-      if (!args.string_value(&c->sourcePath)) break;
-      c->source = SourceKind::kDumps;
-    } else if (args.is("--frames")) {
-      if (!args.int_value(1, 1000000, &c->frames)) break;
-      c->framesGiven = true;
-    } else if (args.is("--main")) {
-      if (!args.size_value(2, 8192, &c->mainWidth, &c->mainHeight)) break;
-    } else if (args.is("--sub")) {
-      if (!args.size_value(2, 8192, &c->subWidth, &c->subHeight)) break;
-    } else if (args.is("--depth")) {
-      if (!args.size_value(1, 8192, &c->depthWidth, &c->depthHeight)) break;
-    } else if (args.is("--screen")) {
-      if (!args.size_value(1, 8192, &c->screenWidth, &c->screenHeight)) break;
-    } else if (args.is("--layout")) {
-      int32_t layout = 0;
-      if (!args.int_value(0, 127, &layout)) break;
-      c->cameraLayout = static_cast<uint32_t>(layout);
-    } else if (args.is("--format")) {
-      if (!args.int_value(0, 6, &c->imageFormat)) break;
-    } else if (args.is("--fnumber")) {
-      if (!args.value(&v)) break;
-      const char* colon = strchr(v, ':');
-      if (colon == nullptr) {
-        if (!parseFNumber(v, &c->fStart)) args.fail(std::string("--fnumber: '") + v + "' is not an f-number 0.5..64");
-        c->fEnd = c->fStart;
-      } else {
-        const std::string first(v, colon);
-        if (!parseFNumber(first.c_str(), &c->fStart) || !parseFNumber(colon + 1, &c->fEnd))
-          args.fail(std::string("--fnumber: '") + v + "' is not a ramp A:B of f-numbers 0.5..64");
-      }
-    } else if (args.is("--focus")) {
-      if (!args.value(&v)) break;
-      if (strcmp(v, "centre") == 0 || strcmp(v, "center") == 0) {
-        c->focus = FocusMode::kCentre;
-      } else if (strcmp(v, "track") == 0) {
-        c->focus = FocusMode::kTrack;
-      } else {
-        int64_t x = 0, y = 0;
-        if (!tool_parse_int_pair(v, ',', 0, 8191, &x, &y)) {
-          args.fail(std::string("--focus: '") + v +
-                    "' is not centre, track or X,Y in main-preview pixels (0..8191 each)");
-          break;
-        }
-        c->focus = FocusMode::kFixed;
-        c->focusX = static_cast<int32_t>(x);
-        c->focusY = static_cast<int32_t>(y);
-      }
-    } else if (args.is("--temporal-filter")) {
-      if (!args.value(&v)) break;
-      if (!onOff(v, &c->temporalFilter)) args.fail(std::string("--temporal-filter: '") + v + "' is not on or off");
-    } else if (args.is("--portrait")) {
-      c->portrait = true;
-    } else if (args.is("--high-quality")) {
-      c->highQuality = true;
-    } else if (args.is("--setprop")) {
-      if (!args.value(&v)) break;
-      const char* eq = strchr(v, '=');
-      if (eq == nullptr || eq == v) {
-        args.fail(std::string("--setprop: '") + v + "' is not NAME=VALUE");
-        break;
-      }
-      const std::string name(v, eq), value(eq + 1);
-      std::string why;
-      if (!host_check_property(name, value, &why)) {
-        args.fail(why);
-        break;
-      }
-      c->properties.emplace_back(name, value);
-    } else if (args.is("--seed")) {
-      int64_t seed = 0;
-      if (!args.int_value(0, UINT32_MAX, &seed)) break;
-      c->seed = static_cast<uint32_t>(seed);
-    } else if (args.is("--motion")) {
-      if (!args.string_value(&c->motion)) break;
-      if (c->motion != "still" && c->motion != "pan" && c->motion != "dolly" && c->motion != "object" &&
-          c->motion != "focus")
-        args.fail("--motion: unknown sequence '" + c->motion + "' (still, pan, dolly, object, focus)");
-    } else if (args.is("--out")) {
-      if (!args.string_value(&c->outDir)) break;
-    } else if (args.is("--no-video")) {
-      c->video = false;
-    } else if (args.is("--no-sheet")) {
-      c->sheet = false;
-    } else if (args.is("--no-png")) {
-      c->pngFrames = false;
-    } else if (args.is("--no-progress")) {
-      c->progress = false;
-    } else if (args.is("--jobs")) {
-      if (!args.int_value(1, 64, &c->jobs)) break;
-    } else if (args.is_help()) {
-      c->help = true;
-      return true;
-    } else {
-      args.unknown();
-    }
-  }
-  auto fail = [&](const std::string& m) {
-    *error = m;
+namespace {
+
+// Each parse*Option takes the options of one group: true when the current option is one of them
+// (a bad value is left in args), false when it belongs to another group.
+
+bool parseSourceOption(ToolArgs* args, HostConfig* c) {
+  if (args->is("--synthetic")) {
+    c->source = SourceKind::kSynthetic;
+  } else if (args->is("--pair")) {
+    if (args->string_value(&c->sourcePath)) c->source = SourceKind::kPair;
+  } else if (args->is("--pair-sub")) {
+    args->string_value(&c->subImagePath);
+  } else if (args->is("--dumps")) {
+    if (args->string_value(&c->sourcePath)) c->source = SourceKind::kDumps;
+  } else {
     return false;
-  };
-  if (args.failed()) return fail(args.error());
-  // What Init would refuse: say so before starting rather than after.
-  if ((c->mainWidth | c->mainHeight | c->subWidth | c->subHeight) & 1)
-    return fail("--main, --sub: preview sizes must be even (NV21 has one chroma pair per 2x2 block)");
-  if (static_cast<int64_t>(c->depthWidth) * c->depthHeight > 4096LL * 4096LL)
-    return fail("--depth: depth map larger than 4096x4096");
+  }
+  return true;
+}
+
+// The session's frame count and sizes, the camera layout and the image format.
+bool parseSizeOption(ToolArgs* args, HostConfig* c) {
+  if (args->is("--frames")) {
+    if (args->int_value(1, 1000000, &c->frames)) c->framesGiven = true;
+  } else if (args->is("--main")) {
+    args->size_value(2, 8192, &c->mainWidth, &c->mainHeight);
+  } else if (args->is("--sub")) {
+    args->size_value(2, 8192, &c->subWidth, &c->subHeight);
+  } else if (args->is("--depth")) {
+    args->size_value(1, 8192, &c->depthWidth, &c->depthHeight);
+  } else if (args->is("--screen")) {
+    args->size_value(1, 8192, &c->screenWidth, &c->screenHeight);
+  } else if (args->is("--layout")) {
+    int32_t layout = 0;
+    if (args->int_value(0, 127, &layout)) c->cameraLayout = static_cast<uint32_t>(layout);
+  } else if (args->is("--format")) {
+    args->int_value(0, 6, &c->imageFormat);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// --fnumber F or a ramp A:B.
+void parseFNumberValue(ToolArgs* args, const char* v, HostConfig* c) {
+  const char* colon = strchr(v, ':');
+  if (colon == nullptr) {
+    if (!parseFNumber(v, &c->fStart)) args->fail(std::string("--fnumber: '") + v + "' is not an f-number 0.5..64");
+    c->fEnd = c->fStart;
+    return;
+  }
+  const std::string first(v, colon);
+  if (!parseFNumber(first.c_str(), &c->fStart) || !parseFNumber(colon + 1, &c->fEnd))
+    args->fail(std::string("--fnumber: '") + v + "' is not a ramp A:B of f-numbers 0.5..64");
+}
+
+// --focus centre, track or X,Y.
+void parseFocusValue(ToolArgs* args, const char* v, HostConfig* c) {
+  if (strcmp(v, "centre") == 0 || strcmp(v, "center") == 0) {
+    c->focus = FocusMode::kCentre;
+    return;
+  }
+  if (strcmp(v, "track") == 0) {
+    c->focus = FocusMode::kTrack;
+    return;
+  }
+  int64_t x = 0, y = 0;
+  if (!tool_parse_int_pair(v, ',', 0, 8191, &x, &y)) {
+    args->fail(std::string("--focus: '") + v + "' is not centre, track or X,Y in main-preview pixels (0..8191 each)");
+    return;
+  }
+  c->focus = FocusMode::kFixed;
+  c->focusX = static_cast<int32_t>(x);
+  c->focusY = static_cast<int32_t>(y);
+}
+
+// --setprop NAME=VALUE, checked as the library will read it.
+void parseSetpropValue(ToolArgs* args, const char* v, HostConfig* c) {
+  const char* eq = strchr(v, '=');
+  if (eq == nullptr || eq == v) {
+    args->fail(std::string("--setprop: '") + v + "' is not NAME=VALUE");
+    return;
+  }
+  const std::string name(v, eq), value(eq + 1);
+  std::string why;
+  if (!host_check_property(name, value, &why)) {
+    args->fail(why);
+    return;
+  }
+  c->properties.emplace_back(name, value);
+}
+
+// The lens, focus and the library's switches and properties.
+bool parseLibraryOption(ToolArgs* args, HostConfig* c) {
+  const char* v = nullptr;
+  if (args->is("--fnumber")) {
+    if (args->value(&v)) parseFNumberValue(args, v, c);
+  } else if (args->is("--focus")) {
+    if (args->value(&v)) parseFocusValue(args, v, c);
+  } else if (args->is("--temporal-filter")) {
+    if (args->value(&v) && !onOff(v, &c->temporalFilter))
+      args->fail(std::string("--temporal-filter: '") + v + "' is not on or off");
+  } else if (args->is("--portrait")) {
+    c->portrait = true;
+  } else if (args->is("--high-quality")) {
+    c->highQuality = true;
+  } else if (args->is("--setprop")) {
+    if (args->value(&v)) parseSetpropValue(args, v, c);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// The synthetic scene's seed and the sequence's motion.
+bool parseSceneOption(ToolArgs* args, HostConfig* c) {
+  if (args->is("--seed")) {
+    int64_t seed = 0;
+    if (args->int_value(0, UINT32_MAX, &seed)) c->seed = static_cast<uint32_t>(seed);
+  } else if (args->is("--motion")) {
+    if (args->string_value(&c->motion) && c->motion != "still" && c->motion != "pan" && c->motion != "dolly" &&
+        c->motion != "object" && c->motion != "focus")
+      args->fail("--motion: unknown sequence '" + c->motion + "' (still, pan, dolly, object, focus)");
+  } else {
+    return false;
+  }
+  return true;
+}
+
+bool parseOutputOption(ToolArgs* args, HostConfig* c) {
+  if (args->is("--out")) {
+    args->string_value(&c->outDir);
+  } else if (args->is("--no-video")) {
+    c->video = false;
+  } else if (args->is("--no-sheet")) {
+    c->sheet = false;
+  } else if (args->is("--no-png")) {
+    c->pngFrames = false;
+  } else if (args->is("--no-progress")) {
+    c->progress = false;
+  } else if (args->is("--jobs")) {
+    args->int_value(1, 64, &c->jobs);
+  } else {
+    return false;
+  }
+  return true;
+}
+
+// What Init would refuse, said before starting rather than after. False with the reason.
+bool checkAgainstInit(const HostConfig* c, std::string* error) {
+  if ((c->mainWidth | c->mainHeight | c->subWidth | c->subHeight) & 1) {
+    *error = "--main, --sub: preview sizes must be even (NV21 has one chroma pair per 2x2 block)";
+    return false;
+  }
+  if (static_cast<int64_t>(c->depthWidth) * c->depthHeight > 4096LL * 4096LL) {
+    *error = "--depth: depth map larger than 4096x4096";
+    return false;
+  }
   const uint32_t layout = c->cameraLayout & 0xF;
-  if (layout < 1 || layout > 4) return fail("--layout: the low four bits must be a layout 1..4");
-  if (c->source == SourceKind::kPair && c->motion != "still" && c->motion != "pan")
-    return fail("--motion: a stereo pair can be played still or as a slow pan only");
+  if (layout < 1 || layout > 4) {
+    *error = "--layout: the low four bits must be a layout 1..4";
+    return false;
+  }
+  if (c->source == SourceKind::kPair && c->motion != "still" && c->motion != "pan") {
+    *error = "--motion: a stereo pair can be played still or as a slow pan only";
+    return false;
+  }
   // Dumps carry their own focus points and sizes; for the other sources the point must lie
   // inside the main preview, or the focus region would be empty.
   if (c->focus == FocusMode::kFixed && c->source != SourceKind::kDumps &&
-      (c->focusX >= c->mainWidth || c->focusY >= c->mainHeight))
-    return fail("--focus: " + std::to_string(c->focusX) + "," + std::to_string(c->focusY) +
-                " lies outside the main preview " + std::to_string(c->mainWidth) + "x" + std::to_string(c->mainHeight));
+      (c->focusX >= c->mainWidth || c->focusY >= c->mainHeight)) {
+    *error = "--focus: " + std::to_string(c->focusX) + "," + std::to_string(c->focusY) +
+             " lies outside the main preview " + std::to_string(c->mainWidth) + "x" + std::to_string(c->mainHeight);
+    return false;
+  }
   return true;
+}
+
+}  // namespace
+
+bool host_parse_args(int argc, char** argv, HostConfig* c, std::string* error) {
+  ToolArgs args(argc, argv);
+  while (args.next()) {
+    if (parseSourceOption(&args, c) || parseSizeOption(&args, c) || parseLibraryOption(&args, c) ||
+        parseSceneOption(&args, c) || parseOutputOption(&args, c))
+      continue;
+    if (args.is_help()) {
+      c->help = true;
+      return true;
+    }
+    args.unknown();
+  }
+  if (args.failed()) {
+    *error = args.error();
+    return false;
+  }
+  return checkAgainstInit(c, error);
 }

@@ -483,212 +483,309 @@ std::string base_name(const std::string& path) {
   return slash == std::string::npos ? p : p.substr(slash + 1);
 }
 
-int lightfield(const Options& o, ToolReport* report) {
-  const std::string& dir = o.lightfield;
-  std::string error;
-  if (!is_dir(dir)) {
-    fprintf(stderr, "%s: %s: not a folder\n", kTool, dir.c_str());
-    return kToolExitUsage;
-  }
-  auto view_path = [&](int32_t i) {
-    char name[32];
-    snprintf(name, sizeof name, "/input_Cam%03d.png", i);
-    return dir + name;
-  };
-  // The views the largest aperture and the pair need, all named when missing.
+// One light field as the depth scores and every focus point see it: read and checked once.
+struct Lf {
+  std::string dir, scene;
+  std::vector<int32_t> needed;  // the views the largest aperture and the pair need
+  Image8 centre, right, rightShifted;
+  int32_t w = 0, h = 0;
+  size_t n = 0;
+  std::vector<Focus> points;
+  std::vector<std::vector<float>> views;  // luma of the needed views, empty for the others
+  ImageF gt;
+  float dLo = INFINITY, dHi = -INFINITY;  // the truth's range, view steps
+  int32_t s = 0;                          // the right view's move to the left, pixels
+  std::vector<float> D;                   // the pair's true disparity, pixels
+  float maxD = 0;
+  std::vector<uint8_t> band;
+  std::vector<uint8_t> mainNv, subNv, calib;
+  int32_t scale = 16;
+  double aMatch = 0;                // the aperture matching the renderer's lens, view steps
+  std::vector<uint8_t> input, all;  // the sharp input's luma, and a mask of the whole frame
+};
+
+std::string lf_view_path(const std::string& dir, int32_t i) {
+  char name[32];
+  snprintf(name, sizeof name, "/input_Cam%03d.png", i);
+  return dir + name;
+}
+
+// The views the largest aperture and the pair need are regular files; false names them all (up
+// to 20).
+bool lf_views_present(const Options& o, Lf* lf) {
   const int32_t reach = int32_t(floor(o.maxAperture + 1e-9));
-  std::vector<int32_t> needed;
   for (int32_t r = -4; r <= 4; ++r)
     for (int32_t k = -4; k <= 4; ++k)
-      if (k * k + r * r <= reach * reach || (r == 0 && k == o.apart)) needed.push_back(kCentre + kGrid * r + k);
+      if (k * k + r * r <= reach * reach || (r == 0 && k == o.apart)) lf->needed.push_back(kCentre + kGrid * r + k);
   std::vector<std::string> missing;
-  for (int32_t i : needed)
-    if (!tool_is_regular_file(view_path(i))) missing.push_back(view_path(i));
-  if (!missing.empty()) {
-    fprintf(stderr, "%s: %zu view%s missing or not regular files:", kTool, missing.size(),
-            missing.size() == 1 ? "" : "s");
-    for (size_t i = 0; i < missing.size() && i < 20; ++i) fprintf(stderr, " %s", missing[i].c_str());
-    fprintf(stderr, missing.size() > 20 ? " ...\n" : "\n");
-    return kToolExitUsage;
-  }
-  Image8 centre, right;
-  const std::string centrePath = view_path(kCentre), rightPath = view_path(kCentre + o.apart);
-  if (!read_rgb(centrePath, &centre, &error) || !check_size(centrePath, centre.width, centre.height, &error)) {
+  for (int32_t i : lf->needed)
+    if (!tool_is_regular_file(lf_view_path(lf->dir, i))) missing.push_back(lf_view_path(lf->dir, i));
+  if (missing.empty()) return true;
+  fprintf(stderr, "%s: %zu view%s missing or not regular files:", kTool, missing.size(),
+          missing.size() == 1 ? "" : "s");
+  for (size_t i = 0; i < missing.size() && i < 20; ++i) fprintf(stderr, " %s", missing[i].c_str());
+  fprintf(stderr, missing.size() > 20 ? " ...\n" : "\n");
+  return false;
+}
+
+// The centre view sets the size every other input must have; the depth size and the focus
+// points are checked against it before the other views are read. False on the first bad input
+// (the message printed).
+bool lf_read_views(const Options& o, Lf* lf) {
+  std::string error;
+  const std::string centrePath = lf_view_path(lf->dir, kCentre);
+  if (!read_rgb(centrePath, &lf->centre, &error) ||
+      !check_size(centrePath, lf->centre.width, lf->centre.height, &error)) {
     fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-    return kToolExitUsage;
+    return false;
   }
-  const int32_t w = centre.width, h = centre.height;
-  const size_t n = size_t(w) * size_t(h);
+  const int32_t w = lf->w = lf->centre.width, h = lf->h = lf->centre.height;
+  lf->n = size_t(w) * size_t(h);
   if (o.depthWidth > w || o.depthHeight > h) {
     fprintf(stderr, "%s: --depth-size %s is larger than the views (%s)\n", kTool,
             size_text(o.depthWidth, o.depthHeight).c_str(), size_text(w, h).c_str());
-    return kToolExitUsage;
+    return false;
   }
-  std::vector<Focus> points = o.focus;
-  if (points.empty()) points.push_back(Focus{w / 2, h / 2});
-  if (!focus_inside(points, w, h)) return kToolExitUsage;
-  std::vector<std::vector<float>> views(size_t(kGrid * kGrid));
-  for (int32_t i : needed) {
+  lf->points = o.focus;
+  if (lf->points.empty()) lf->points.push_back(Focus{w / 2, h / 2});
+  if (!focus_inside(lf->points, w, h)) return false;
+  lf->views.resize(size_t(kGrid * kGrid));
+  for (int32_t i : lf->needed) {
     Image8 v;
-    const std::string p = view_path(i);
+    const std::string p = lf_view_path(lf->dir, i);
     if (!read_rgb(p, &v, &error) || !same_size(centrePath, w, h, p, v.width, v.height, &error)) {
       fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-      return kToolExitUsage;
+      return false;
     }
-    if (i == kCentre + o.apart) right = v;
-    views[size_t(i)] = luma_of(v);
+    if (i == kCentre + o.apart) lf->right = v;
+    lf->views[size_t(i)] = luma_of(v);
   }
-  ImageF gt;
-  const std::string gtPath = dir + "/gt_disp_lowres.pfm";
-  if (!read_pfm(gtPath, &gt, &error) || !same_size(centrePath, w, h, gtPath, gt.width, gt.height, &error)) {
+  return true;
+}
+
+// The ground truth, the centre view's size, with a finite range. False when not (the message
+// printed).
+bool lf_read_truth(Lf* lf) {
+  std::string error;
+  const std::string centrePath = lf_view_path(lf->dir, kCentre), gtPath = lf->dir + "/gt_disp_lowres.pfm";
+  if (!read_pfm(gtPath, &lf->gt, &error) ||
+      !same_size(centrePath, lf->w, lf->h, gtPath, lf->gt.width, lf->gt.height, &error)) {
     fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-    return kToolExitUsage;
+    return false;
   }
-  float dLo = INFINITY, dHi = -INFINITY;
-  for (float d : gt.data)
-    if (isfinite(d)) dLo = std::min(dLo, d), dHi = std::max(dHi, d);
-  if (!(dHi >= dLo) || dHi - dLo > 100.0f || fabsf(dLo) > 100.0f) {
+  for (float d : lf->gt.data)
+    if (isfinite(d)) lf->dLo = std::min(lf->dLo, d), lf->dHi = std::max(lf->dHi, d);
+  if (!(lf->dHi >= lf->dLo) || lf->dHi - lf->dLo > 100.0f || fabsf(lf->dLo) > 100.0f) {
     fprintf(stderr, "%s: %s: no finite disparity within +-100 views\n", kTool, gtPath.c_str());
-    return kToolExitUsage;
+    return false;
   }
-  // The pair: its disparity n d + s, made >= 0 by moving the right view left by s.
-  const int32_t s = int32_t(ceil(-double(dLo) * o.apart - 1e-6));
-  std::vector<float> D(n);
-  float maxD = 0;
+  return true;
+}
+
+// The pair: its disparity n d + s, made >= 0 by moving the right view left by s, and the band
+// around its depth edges; both described on stdout.
+void lf_form_pair(const Options& o, Lf* lf) {
+  const size_t n = lf->n;
+  lf->s = int32_t(ceil(-double(lf->dLo) * o.apart - 1e-6));
+  lf->D.resize(n);
   for (size_t i = 0; i < n; ++i) {
-    D[i] = isfinite(gt.data[i]) ? gt.data[i] * float(o.apart) + float(s) : NAN;
-    if (isfinite(D[i])) maxD = std::max(maxD, D[i]);
+    lf->D[i] = isfinite(lf->gt.data[i]) ? lf->gt.data[i] * float(o.apart) + float(lf->s) : NAN;
+    if (isfinite(lf->D[i])) lf->maxD = std::max(lf->maxD, lf->D[i]);
   }
-  const Image8 rightShifted = shift_left(right, s);
-  std::vector<uint8_t> band;
-  edge_band(D, w, h, kBandReach, &band);
+  lf->rightShifted = shift_left(lf->right, lf->s);
+  edge_band(lf->D, lf->w, lf->h, kBandReach, &lf->band);
   size_t bandCount = 0;
-  for (uint8_t b : band) bandCount += b;
-  const std::string scene = base_name(dir);
+  for (uint8_t b : lf->band) bandCount += b;
+  lf->scene = base_name(lf->dir);
   printf(
       "%s: %dx%d, views 40 and %d (%d apart), view disparity %.2f..%.2f, right view moved left by %d px: pair "
       "disparity 0..%.1f px\n",
-      scene.c_str(), w, h, kCentre + o.apart, o.apart, double(dLo), double(dHi), s, double(maxD));
+      lf->scene.c_str(), lf->w, lf->h, kCentre + o.apart, o.apart, double(lf->dLo), double(lf->dHi), lf->s,
+      double(lf->maxD));
   printf(
       "edge band: within %d px of a true jump of 1 px or more, %.1f%% of the frame; objects: pair disparity over "
       "1 px (the farthest plane left out)\n",
       kBandReach, 100.0 * double(bandCount) / double(n));
+}
 
-  // Depth: the engine on the full-resolution pair in both modes.
-  if (o.depthScores) {
-    printf("\ndepth (pair pixels)  %8s %8s %8s | %9s %9s %9s | %9s | %8s\n", "bad 1.0", "bad 2.0", "MAE", "band b1.0",
-           "band b2.0", "band MAE", "obj b1.0", "ms");
-    for (int32_t q = 1; q <= 2; ++q) {
-      ImageF est;
-      double ms = 0;
-      if (!run_engine(centre, rightShifted, 0.0f, maxD, q, &est, &ms, &error)) {
-        report->skip(scene + " depth mode " + std::to_string(q), error);
-        continue;
-      }
-      const DepthScore ds = depth_score(est, D, band, 1.0f);
-      printf("  mode %d             %7.2f%% %7.2f%% %8.3f | %8.2f%% %8.2f%% %9.3f | %8.2f%% | %8.1f\n", q, ds.bad1,
-             ds.bad2, ds.mae, ds.bandBad1, ds.bandBad2, ds.bandMae, ds.objBad1, ms);
-      report->processed++;
+// Set-up: the folder's views and truth read and checked, and the pair formed. Returns
+// kToolExitDone when the measurements can start, else the exit code (the message printed).
+int lf_set_up(const Options& o, Lf* lf) {
+  lf->dir = o.lightfield;
+  if (!is_dir(lf->dir)) {
+    fprintf(stderr, "%s: %s: not a folder\n", kTool, lf->dir.c_str());
+    return kToolExitUsage;
+  }
+  if (!lf_views_present(o, lf) || !lf_read_views(o, lf) || !lf_read_truth(lf)) return kToolExitUsage;
+  lf_form_pair(o, lf);
+  return kToolExitDone;
+}
+
+// Depth: the engine on the full-resolution pair in both modes.
+void lf_depth_scores(const Lf& lf, ToolReport* report) {
+  std::string error;
+  printf("\ndepth (pair pixels)  %8s %8s %8s | %9s %9s %9s | %9s | %8s\n", "bad 1.0", "bad 2.0", "MAE", "band b1.0",
+         "band b2.0", "band MAE", "obj b1.0", "ms");
+  for (int32_t q = 1; q <= 2; ++q) {
+    ImageF est;
+    double ms = 0;
+    if (!run_engine(lf.centre, lf.rightShifted, 0.0f, lf.maxD, q, &est, &ms, &error)) {
+      report->skip(lf.scene + " depth mode " + std::to_string(q), error);
+      continue;
     }
+    const DepthScore ds = depth_score(est, lf.D, lf.band, 1.0f);
+    printf("  mode %d             %7.2f%% %7.2f%% %8.3f | %8.2f%% %8.2f%% %9.3f | %8.2f%% | %8.1f\n", q, ds.bad1,
+           ds.bad2, ds.mae, ds.bandBad1, ds.bandBad2, ds.bandMae, ds.objBad1, ms);
+    report->processed++;
   }
+}
 
-  // Bokeh: the whole system on the pair held still, against the shift-and-add refocus.
-  std::vector<uint8_t> mainNv(n * 3 / 2), subNv(n * 3 / 2), calib;
-  host_rgb_to_nv21(centre.data.data(), w, h, mainNv.data());
-  host_rgb_to_nv21(rightShifted.data.data(), w, h, subNv.data());
-  int32_t scale = 16;
-  if (!pair_calibration(w, h, o.depthWidth, maxD, &calib, &scale, &error)) {
+// The system's inputs for the pair held still: the two frames in NV21 and the calibration.
+// False when the calibration block refuses the pair (the message printed).
+bool lf_system_inputs(const Options& o, Lf* lf) {
+  const size_t n = lf->n;
+  lf->mainNv.resize(n * 3 / 2), lf->subNv.resize(n * 3 / 2);
+  host_rgb_to_nv21(lf->centre.data.data(), lf->w, lf->h, lf->mainNv.data());
+  host_rgb_to_nv21(lf->rightShifted.data.data(), lf->w, lf->h, lf->subNv.data());
+  std::string error;
+  if (!pair_calibration(lf->w, lf->h, o.depthWidth, lf->maxD, &lf->calib, &lf->scale, &error)) {
     fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-    return kToolExitRefused;
+    return false;
   }
+  return true;
+}
+
+// The aperture that matches the renderer's lens, described with the bokeh settings.
+void lf_match_lens(const Options& o, Lf* lf) {
   // The renderer's radius is map/255 x 0.042 W / f (f clamped to 0.95..32) and its map reaches
   // 255 at W/40 pixels of disparity: b = 1.68 / f frame pixels of blur per pixel of disparity, and
   // a pair n views apart matches an aperture of A = b n view steps, up to saturation.
   const double fClamped = std::min(32.0, std::max(0.95, o.fNumber));
-  const double b = 1.68 / fClamped, aMatch = b * o.apart;
+  const double b = 1.68 / fClamped;
+  lf->aMatch = b * o.apart;
+  const int32_t w = lf->w;
   printf(
       "\nbokeh at f/%.2f: the renderer's lens is %.3f px of blur per px of disparity = aperture %.2f views; its map "
       "saturates at %.1f px of pair disparity (%.2f views)\n",
-      o.fNumber, b, aMatch, w / 40.0, w / 40.0 / o.apart);
+      o.fNumber, b, lf->aMatch, w / 40.0, w / 40.0 / o.apart);
   printf(
       "system depth %dx%d (mode %d), settle %d frames; in-focus region |d - d0| < %.1f view, scored against the "
       "input\n",
       o.depthWidth, o.depthHeight, o.systemMode, o.settle, kInFocusViews);
-  const std::vector<uint8_t> input(mainNv.begin(), mainNv.begin() + ptrdiff_t(n)), all(n, 1);
+  lf->input.assign(lf->mainNv.begin(), lf->mainNv.begin() + ptrdiff_t(lf->n));
+  lf->all.assign(lf->n, 1);
+}
+
+// The aperture that fits the system best, on a grid of quarter views; its score in *best.
+double lf_best_aperture(const Options& o, const Lf& lf, const Refocus& rf, const std::vector<uint8_t>& sys,
+                        double* best) {
+  double aBest = 0;
+  *best = -1;
+  for (double A = 0.5; A <= o.maxAperture + 1e-9; A += 0.25) {
+    ErrorSum e;
+    const std::vector<uint8_t> orc = rf.at(A, lf.n);
+    e.add(sys.data(), orc.data(), lf.all);
+    if (e.psnr() > *best) *best = e.psnr(), aBest = A;
+  }
+  return aBest;
+}
+
+// The naive blur's scale, fitted to the oracle (golden section on squared error).
+double lf_fit_naive(const Lf& lf, double D0, const std::vector<uint8_t>& oracle) {
+  const int32_t w = lf.w, h = lf.h;
+  const std::vector<uint8_t>& input = lf.input;
+  const std::vector<float>& D = lf.D;
+  double lo = 0, hi = 1.5;
+  const double g = (sqrt(5.0) - 1) / 2;
+  double c1 = hi - g * (hi - lo), c2 = lo + g * (hi - lo);
+  double e1 = sq_error(naive_blur(input, D, D0, c1, w, h), oracle),
+         e2 = sq_error(naive_blur(input, D, D0, c2, w, h), oracle);
+  for (int32_t it = 0; it < 14; ++it) {
+    if (e1 < e2)
+      hi = c2, c2 = c1, e2 = e1, c1 = hi - g * (hi - lo), e1 = sq_error(naive_blur(input, D, D0, c1, w, h), oracle);
+    else
+      lo = c1, c1 = c2, e1 = e2, c2 = lo + g * (hi - lo), e2 = sq_error(naive_blur(input, D, D0, c2, w, h), oracle);
+  }
+  return e1 < e2 ? c1 : c2;
+}
+
+// The picture input | system | oracle | 4 x error of one focus point.
+void lf_write_point_strip(const Options& o, const Lf& lf, const Focus& f, const std::vector<uint8_t>& sys,
+                          const std::vector<uint8_t>& oracle, ToolReport* report) {
+  std::vector<uint8_t> err(lf.n);
+  for (size_t i = 0; i < lf.n; ++i) err[i] = clamp8(4.0 * fabs(double(sys[i]) - oracle[i]));
+  char file[64];
+  snprintf(file, sizeof file, "_focus_%d_%d.png", f.x, f.y);
+  write_strip(o.out + "/" + lf.scene + file, {&lf.input, &sys, &oracle, &err}, lf.w, lf.h, report);
+}
+
+// One focus point: the system on the pair held still against the refocus at the matching
+// aperture, beside the sharp input and the fitted naive blur. No truth or no system frame is a
+// skipped point.
+void lf_focus_point(const Options& o, const Lf& lf, const Focus& f, ToolReport* report) {
+  const int32_t w = lf.w, h = lf.h;
+  const size_t n = lf.n;
+  const std::string name = lf.scene + " focus (" + std::to_string(f.x) + "," + std::to_string(f.y) + ")";
+  const float d0 = window_median(lf.gt.data, w, h, f.x, f.y);
+  if (!isfinite(d0)) {
+    report->skip(name, "no ground truth around the focus point");
+    return;
+  }
+  std::vector<uint8_t> inFocus(n, 0);
+  size_t focusCount = 0;
+  for (size_t i = 0; i < n; ++i) {
+    inFocus[i] = isfinite(lf.gt.data[i]) && fabs(double(lf.gt.data[i]) - d0) < kInFocusViews;
+    focusCount += inFocus[i];
+  }
+  std::vector<uint8_t> sys;
+  std::string error;
+  if (!system_still(o, lf.mainNv, lf.subNv, w, h, lf.calib, f, &sys, &error)) {
+    report->skip(name, error);
+    return;
+  }
+  sys.resize(n);
+  Refocus rf;
+  rf.make(lf.views, w, h, d0);
+  const std::vector<uint8_t> oracle = rf.at(lf.aMatch, n);
+  // The oracle's own check: in focus it must give back the centre view.
+  ErrorSum self;
+  self.add(oracle.data(), lf.input.data(), inFocus);
+  double best = -1;
+  const double aBest = lf_best_aperture(o, lf, rf, sys, &best);
+  const double D0 = double(d0) * o.apart + lf.s;
+  const double cFit = lf_fit_naive(lf, D0, oracle);
+  const std::vector<uint8_t> naive = naive_blur(lf.input, lf.D, D0, cFit, w, h);
+  printf("\n%s: d0 %.3f views (pair %.2f px), in focus %.1f%% of the frame; oracle in focus vs input %.2f dB\n",
+         name.c_str(), double(d0), D0, 100.0 * double(focusCount) / double(n), self.psnr());
+  printf("  vs oracle A=%.2f   %8s %8s %9s %7s\n", lf.aMatch, "whole", "band", "in-focus", "SSIM");
+  auto row = [&](const char* what, const std::vector<uint8_t>& img) {
+    const Scores sc = score(img, oracle, lf.input, lf.all, lf.band, inFocus, w, h);
+    printf("  %-18s %8.2f %8.2f %9.2f %7.4f\n", what, sc.whole, sc.band, sc.inFocus, sc.ssim);
+  };
+  row("sharp input", lf.input);
+  row("system", sys);
+  char naiveName[40];
+  snprintf(naiveName, sizeof naiveName, "naive gt (s=%.3f)", cFit);
+  row(naiveName, naive);
+  printf("  best-fitting aperture for the system: %.2f views (whole %.2f dB)\n", aBest, best);
+  report->processed++;
+  if (!o.out.empty()) lf_write_point_strip(o, lf, f, sys, oracle, report);
+}
+
+int lightfield(const Options& o, ToolReport* report) {
+  Lf lf;
+  const int setUp = lf_set_up(o, &lf);
+  if (setUp != kToolExitDone) return setUp;
+  if (o.depthScores) lf_depth_scores(lf, report);
+  // Bokeh: the whole system on the pair held still, against the shift-and-add refocus.
+  if (!lf_system_inputs(o, &lf)) return kToolExitRefused;
+  lf_match_lens(o, &lf);
+  std::string error;
   if (!o.out.empty() && !tool_make_dirs(o.out, &error)) {
     report->write_failed(o.out, error);
     return report->finish();
   }
-  for (const Focus& f : points) {
-    const std::string name = scene + " focus (" + std::to_string(f.x) + "," + std::to_string(f.y) + ")";
-    const float d0 = window_median(gt.data, w, h, f.x, f.y);
-    if (!isfinite(d0)) {
-      report->skip(name, "no ground truth around the focus point");
-      continue;
-    }
-    std::vector<uint8_t> inFocus(n, 0);
-    size_t focusCount = 0;
-    for (size_t i = 0; i < n; ++i) {
-      inFocus[i] = isfinite(gt.data[i]) && fabs(double(gt.data[i]) - d0) < kInFocusViews;
-      focusCount += inFocus[i];
-    }
-    std::vector<uint8_t> sys;
-    if (!system_still(o, mainNv, subNv, w, h, calib, f, &sys, &error)) {
-      report->skip(name, error);
-      continue;
-    }
-    sys.resize(n);
-    Refocus rf;
-    rf.make(views, w, h, d0);
-    const std::vector<uint8_t> oracle = rf.at(aMatch, n);
-    // The oracle's own check: in focus it must give back the centre view.
-    ErrorSum self;
-    self.add(oracle.data(), input.data(), inFocus);
-    // The aperture that fits the system best, on a grid of quarter views.
-    double aBest = 0, best = -1;
-    for (double A = 0.5; A <= o.maxAperture + 1e-9; A += 0.25) {
-      ErrorSum e;
-      const std::vector<uint8_t> orc = rf.at(A, n);
-      e.add(sys.data(), orc.data(), all);
-      if (e.psnr() > best) best = e.psnr(), aBest = A;
-    }
-    // The naive blur's scale, fitted to the oracle (golden section on squared error).
-    const double D0 = double(d0) * o.apart + s;
-    double lo = 0, hi = 1.5;
-    const double g = (sqrt(5.0) - 1) / 2;
-    double c1 = hi - g * (hi - lo), c2 = lo + g * (hi - lo);
-    double e1 = sq_error(naive_blur(input, D, D0, c1, w, h), oracle),
-           e2 = sq_error(naive_blur(input, D, D0, c2, w, h), oracle);
-    for (int32_t it = 0; it < 14; ++it) {
-      if (e1 < e2)
-        hi = c2, c2 = c1, e2 = e1, c1 = hi - g * (hi - lo), e1 = sq_error(naive_blur(input, D, D0, c1, w, h), oracle);
-      else
-        lo = c1, c1 = c2, e1 = e2, c2 = lo + g * (hi - lo), e2 = sq_error(naive_blur(input, D, D0, c2, w, h), oracle);
-    }
-    const double cFit = e1 < e2 ? c1 : c2;
-    const std::vector<uint8_t> naive = naive_blur(input, D, D0, cFit, w, h);
-    printf("\n%s: d0 %.3f views (pair %.2f px), in focus %.1f%% of the frame; oracle in focus vs input %.2f dB\n",
-           name.c_str(), double(d0), D0, 100.0 * double(focusCount) / double(n), self.psnr());
-    printf("  vs oracle A=%.2f   %8s %8s %9s %7s\n", aMatch, "whole", "band", "in-focus", "SSIM");
-    auto row = [&](const char* what, const std::vector<uint8_t>& img) {
-      const Scores sc = score(img, oracle, input, all, band, inFocus, w, h);
-      printf("  %-18s %8.2f %8.2f %9.2f %7.4f\n", what, sc.whole, sc.band, sc.inFocus, sc.ssim);
-    };
-    row("sharp input", input);
-    row("system", sys);
-    char naiveName[40];
-    snprintf(naiveName, sizeof naiveName, "naive gt (s=%.3f)", cFit);
-    row(naiveName, naive);
-    printf("  best-fitting aperture for the system: %.2f views (whole %.2f dB)\n", aBest, best);
-    report->processed++;
-    if (!o.out.empty()) {
-      std::vector<uint8_t> err(n);
-      for (size_t i = 0; i < n; ++i) err[i] = clamp8(4.0 * fabs(double(sys[i]) - oracle[i]));
-      char file[64];
-      snprintf(file, sizeof file, "_focus_%d_%d.png", f.x, f.y);
-      write_strip(o.out + "/" + scene + file, {&input, &sys, &oracle, &err}, w, h, report);
-    }
-  }
+  for (const Focus& f : lf.points) lf_focus_point(o, lf, f, report);
   return report->finish();
 }
 
@@ -709,14 +806,32 @@ struct SeqRun {
   bool ok = false;
 };
 
-int sequence(const Options& o, ToolReport* report) {
-  const std::string& dir = o.sequence;
-  std::string error;
+// One sequence as every run sees it: read, checked and converted once before anything runs.
+struct Seq {
+  std::string dir;
+  std::vector<std::string> stems;
+  std::vector<SeqFrame> frames;
+  std::vector<std::vector<uint8_t>> lumaSmall;  // each frame's luma on the depth grid, for the tap
+  int32_t w = 0, h = 0;
+  int32_t s = 0;  // the right views' move to the left, frame pixels
+  int32_t Wd = 0, Hd = 0;
+  float maxD = 0;
+  size_t n = 0, nd = 0;
+  double toSmall = 0;  // depth-grid pixels per frame pixel
+  std::vector<uint8_t> calib;
+  int32_t scale = 16;
+  Focus focus;
+};
+
+// The frames NNNN of left/NNNN.png, sorted and cut to --frames. Returns kToolExitDone when there
+// are at least two, else the exit code (the message printed).
+int seq_list_frames(const Options& o, Seq* q) {
+  const std::string& dir = q->dir;
+  std::vector<std::string>& stems = q->stems;
   if (!is_dir(dir + "/left")) {
     fprintf(stderr, "%s: %s/left: not a folder\n", kTool, dir.c_str());
     return kToolExitUsage;
   }
-  std::vector<std::string> stems;
   DIR* d = opendir((dir + "/left").c_str());
   if (d == nullptr) {
     fprintf(stderr, "%s: %s/left: cannot be read\n", kTool, dir.c_str());
@@ -738,158 +853,216 @@ int sequence(const Options& o, ToolReport* report) {
     fprintf(stderr, "%s: %s/left: fewer than two frames (NNNN.png)\n", kTool, dir.c_str());
     return kToolExitUsage;
   }
+  return kToolExitDone;
+}
+
+// Every frame's right view and truth are regular files; false names them all (up to 20).
+bool seq_files_present(const Seq& q) {
   std::vector<std::string> missing;
-  for (const std::string& st : stems)
-    for (const std::string& p : {dir + "/right/" + st + ".png", dir + "/disp_left/" + st + ".pfm"})
+  for (const std::string& st : q.stems)
+    for (const std::string& p : {q.dir + "/right/" + st + ".png", q.dir + "/disp_left/" + st + ".pfm"})
       if (!tool_is_regular_file(p)) missing.push_back(p);
-  if (!missing.empty()) {
-    fprintf(stderr, "%s: %zu file%s missing or not regular:", kTool, missing.size(), missing.size() == 1 ? "" : "s");
-    for (size_t i = 0; i < missing.size() && i < 20; ++i) fprintf(stderr, " %s", missing[i].c_str());
-    fprintf(stderr, missing.size() > 20 ? " ...\n" : "\n");
-    return kToolExitUsage;
-  }
-  // Every frame read and checked before anything runs; the right views moved left by one shift
-  // over the whole sequence, as a fixed rig would be calibrated.
-  std::vector<Image8> lefts(stems.size()), rights(stems.size());
-  std::vector<ImageF> truths(stems.size());
-  int32_t w = 0, h = 0;
-  float dLo = INFINITY, dHi = -INFINITY;
+  if (missing.empty()) return true;
+  fprintf(stderr, "%s: %zu file%s missing or not regular:", kTool, missing.size(), missing.size() == 1 ? "" : "s");
+  for (size_t i = 0; i < missing.size() && i < 20; ++i) fprintf(stderr, " %s", missing[i].c_str());
+  fprintf(stderr, missing.size() > 20 ? " ...\n" : "\n");
+  return false;
+}
+
+// The sequence's files as read, before the pair is formed.
+struct SeqFiles {
+  std::vector<Image8> lefts, rights;
+  std::vector<ImageF> truths;
+  float dLo = INFINITY, dHi = -INFINITY;  // the truth's range over the whole sequence
+};
+
+// Every frame read and checked against the first one's size. False on the first bad file
+// (the message printed).
+bool seq_read_frames(Seq* q, SeqFiles* in) {
+  const std::vector<std::string>& stems = q->stems;
+  const std::string& dir = q->dir;
+  std::string error;
+  in->lefts.resize(stems.size()), in->rights.resize(stems.size());
+  in->truths.resize(stems.size());
   const std::string first = dir + "/left/" + stems[0] + ".png";
   for (size_t i = 0; i < stems.size(); ++i) {
     const std::string lp = dir + "/left/" + stems[i] + ".png", rp = dir + "/right/" + stems[i] + ".png",
                       tp = dir + "/disp_left/" + stems[i] + ".pfm";
-    if (!read_rgb(lp, &lefts[i], &error) || !read_rgb(rp, &rights[i], &error) || !read_pfm(tp, &truths[i], &error)) {
+    Image8 &left = in->lefts[i], &right = in->rights[i];
+    ImageF& truth = in->truths[i];
+    if (!read_rgb(lp, &left, &error) || !read_rgb(rp, &right, &error) || !read_pfm(tp, &truth, &error)) {
       fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-      return kToolExitUsage;
+      return false;
     }
     if (i == 0) {
-      w = lefts[0].width, h = lefts[0].height;
-      if (!check_size(lp, w, h, &error)) {
+      q->w = left.width, q->h = left.height;
+      if (!check_size(lp, q->w, q->h, &error)) {
         fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-        return kToolExitUsage;
+        return false;
       }
     }
-    if (!same_size(first, w, h, lp, lefts[i].width, lefts[i].height, &error) ||
-        !same_size(first, w, h, rp, rights[i].width, rights[i].height, &error) ||
-        !same_size(first, w, h, tp, truths[i].width, truths[i].height, &error)) {
+    if (!same_size(first, q->w, q->h, lp, left.width, left.height, &error) ||
+        !same_size(first, q->w, q->h, rp, right.width, right.height, &error) ||
+        !same_size(first, q->w, q->h, tp, truth.width, truth.height, &error)) {
       fprintf(stderr, "%s: %s\n", kTool, error.c_str());
-      return kToolExitUsage;
+      return false;
     }
-    for (float v : truths[i].data)
-      if (isfinite(v)) dLo = std::min(dLo, v), dHi = std::max(dHi, v);
+    for (float v : truth.data)
+      if (isfinite(v)) in->dLo = std::min(in->dLo, v), in->dHi = std::max(in->dHi, v);
   }
+  return true;
+}
+
+// The pair's geometry: the one shift that makes every disparity >= 0 over the whole sequence, as a
+// fixed rig would be calibrated, and the depth grid. False when the truth or the depth size does
+// not fit (the message printed).
+bool seq_pair_geometry(const Options& o, const SeqFiles& in, Seq* q) {
+  const float dLo = in.dLo, dHi = in.dHi;
+  const int32_t w = q->w, h = q->h;
   if (!(dHi >= dLo) || dHi - dLo > 500.0f || fabsf(dLo) > 500.0f) {
-    fprintf(stderr, "%s: %s/disp_left: no finite disparity within +-500 px\n", kTool, dir.c_str());
-    return kToolExitUsage;
+    fprintf(stderr, "%s: %s/disp_left: no finite disparity within +-500 px\n", kTool, q->dir.c_str());
+    return false;
   }
   if (o.depthWidth > w || o.depthHeight > h) {
     fprintf(stderr, "%s: --depth-size %s is larger than the frames (%s)\n", kTool,
             size_text(o.depthWidth, o.depthHeight).c_str(), size_text(w, h).c_str());
-    return kToolExitUsage;
+    return false;
   }
-  const int32_t s = int32_t(ceil(-double(dLo) - 1e-6)), Wd = o.depthWidth, Hd = o.depthHeight;
-  const float maxD = dHi + float(s);
-  const size_t n = size_t(w) * size_t(h), nd = size_t(Wd) * size_t(Hd);
-  const double toSmall = double(Wd) / w;
-  if (maxD * toSmall * 16 > 1022) {
+  q->s = int32_t(ceil(-double(dLo) - 1e-6)), q->Wd = o.depthWidth, q->Hd = o.depthHeight;
+  q->maxD = dHi + float(q->s);
+  q->n = size_t(w) * size_t(h), q->nd = size_t(q->Wd) * size_t(q->Hd);
+  q->toSmall = double(q->Wd) / w;
+  if (q->maxD * q->toSmall * 16 > 1022) {
     fprintf(stderr, "%s: pair disparity up to %.1f px is beyond the chip's 10-bit samples at depth width %d\n", kTool,
-            double(maxD), Wd);
-    return kToolExitUsage;
+            double(q->maxD), q->Wd);
+    return false;
   }
-  std::vector<SeqFrame> frames(stems.size());
-  std::vector<std::vector<uint8_t>> lumaSmall(stems.size());
-  for (size_t i = 0; i < stems.size(); ++i) {
-    SeqFrame& f = frames[i];
-    f.main.resize(n * 3 / 2), f.sub.resize(n * 3 / 2);
-    host_rgb_to_nv21(lefts[i].data.data(), w, h, f.main.data());
-    const Image8 shifted = shift_left(rights[i], s);
+  return true;
+}
+
+// Each frame as the system takes it: NV21 main and shifted sub, the truth on the depth grid in
+// pair pixels and as the chip's samples, and the luma the tap compares against.
+void seq_convert_frames(const SeqFiles& in, Seq* q) {
+  const int32_t w = q->w, h = q->h, Wd = q->Wd, Hd = q->Hd, s = q->s;
+  q->frames.resize(q->stems.size());
+  q->lumaSmall.resize(q->stems.size());
+  for (size_t i = 0; i < q->stems.size(); ++i) {
+    SeqFrame& f = q->frames[i];
+    f.main.resize(q->n * 3 / 2), f.sub.resize(q->n * 3 / 2);
+    host_rgb_to_nv21(in.lefts[i].data.data(), w, h, f.main.data());
+    const Image8 shifted = shift_left(in.rights[i], s);
     host_rgb_to_nv21(shifted.data.data(), w, h, f.sub.data());
-    f.truthSmall.resize(nd), f.chip.resize(nd);
+    f.truthSmall.resize(q->nd), f.chip.resize(q->nd);
     for (int32_t y = 0; y < Hd; ++y)
       for (int32_t x = 0; x < Wd; ++x) {
         const int32_t sx = int32_t(int64_t(x) * w / Wd), sy = int32_t(int64_t(y) * h / Hd);
-        const float t = truths[i].data[size_t(sy) * w + sx];
+        const float t = in.truths[i].data[size_t(sy) * w + sx];
         const size_t k = size_t(y) * Wd + x;
         f.truthSmall[k] = isfinite(t) ? t + float(s) : NAN;
-        f.chip[k] = isfinite(t) ? uint16_t(std::min(1022.0, std::max(0.0, (t + s) * toSmall * 16 + 0.5))) : 1023;
+        f.chip[k] = isfinite(t) ? uint16_t(std::min(1022.0, std::max(0.0, (t + s) * q->toSmall * 16 + 0.5))) : 1023;
       }
-    lumaSmall[i].resize(nd);
-    sample_plane(f.main, w, h, Wd, Hd, 0, lumaSmall[i].data());
+    q->lumaSmall[i].resize(q->nd);
+    sample_plane(f.main, w, h, Wd, Hd, 0, q->lumaSmall[i].data());
   }
-  std::vector<uint8_t> calib;
-  int32_t scale = 16;
-  if (!pair_calibration(w, h, Wd, maxD, &calib, &scale, &error)) {
+}
+
+// Set-up: the frames listed, read, checked and converted, the calibration and the focus point.
+// Returns kToolExitDone when the runs can start, else the exit code (the message printed).
+int seq_set_up(const Options& o, Seq* q) {
+  q->dir = o.sequence;
+  const int listed = seq_list_frames(o, q);
+  if (listed != kToolExitDone) return listed;
+  if (!seq_files_present(*q)) return kToolExitUsage;
+  SeqFiles in;
+  if (!seq_read_frames(q, &in) || !seq_pair_geometry(o, in, q)) return kToolExitUsage;
+  seq_convert_frames(in, q);
+  std::string error;
+  if (!pair_calibration(q->w, q->h, q->Wd, q->maxD, &q->calib, &q->scale, &error)) {
     fprintf(stderr, "%s: %s\n", kTool, error.c_str());
     return kToolExitRefused;
   }
-  const Focus focus = o.focus.empty() ? Focus{w / 2, h / 2} : o.focus[0];
-  if (!focus_inside({focus}, w, h)) return kToolExitUsage;
-  printf(
-      "%s: %zu frames %dx%d, right views moved left by %d px: pair disparity 0..%.1f px; depth %dx%d, focus (%d,%d), "
-      "f/%.2f, pace %d ms\n",
-      base_name(dir).c_str(), stems.size(), w, h, s, double(maxD), Wd, Hd, focus.x, focus.y, o.fNumber, o.paceMs);
-  SeqRun runs[4] = {{"stereo, filter on", false, 1, {}, {}, {}, {}, false},
-                    {"stereo, filter off", false, 0, {}, {}, {}, {}, false},
-                    {"chip, filter on", true, 1, {}, {}, {}, {}, false},
-                    {"chip, filter off", true, 0, {}, {}, {}, {}, false}};
-  std::vector<uint8_t> work(n * 3 / 2);
-  for (SeqRun& run : runs) {
-    tap_begin(&lumaSmall, Wd, Hd);
-    if (run.chip)
-      for (size_t i = 0; i < frames.size(); ++i) tap_remember_depth(frames[i].chip.data(), int32_t(i));
-    if (vmKtrRT_SC_Init(init_data(w, h, Wd, Hd, calib, run.chip, run.temporal, o.systemMode)) != 0) {
-      tap_end();
-      report->skip(run.name, "vmKtrRT_SC_Init refused the session");
-      continue;
-    }
-    const int32_t runScale = run.chip ? 16 : scale;
-    auto call = [&](size_t i) {
-      work = frames[i].main;
-      tap_submit(int32_t(i));
-      return int32_t(vmKtrRT_SC_Run(
-          trigger(o.fNumber, focus, w, h, work.data(), frames[i].sub.data(), run.chip ? &frames[i].chip : nullptr)));
-    };
-    for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
-      // Chip sessions return 0 before their first map: the tap tells a frame drawn with one.
-      if (call(0) == 0 && after < 0 && !tap_last_draw().depth.empty()) after = 0;
-      if (after >= 0) ++after;
-      usleep(useconds_t(o.paceMs) * 1000u);
-    }
-    std::vector<double> prevErr;
-    for (size_t i = 0; i < frames.size(); ++i) {
-      call(i);
-      const TapDraw draw = tap_last_draw();
-      std::vector<double> err(nd, NAN);
-      double sum = 0, cnt = 0, bad = 0;
-      if (draw.depth.size() == nd) {
-        const SeqFrame& src =
-            frames[size_t(draw.depthFrame >= 0 && size_t(draw.depthFrame) <= i ? draw.depthFrame : int32_t(i))];
-        for (size_t k = 0; k < nd; ++k) {
-          if (!isfinite(src.truthSmall[k])) continue;
-          if (draw.depth[k] >= 1023) {
-            bad += 1;
-            continue;
-          }
-          err[k] = double(draw.depth[k]) / runScale / toSmall - src.truthSmall[k];
-          sum += fabs(err[k]), cnt += 1;
-        }
-      }
-      double fl = 0, fc = 0;
-      if (!prevErr.empty())
-        for (size_t k = 0; k < nd; ++k)
-          if (isfinite(err[k]) && isfinite(prevErr[k])) fl += fabs(err[k] - prevErr[k]), fc += 1;
-      run.mae.push_back(cnt > 0 ? sum / cnt : NAN);
-      run.invalid.push_back(cnt + bad > 0 ? 100 * bad / (cnt + bad) : NAN);
-      run.flicker.push_back(fc > 0 ? fl / fc : NAN);
-      run.lag.push_back(draw.depthFrame >= 0 ? int32_t(i) - draw.depthFrame : -1);
-      prevErr = err;
-      usleep(useconds_t(o.paceMs) * 1000u);
-    }
-    vmKtrRT_SC_Deinit();
-    tap_end();
-    run.ok = true;
-    report->processed++;
+  q->focus = o.focus.empty() ? Focus{q->w / 2, q->h / 2} : o.focus[0];
+  if (!focus_inside({q->focus}, q->w, q->h)) return kToolExitUsage;
+  return kToolExitDone;
+}
+
+// Frame i through the system (the tap told which frame it is); the system's result.
+int32_t seq_call(const Options& o, const Seq& q, const SeqRun& run, size_t i, std::vector<uint8_t>* work) {
+  *work = q.frames[i].main;
+  tap_submit(int32_t(i));
+  return int32_t(vmKtrRT_SC_Run(trigger(o.fNumber, q.focus, q.w, q.h, work->data(), q.frames[i].sub.data(),
+                                        run.chip ? &q.frames[i].chip : nullptr)));
+}
+
+// The first frame repeated at camera pace until one is drawn with a map and --settle more.
+void seq_settle(const Options& o, const Seq& q, const SeqRun& run, std::vector<uint8_t>* work) {
+  for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
+    // Chip sessions return 0 before their first map: the tap tells a frame drawn with one.
+    if (seq_call(o, q, run, 0, work) == 0 && after < 0 && !tap_last_draw().depth.empty()) after = 0;
+    if (after >= 0) ++after;
+    usleep(useconds_t(o.paceMs) * 1000u);
   }
+}
+
+// Frame i's figures from the depth it was drawn with, against the truth of the frame that depth
+// came from; *prevErr holds the frame before's error for the flicker and takes this one's.
+void seq_score_frame(const Seq& q, size_t i, int32_t runScale, SeqRun* run, std::vector<double>* prevErr) {
+  const size_t nd = q.nd;
+  const TapDraw draw = tap_last_draw();
+  std::vector<double> err(nd, NAN);
+  double sum = 0, cnt = 0, bad = 0;
+  if (draw.depth.size() == nd) {
+    const SeqFrame& src =
+        q.frames[size_t(draw.depthFrame >= 0 && size_t(draw.depthFrame) <= i ? draw.depthFrame : int32_t(i))];
+    for (size_t k = 0; k < nd; ++k) {
+      if (!isfinite(src.truthSmall[k])) continue;
+      if (draw.depth[k] >= 1023) {
+        bad += 1;
+        continue;
+      }
+      err[k] = double(draw.depth[k]) / runScale / q.toSmall - src.truthSmall[k];
+      sum += fabs(err[k]), cnt += 1;
+    }
+  }
+  double fl = 0, fc = 0;
+  if (!prevErr->empty())
+    for (size_t k = 0; k < nd; ++k)
+      if (isfinite(err[k]) && isfinite((*prevErr)[k])) fl += fabs(err[k] - (*prevErr)[k]), fc += 1;
+  run->mae.push_back(cnt > 0 ? sum / cnt : NAN);
+  run->invalid.push_back(cnt + bad > 0 ? 100 * bad / (cnt + bad) : NAN);
+  run->flicker.push_back(fc > 0 ? fl / fc : NAN);
+  run->lag.push_back(draw.depthFrame >= 0 ? int32_t(i) - draw.depthFrame : -1);
+  *prevErr = err;
+}
+
+// One run: a session of its own over the whole sequence, settled on the first frame, then every
+// frame at camera pace and scored. A refused session is a skipped run.
+void seq_measure_run(const Options& o, Seq* q, SeqRun* run, ToolReport* report) {
+  std::vector<uint8_t> work(q->n * 3 / 2);
+  tap_begin(&q->lumaSmall, q->Wd, q->Hd);
+  if (run->chip)
+    for (size_t i = 0; i < q->frames.size(); ++i) tap_remember_depth(q->frames[i].chip.data(), int32_t(i));
+  if (vmKtrRT_SC_Init(init_data(q->w, q->h, q->Wd, q->Hd, q->calib, run->chip, run->temporal, o.systemMode)) != 0) {
+    tap_end();
+    report->skip(run->name, "vmKtrRT_SC_Init refused the session");
+    return;
+  }
+  const int32_t runScale = run->chip ? 16 : q->scale;
+  seq_settle(o, *q, *run, &work);
+  std::vector<double> prevErr;
+  for (size_t i = 0; i < q->frames.size(); ++i) {
+    seq_call(o, *q, *run, i, &work);
+    seq_score_frame(*q, i, runScale, run, &prevErr);
+    usleep(useconds_t(o.paceMs) * 1000u);
+  }
+  vmKtrRT_SC_Deinit();
+  tap_end();
+  run->ok = true;
+  report->processed++;
+}
+
+// Outputs: a row per frame and the means, one column per run that ran.
+void seq_print_table(const Seq& q, const SeqRun (&runs)[4]) {
   printf(
       "published depth against the truth of the frame it came from, frame pixels: MAE / flicker (mean |change "
       "of the error| from the frame before) / lag in frames\n");
@@ -897,8 +1070,8 @@ int sequence(const Options& o, ToolReport* report) {
   for (const SeqRun& r : runs)
     if (r.ok) printf(" | %-24s", r.name);
   printf("\n");
-  for (size_t i = 0; i < frames.size(); ++i) {
-    printf("%5s", stems[i].c_str());
+  for (size_t i = 0; i < q.frames.size(); ++i) {
+    printf("%5s", q.stems[i].c_str());
     for (const SeqRun& r : runs)
       if (r.ok) printf(" | %7.3f %7.3f %3d       ", r.mae[i], r.flicker[i], r.lag[i]);
     printf("\n");
@@ -919,6 +1092,23 @@ int sequence(const Options& o, ToolReport* report) {
   printf("\n");
   if (noMap > 0)
     printf("%d measured frames over the runs were drawn without a refocus map (nan: nothing to score)\n", noMap);
+}
+
+int sequence(const Options& o, ToolReport* report) {
+  Seq q;
+  const int setUp = seq_set_up(o, &q);
+  if (setUp != kToolExitDone) return setUp;
+  printf(
+      "%s: %zu frames %dx%d, right views moved left by %d px: pair disparity 0..%.1f px; depth %dx%d, focus (%d,%d), "
+      "f/%.2f, pace %d ms\n",
+      base_name(q.dir).c_str(), q.stems.size(), q.w, q.h, q.s, double(q.maxD), q.Wd, q.Hd, q.focus.x, q.focus.y,
+      o.fNumber, o.paceMs);
+  SeqRun runs[4] = {{"stereo, filter on", false, 1, {}, {}, {}, {}, false},
+                    {"stereo, filter off", false, 0, {}, {}, {}, {}, false},
+                    {"chip, filter on", true, 1, {}, {}, {}, {}, false},
+                    {"chip, filter off", true, 0, {}, {}, {}, {}, false}};
+  for (SeqRun& run : runs) seq_measure_run(o, &q, &run, report);
+  seq_print_table(q, runs);
   return report->finish();
 }
 

@@ -239,6 +239,57 @@ TriggerData trigger(const Options& o, const Frame& f, uint8_t* work, const uint8
   return t;
 }
 
+// A scene's frame i: the pair, the focus region on the figure, the oracle focused where the
+// region's centre meets the figure, and the truths on both grids. `scratch` holds the full and
+// depth-grid truth planes between frames. False when the figure leaves the frame or there is no
+// oracle (said on stderr).
+struct PrepareScratch {
+  std::vector<float> depthFull, dispFull, dispSmall;
+  int32_t reach = 0, reachSmall = 0;  // the edge bands' reach on the two grids
+};
+
+bool prepare_frame(const Options& o, const char* name, const SceneSpec& s, const CalibBlock& cb, int32_t i,
+                   PrepareScratch* scratch, Frame* frame, std::vector<uint8_t>* lumaSmall) {
+  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
+  const size_t n = size_t(W) * size_t(H), nd = size_t(Wd) * size_t(Hd);
+  std::vector<float>&depthFull = scratch->depthFull, &dispFull = scratch->dispFull, &dispSmall = scratch->dispSmall;
+  Frame& f = *frame;
+  f.main.resize(n * 3 / 2);
+  f.sub.resize(n * 3 / 2);
+  f.oracle.resize(n * 3 / 2);
+  scene_render_nv21(&s, i, 0, W, H, 2, f.main.data());
+  scene_render_nv21(&s, i, 1, W, H, 2, f.sub.data());
+  scene_truth_depth(&s, i, W, H, depthFull.data());
+  scene_truth_disparity(&s, i, W, H, dispFull.data());
+  scene_truth_disparity(&s, i, Wd, Hd, dispSmall.data());
+  float fx, fy;
+  if (!figure_pixel(s, i, W, H, &fx, &fy)) {
+    fprintf(stderr, "%s: the figure leaves the frame at frame %d\n", name, i);
+    return false;
+  }
+  const int32_t cx = int32_t(fx), cy = int32_t(fy), half = std::max(2, W / 48);
+  f.left = std::max(0, cx - half), f.right = std::min(W - 1, cx + half);
+  f.top = std::max(0, cy - half), f.bottom = std::min(H - 1, cy + half);
+  // The oracle focuses where the region's centre (the system's focus point) meets the figure.
+  const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
+  const float focusMm = focus_depth(depthFull, W, H, px, py);
+  if (!(focusMm > 0) || scene_render_dof_nv21(&s, i, W, H, focusMm, o.fNumber, o.lensSamples, f.oracle.data()) != 0) {
+    fprintf(stderr, "%s: no oracle for frame %d\n", name, i);
+    return false;
+  }
+  f.truthDepth.resize(nd);
+  for (size_t k = 0; k < nd; ++k) {
+    const float d = isfinite(dispSmall[k]) ? dispSmall[k] * float(cb.disparityScale) + 0.5f : 0.0f;
+    f.truthDepth[k] = uint16_t(std::min(1022.0f, std::max(0.0f, d)));
+  }
+  f.truthSmall = dispSmall;
+  edge_band(dispFull, W, H, scratch->reach, &f.band);
+  edge_band(dispSmall, Wd, Hd, scratch->reachSmall, &f.bandSmall);
+  lumaSmall->resize(nd);
+  sample_plane(f.main, W, H, Wd, Hd, 0, lumaSmall->data());
+  return true;
+}
+
 // Renders the frames, their oracle and truths, and the stereo engine's depth of each frame.
 bool prepare(const Options& o, const char* name, int32_t motion, Prepared* out) {
   SceneSpec s;
@@ -262,193 +313,223 @@ bool prepare(const Options& o, const char* name, int32_t motion, Prepared* out) 
     fprintf(stderr, "%s: no calibration block\n", name);
     return false;
   }
-  const int32_t reach = std::max(1, (16 * W + 1919) / 1920);  // 16 pixels at 1920 wide, scaled
-  const int32_t reachSmall = std::max(1, (reach * Wd + W - 1) / W);
-  std::vector<Frame>& frames = out->frames;
-  std::vector<std::vector<uint8_t>>& lumaSmall = out->lumaSmall;
-  frames.assign(size_t(o.frames), Frame());
-  lumaSmall.assign(size_t(o.frames), std::vector<uint8_t>());
-  std::vector<float> depthFull(n), dispFull(n), dispSmall(nd);
-  for (int32_t i = 0; i < o.frames; ++i) {
-    Frame& f = frames[size_t(i)];
-    f.main.resize(n * 3 / 2);
-    f.sub.resize(n * 3 / 2);
-    f.oracle.resize(n * 3 / 2);
-    scene_render_nv21(&s, i, 0, W, H, 2, f.main.data());
-    scene_render_nv21(&s, i, 1, W, H, 2, f.sub.data());
-    scene_truth_depth(&s, i, W, H, depthFull.data());
-    scene_truth_disparity(&s, i, W, H, dispFull.data());
-    scene_truth_disparity(&s, i, Wd, Hd, dispSmall.data());
-    float fx, fy;
-    if (!figure_pixel(s, i, W, H, &fx, &fy)) {
-      fprintf(stderr, "%s: the figure leaves the frame at frame %d\n", name, i);
-      return false;
-    }
-    const int32_t cx = int32_t(fx), cy = int32_t(fy), half = std::max(2, W / 48);
-    f.left = std::max(0, cx - half), f.right = std::min(W - 1, cx + half);
-    f.top = std::max(0, cy - half), f.bottom = std::min(H - 1, cy + half);
-    // The oracle focuses where the region's centre (the system's focus point) meets the figure.
-    const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
-    const float focusMm = focus_depth(depthFull, W, H, px, py);
-    if (!(focusMm > 0) || scene_render_dof_nv21(&s, i, W, H, focusMm, o.fNumber, o.lensSamples, f.oracle.data()) != 0) {
-      fprintf(stderr, "%s: no oracle for frame %d\n", name, i);
-      return false;
-    }
-    f.truthDepth.resize(nd);
-    for (size_t k = 0; k < nd; ++k) {
-      const float d = isfinite(dispSmall[k]) ? dispSmall[k] * float(cb.disparityScale) + 0.5f : 0.0f;
-      f.truthDepth[k] = uint16_t(std::min(1022.0f, std::max(0.0f, d)));
-    }
-    f.truthSmall = dispSmall;
-    edge_band(dispFull, W, H, reach, &f.band);
-    edge_band(dispSmall, Wd, Hd, reachSmall, &f.bandSmall);
-    lumaSmall[size_t(i)].resize(nd);
-    sample_plane(f.main, W, H, Wd, Hd, 0, lumaSmall[size_t(i)].data());
-  }
+  PrepareScratch scratch;
+  scratch.reach = std::max(1, (16 * W + 1919) / 1920);  // 16 pixels at 1920 wide, scaled
+  scratch.reachSmall = std::max(1, (scratch.reach * Wd + W - 1) / W);
+  out->frames.assign(size_t(o.frames), Frame());
+  out->lumaSmall.assign(size_t(o.frames), std::vector<uint8_t>());
+  scratch.depthFull.resize(n), scratch.dispFull.resize(n), scratch.dispSmall.resize(nd);
+  for (int32_t i = 0; i < o.frames; ++i)
+    if (!prepare_frame(o, name, s, cb, i, &scratch, &out->frames[size_t(i)], &out->lumaSmall[size_t(i)])) return false;
   // The stereo engine alone on every frame: the engine-in-step row, and the depth chip's maps.
-  engine_in_step(o, calib, &frames);
+  engine_in_step(o, calib, &out->frames);
   out->ok = true;
   return true;
 }
 
-Result run_sequence(const Options& o, const Sequence& q, Prepared* prep) {
+// One sequence measured in one depth mode: what the system's run and the renderer's replays
+// share.
+struct Measure {
+  const Options* o = nullptr;
+  const Sequence* q = nullptr;
+  Prepared* prep = nullptr;
+  size_t n = 0;               // frame pixels
+  std::vector<uint8_t> work;  // the frame the system or the renderer draws on
+  std::vector<uint8_t> all;   // every pixel: the whole-frame mask
   Result res;
-  std::vector<Frame>& frames = prep->frames;
-  const std::vector<uint8_t>& calib = prep->calib;
-  const CalibBlock& cb = prep->cb;
-  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
-  const size_t n = size_t(W) * size_t(H);
-  // The renderer as the system sets it up: chip sessions make maps of the depth size.
-  const int32_t mapW = o.chip ? Wd : 320, mapH = o.chip ? Hd : 240;
-  if (o.chip && frames[0].engineDepth.empty()) {
-    fprintf(stderr, "%s: no stereo depth for the chip's maps\n", q.name);
-    res.ok = false;
-    return res;
-  }
-  for (Frame& f : frames) f.draw = TapDraw();
-  const std::vector<uint8_t> all(n, 1);
+};
 
-  // (a) The whole system through its five exported functions. A preview runs before the
-  // sequence starts: frame 0 repeats until the first frame drawn with a refocus map, then for
-  // `settle` frames more (the temporal filter and the policy settle as on a phone's preview).
-  tap_begin(&prep->lumaSmall, Wd, Hd);
-  if (o.chip)
-    for (int32_t i = 0; i < o.frames; ++i) tap_remember_depth(frames[size_t(i)].engineDepth.data(), i);
-  g_watch.state.store(-1), g_watch.similar.store(0), g_watch.differing.store(0);
-  vm_host_log_set_hook(on_log_line, nullptr);
-  vm_host_property_set("persist.vm.log.ktrrt.sc", "2");  // trace lines, read at Init
-  if (vmKtrRT_SC_Init(init_data(o, calib)) != 0) {
-    fprintf(stderr, "%s: vmKtrRT_SC_Init refused\n", q.name);
-    tap_end();
-    res.ok = false;
-    return res;
-  }
-  std::vector<uint8_t> work(n * 3 / 2);
+// The preview before the sequence starts: frame 0 repeats until the first frame drawn with a
+// refocus map, then for `settle` frames more (the temporal filter and the policy settle as on a
+// phone's preview).
+void measure_preview(Measure* m) {
+  const Options& o = *m->o;
+  const Frame& f0 = m->prep->frames[0];
   tap_submit(0);
   for (int32_t k = 0, after = -1; k < 400 && after < o.settle; ++k) {
-    work = frames[0].main;
-    const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, frames[0], work.data(), frames[0].sub.data())));
-    if (after < 0 && r == 0) res.warmup = k + 1, after = 0;
+    m->work = f0.main;
+    const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, f0, m->work.data(), f0.sub.data())));
+    if (after < 0 && r == 0) m->res.warmup = k + 1, after = 0;
     if (after >= 0) ++after;
     usleep(useconds_t(o.paceMs) * 1000u);
   }
+}
+
+// Measured frame i through the system at camera pace: what it was drawn with, the policy's state
+// and the frame's scores (the trace line when asked).
+void measure_system_frame(Measure* m, int32_t i) {
+  const Options& o = *m->o;
+  std::vector<Frame>& frames = m->prep->frames;
+  Result& res = m->res;
+  Frame& f = frames[size_t(i)];
+  usleep(useconds_t(o.paceMs) * 1000u);
+  m->work = f.main;
+  tap_submit(i);
+  const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, f, m->work.data(), f.sub.data())));
+  f.draw = tap_last_draw();
+  const int32_t state = g_watch.state.load();
+  if (state >= 0 && state <= 5) res.b.stateFrames[state] += 1;
+  if (i > 0 && f.draw.mapHash != frames[size_t(i - 1)].draw.mapHash) res.b.mapChanges += 1;
+  if (o.trace) {
+    const std::vector<int32_t> ran = tap_take_engine_frames();
+    printf("  %s frame %d: region %d..%d x %d..%d, code %d, policy state %d, drawn from depth of frame %d;", m->q->name,
+           i, f.left, f.right, f.top, f.bottom, r, state, f.draw.depthFrame);
+    for (int32_t e : ran) printf(" engine ran on %d", e);
+    printf("\n");
+  }
+  if (r < 0) fprintf(stderr, "%s: renderer code 0x%x at frame %d\n", m->q->name, unsigned(-r), i);
+  res.rendered += r == 0 ? 1 : 0;
+  res.system.add(m->work.data(), f.oracle.data(), m->all);
+  res.systemBand.add(m->work.data(), f.oracle.data(), f.band);
+  res.sharp.add(f.main.data(), f.oracle.data(), m->all);
+  res.sharpBand.add(f.main.data(), f.oracle.data(), f.band);
+}
+
+// (a) The whole system through its five exported functions: the preview, then every measured
+// frame, with the engines' and the policy's counts over the measured frames. False when the
+// system refused the session.
+bool measure_system(Measure* m) {
+  const Options& o = *m->o;
+  Prepared* prep = m->prep;
+  tap_begin(&prep->lumaSmall, o.depthWidth, o.depthHeight);
+  if (o.chip)
+    for (int32_t i = 0; i < o.frames; ++i) tap_remember_depth(prep->frames[size_t(i)].engineDepth.data(), i);
+  g_watch.state.store(-1), g_watch.similar.store(0), g_watch.differing.store(0);
+  vm_host_log_set_hook(on_log_line, nullptr);
+  vm_host_property_set("persist.vm.log.ktrrt.sc", "2");  // trace lines, read at Init
+  if (vmKtrRT_SC_Init(init_data(o, prep->calib)) != 0) {
+    fprintf(stderr, "%s: vmKtrRT_SC_Init refused\n", m->q->name);
+    tap_end();
+    return false;
+  }
+  m->work.resize(m->n * 3 / 2);
+  measure_preview(m);
   const TapCounts before = tap_counts();
   const int32_t similarBefore = g_watch.similar.load(), differingBefore = g_watch.differing.load();
   tap_take_engine_frames();  // the preview's own runs are not traced
-  for (int32_t i = 0; i < o.frames; ++i) {
-    Frame& f = frames[size_t(i)];
-    usleep(useconds_t(o.paceMs) * 1000u);
-    work = f.main;
-    tap_submit(i);
-    const int32_t r = int32_t(vmKtrRT_SC_Run(trigger(o, f, work.data(), f.sub.data())));
-    f.draw = tap_last_draw();
-    const int32_t state = g_watch.state.load();
-    if (state >= 0 && state <= 5) res.b.stateFrames[state] += 1;
-    if (i > 0 && f.draw.mapHash != frames[size_t(i - 1)].draw.mapHash) res.b.mapChanges += 1;
-    if (o.trace) {
-      const std::vector<int32_t> ran = tap_take_engine_frames();
-      printf("  %s frame %d: region %d..%d x %d..%d, code %d, policy state %d, drawn from depth of frame %d;", q.name,
-             i, f.left, f.right, f.top, f.bottom, r, state, f.draw.depthFrame);
-      for (int32_t e : ran) printf(" engine ran on %d", e);
-      printf("\n");
-    }
-    if (r < 0) fprintf(stderr, "%s: renderer code 0x%x at frame %d\n", q.name, unsigned(-r), i);
-    res.rendered += r == 0 ? 1 : 0;
-    res.system.add(work.data(), f.oracle.data(), all);
-    res.systemBand.add(work.data(), f.oracle.data(), f.band);
-    res.sharp.add(f.main.data(), f.oracle.data(), all);
-    res.sharpBand.add(f.main.data(), f.oracle.data(), f.band);
-  }
+  for (int32_t i = 0; i < o.frames; ++i) measure_system_frame(m, i);
   const TapCounts after = tap_counts();
   vmKtrRT_SC_Deinit();
   tap_end();
   vm_host_log_set_hook(nullptr, nullptr);
   vm_host_property_set("persist.vm.log.ktrrt.sc", nullptr);
-  Breakdown& b = res.b;
+  Breakdown& b = m->res.b;
   b.heldSimilar = g_watch.similar.load() - similarBefore;
   b.differing = g_watch.differing.load() - differingBefore;
   b.engineRuns = after.engineRuns - before.engineRuns;
   b.mapsMade = after.mapsMade - before.mapsMade;
   b.filterRuns = after.filterRuns - before.filterRuns;
+  return true;
+}
 
-  // (b) The renderer alone, set up as the system sets it up, its generator fed true disparity and
-  // then each of the breakdown's inputs.
+using GenerateMap = decltype(&vmKtrRT_GenRefocusMap);
+
+// One frame of the renderer-alone replays: the frame, its focus point and the generator.
+struct AloneFrame {
+  Measure* m;
+  const Frame* f;
+  int32_t i;
+  int32_t px, py;  // the focus point in frame pixels
+  std::vector<uint8_t>* map;
+  GenerateMap generate;
+};
+
+// The renderer alone on the frame: its map generated from `depth` focused at (x, y) of the
+// depth grid, scored against the oracle; a null depth leaves the frame sharp, as the system
+// leaves a frame it has no map for.
+void alone_render(const AloneFrame& a, const uint16_t* depth, int32_t x, int32_t y, ErrorSum* whole, ErrorSum* band,
+                  uint16_t* target) {
+  Measure* m = a.m;
+  const Frame& f = *a.f;
+  const Options& o = *m->o;
+  uint16_t lo, hi, t = 0;
+  m->work = f.main;
+  if (depth != nullptr && (a.generate(a.map->data(), depth, x, y, &lo, &hi, &t) != 0 ||
+                           vmKtrRT_GLStartV1(m->work.data(), m->work.data() + m->n, a.map->data(), a.px, a.py,
+                                             o.fNumber, 0, f.left, f.top, f.right, f.bottom) != 0)) {
+    fprintf(stderr, "%s: a render of the renderer alone failed at frame %d\n", m->q->name, a.i);
+    m->res.ok = false;
+  }
+  whole->add(m->work.data(), f.oracle.data(), m->all);
+  band->add(m->work.data(), f.oracle.data(), f.band);
+  if (target != nullptr) *target = t;
+}
+
+// Frame i's rows of the breakdown: the renderer alone fed true depth, then what the system's map
+// was made of, true depth at the system's lag, the engine's depth in step and true depth one and
+// two frames old; with the lag, depth and focus errors of the drawn map.
+void alone_frame(Measure* m, int32_t i, std::vector<uint8_t>* map, GenerateMap generate) {
+  const Options& o = *m->o;
+  const std::vector<Frame>& frames = m->prep->frames;
+  const CalibBlock& cb = m->prep->cb;
+  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
+  Result& res = m->res;
+  Breakdown& b = res.b;
+  const Frame& f = frames[size_t(i)];
+  const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
+  // The system's own mapping of the focus point onto the depth grid (landscape session).
+  const int32_t dx = int32_t(int64_t(px) * Wd / W), dy = int32_t(int64_t(py) * Hd / H);
+  const AloneFrame a{m, &f, i, px, py, map, generate};
+  uint16_t truthTarget = 0;
+  alone_render(a, f.truthDepth.data(), dx, dy, &res.truth, &res.truthBand, &truthTarget);
+
+  const TapDraw& d = f.draw;
+  const bool drawn = !d.depth.empty();
+  if (drawn && d.depthFrame < 0) b.unknown += 1;
+  const bool traced = drawn && d.depthFrame >= 0 && d.depthFrame <= i;
+  if (traced) {
+    const int32_t lag = i - d.depthFrame;
+    b.lagSum += lag, b.lagFrames += 1, b.lagMin = std::min(b.lagMin, lag), b.lagMax = std::max(b.lagMax, lag);
+    depth_errors(d, frames[size_t(d.depthFrame)], cb.disparityScale, &b);
+  }
+  if (drawn) {
+    b.focusErr += fabs(double(d.target) - double(truthTarget)) / double(cb.disparityScale), b.focusN += 1;
+  }
+  alone_render(a, drawn ? d.depth.data() : nullptr, d.focusX, d.focusY, &b.replay, &b.replayBand, nullptr);
+  const Frame& src = traced ? frames[size_t(d.depthFrame)] : f;
+  alone_render(a, drawn ? src.truthDepth.data() : nullptr, d.focusX, d.focusY, &b.lagged, &b.laggedBand, nullptr);
+  alone_render(a, f.engineDepth.empty() ? nullptr : f.engineDepth.data(), dx, dy, &b.engine, &b.engineBand, nullptr);
+  // Before frame 0 the preview showed frame 0.
+  alone_render(a, frames[size_t(std::max(0, i - 1))].truthDepth.data(), dx, dy, &b.lag1, &b.lag1Band, nullptr);
+  alone_render(a, frames[size_t(std::max(0, i - 2))].truthDepth.data(), dx, dy, &b.lag2, &b.lag2Band, nullptr);
+}
+
+// (b) The renderer alone, set up as the system sets it up, its generator fed true disparity and
+// then each of the breakdown's inputs. False when the renderer refused its set-up.
+bool measure_renderer_alone(Measure* m) {
+  const Options& o = *m->o;
+  const std::vector<uint8_t>& calib = m->prep->calib;
+  const int32_t W = o.width, H = o.height, Wd = o.depthWidth, Hd = o.depthHeight;
+  // The renderer as the system sets it up: chip sessions make maps of the depth size.
+  const int32_t mapW = o.chip ? Wd : 320, mapH = o.chip ? Hd : 240;
   if (vmKtrRT_GLInitV1(calib.data(), int32_t(calib.size()), nullptr, 0, W, H, Wd, Hd, mapW, mapH, 1080, 2340, 0, 1, 0,
                        0) != 0 ||
       vmKtrRT_GenRefocusMap_init() != 0) {
-    fprintf(stderr, "%s: the renderer refused its set-up\n", q.name);
+    fprintf(stderr, "%s: the renderer refused its set-up\n", m->q->name);
     vmKtrRT_GLClose();
-    res.ok = false;
-    return res;
+    return false;
   }
   std::vector<uint8_t> map(size_t(mapW) * size_t(mapH));
-  const auto generate = o.chip ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase : vmKtrRT_GenRefocusMap;
-  for (int32_t i = 0; i < o.frames; ++i) {
-    Frame& f = frames[size_t(i)];
-    const int32_t px = f.left + ((f.right - f.left) >> 1), py = f.top + ((f.bottom - f.top) >> 1);
-    // The system's own mapping of the focus point onto the depth grid (landscape session).
-    const int32_t dx = int32_t(int64_t(px) * Wd / W), dy = int32_t(int64_t(py) * Hd / H);
-    // Renders frame i from `depth` focused at (x, y) of the depth grid; a null depth leaves the
-    // frame sharp, as the system leaves a frame it has no map for.
-    auto render = [&](const uint16_t* depth, int32_t x, int32_t y, ErrorSum* whole, ErrorSum* band, uint16_t* target) {
-      uint16_t lo, hi, t = 0;
-      work = f.main;
-      if (depth != nullptr && (generate(map.data(), depth, x, y, &lo, &hi, &t) != 0 ||
-                               vmKtrRT_GLStartV1(work.data(), work.data() + n, map.data(), px, py, o.fNumber, 0, f.left,
-                                                 f.top, f.right, f.bottom) != 0)) {
-        fprintf(stderr, "%s: a render of the renderer alone failed at frame %d\n", q.name, i);
-        res.ok = false;
-      }
-      whole->add(work.data(), f.oracle.data(), all);
-      band->add(work.data(), f.oracle.data(), f.band);
-      if (target != nullptr) *target = t;
-    };
-    uint16_t truthTarget = 0;
-    render(f.truthDepth.data(), dx, dy, &res.truth, &res.truthBand, &truthTarget);
-
-    const TapDraw& d = f.draw;
-    const bool drawn = !d.depth.empty();
-    if (drawn && d.depthFrame < 0) b.unknown += 1;
-    const bool traced = drawn && d.depthFrame >= 0 && d.depthFrame <= i;
-    if (traced) {
-      const int32_t lag = i - d.depthFrame;
-      b.lagSum += lag, b.lagFrames += 1, b.lagMin = std::min(b.lagMin, lag), b.lagMax = std::max(b.lagMax, lag);
-      depth_errors(d, frames[size_t(d.depthFrame)], cb.disparityScale, &b);
-    }
-    if (drawn) {
-      b.focusErr += fabs(double(d.target) - double(truthTarget)) / double(cb.disparityScale), b.focusN += 1;
-    }
-    render(drawn ? d.depth.data() : nullptr, d.focusX, d.focusY, &b.replay, &b.replayBand, nullptr);
-    const Frame& src = traced ? frames[size_t(d.depthFrame)] : f;
-    render(drawn ? src.truthDepth.data() : nullptr, d.focusX, d.focusY, &b.lagged, &b.laggedBand, nullptr);
-    render(f.engineDepth.empty() ? nullptr : f.engineDepth.data(), dx, dy, &b.engine, &b.engineBand, nullptr);
-    // Before frame 0 the preview showed frame 0.
-    render(frames[size_t(std::max(0, i - 1))].truthDepth.data(), dx, dy, &b.lag1, &b.lag1Band, nullptr);
-    render(frames[size_t(std::max(0, i - 2))].truthDepth.data(), dx, dy, &b.lag2, &b.lag2Band, nullptr);
-  }
+  const GenerateMap generate = o.chip ? vmKtrRT_GenRefocusMap_VX4810_DispartyBase : vmKtrRT_GenRefocusMap;
+  for (int32_t i = 0; i < o.frames; ++i) alone_frame(m, i, &map, generate);
   vmKtrRT_GenRefocusMap_Deinit();
   vmKtrRT_GLClose();
-  return res;
+  return true;
+}
+
+Result run_sequence(const Options& o, const Sequence& q, Prepared* prep) {
+  Measure m;
+  m.o = &o, m.q = &q, m.prep = prep;
+  m.n = size_t(o.width) * size_t(o.height);
+  if (o.chip && prep->frames[0].engineDepth.empty()) {
+    fprintf(stderr, "%s: no stereo depth for the chip's maps\n", q.name);
+    m.res.ok = false;
+    return m.res;
+  }
+  for (Frame& f : prep->frames) f.draw = TapDraw();
+  m.all.assign(m.n, 1);
+  if (!measure_system(&m) || !measure_renderer_alone(&m)) m.res.ok = false;
+  return m.res;
 }
 
 void usage(FILE* f) {
@@ -565,6 +646,51 @@ void print_breakdown(const Result& r) {
   if (b.focusN > 0) printf("  focus depth: mean |system - truth| %.3f px\n", b.focusErr / b.focusN);
 }
 
+// The run's settings and the table's head.
+void print_header(const Options& o) {
+  printf(
+      "main/sub %dx%d, depth %dx%d, %d frames, f/%.1f, oracle %dx%d lens samples, pace %d ms, settle %d, "
+      "temporal filter on chip depth %s\n",
+      o.width, o.height, o.depthWidth, o.depthHeight, o.frames, double(o.fNumber), o.lensSamples, o.lensSamples,
+      o.paceMs, o.settle, o.temporalFilter ? "on" : "off");
+  printf("luma PSNR against the depth-of-field oracle (dB); band: within %d px of a depth edge\n",
+         std::max(1, (16 * o.width + 1919) / 1920));
+  printf("%-14s %8s %8s %8s %8s %7s | %8s %8s %7s | %8s %8s\n", "sequence", "drawn", "warmup", "system", "gt-fed",
+         "gap", "sys band", "gt band", "gap", "sharp", "sh band");
+}
+
+// A measured sequence's row and breakdown, and its checks: false when one failed (said on stderr).
+bool report_sequence(const Options& o, const Sequence& q, const Result& r) {
+  bool pass = true;
+  const double gap = r.truth.psnr() - r.system.psnr(), bandGap = r.truthBand.psnr() - r.systemBand.psnr();
+  printf("%-14s %5d/%-2d %8d %8.2f %8.2f %7.2f | %8.2f %8.2f %7.2f | %8.2f %8.2f\n", q.name, r.rendered, o.frames,
+         r.warmup, r.system.psnr(), r.truth.psnr(), gap, r.systemBand.psnr(), r.truthBand.psnr(), bandGap,
+         r.sharp.psnr(), r.sharpBand.psnr());
+  print_breakdown(r);
+  if (r.rendered == 0) {
+    fprintf(stderr, "%s: the system drew no measured frame with a refocus map\n", q.name);
+    pass = false;
+  }
+  // The breakdown stands on the replay: fed what each drawn map was made of, the renderer alone
+  // must draw what the system drew.
+  const double replayOff = fabs(r.b.replay.psnr() - r.system.psnr());
+  if (r.b.unknown > 0 || replayOff > 0.05) {
+    fprintf(stderr, "%s: the replay of the system's maps is %.2f dB off (%d drawn maps not traced)\n", q.name,
+            replayOff, r.b.unknown);
+    pass = false;
+  }
+  if (o.maxGap >= 0 && gap > double(o.maxGap)) {
+    fprintf(stderr, "%s: system %.2f dB under the ground-truth render (bound %.2f)\n", q.name, gap, double(o.maxGap));
+    pass = false;
+  }
+  if (o.maxBandGap >= 0 && bandGap > double(o.maxBandGap)) {
+    fprintf(stderr, "%s: edge band %.2f dB under the ground-truth render (bound %.2f)\n", q.name, bandGap,
+            double(o.maxBandGap));
+    pass = false;
+  }
+  return pass;
+}
+
 int body(int argc, char** argv) {
   Options o;
   bool help = false;
@@ -576,15 +702,7 @@ int body(int argc, char** argv) {
   setenv("VM_HOST_LOG", "none", 0);
   const Sequence seqs[] = {
       {"still", SCENE_STILL, 0}, {"moving figure", SCENE_OBJECT, 0}, {"moving, chip", SCENE_OBJECT, 1}};
-  printf(
-      "main/sub %dx%d, depth %dx%d, %d frames, f/%.1f, oracle %dx%d lens samples, pace %d ms, settle %d, "
-      "temporal filter on chip depth %s\n",
-      o.width, o.height, o.depthWidth, o.depthHeight, o.frames, double(o.fNumber), o.lensSamples, o.lensSamples,
-      o.paceMs, o.settle, o.temporalFilter ? "on" : "off");
-  printf("luma PSNR against the depth-of-field oracle (dB); band: within %d px of a depth edge\n",
-         std::max(1, (16 * o.width + 1919) / 1920));
-  printf("%-14s %8s %8s %8s %8s %7s | %8s %8s %7s | %8s %8s\n", "sequence", "drawn", "warmup", "system", "gt-fed",
-         "gap", "sys band", "gt band", "gap", "sharp", "sh band");
+  print_header(o);
   bool pass = true;
   int32_t refused = 0, measured = 0;  // sequences the engines or the system would not run; run
   Prepared prep;
@@ -607,32 +725,7 @@ int body(int argc, char** argv) {
       continue;
     }
     ++measured;
-    const double gap = r.truth.psnr() - r.system.psnr(), bandGap = r.truthBand.psnr() - r.systemBand.psnr();
-    printf("%-14s %5d/%-2d %8d %8.2f %8.2f %7.2f | %8.2f %8.2f %7.2f | %8.2f %8.2f\n", q.name, r.rendered, o.frames,
-           r.warmup, r.system.psnr(), r.truth.psnr(), gap, r.systemBand.psnr(), r.truthBand.psnr(), bandGap,
-           r.sharp.psnr(), r.sharpBand.psnr());
-    print_breakdown(r);
-    if (r.rendered == 0) {
-      fprintf(stderr, "%s: the system drew no measured frame with a refocus map\n", q.name);
-      pass = false;
-    }
-    // The breakdown stands on the replay: fed what each drawn map was made of, the renderer alone
-    // must draw what the system drew.
-    const double replayOff = fabs(r.b.replay.psnr() - r.system.psnr());
-    if (r.b.unknown > 0 || replayOff > 0.05) {
-      fprintf(stderr, "%s: the replay of the system's maps is %.2f dB off (%d drawn maps not traced)\n", q.name,
-              replayOff, r.b.unknown);
-      pass = false;
-    }
-    if (o.maxGap >= 0 && gap > double(o.maxGap)) {
-      fprintf(stderr, "%s: system %.2f dB under the ground-truth render (bound %.2f)\n", q.name, gap, double(o.maxGap));
-      pass = false;
-    }
-    if (o.maxBandGap >= 0 && bandGap > double(o.maxBandGap)) {
-      fprintf(stderr, "%s: edge band %.2f dB under the ground-truth render (bound %.2f)\n", q.name, bandGap,
-              double(o.maxBandGap));
-      pass = false;
-    }
+    if (!report_sequence(o, q, r)) pass = false;
   }
   if (fflush(stdout) != 0 || ferror(stdout)) {
     fprintf(stderr, "vm_system_eval: could not write the table to standard output\n");
