@@ -14,6 +14,7 @@
 #include "host_outputs.h"
 #include "host_pool.h"
 #include "host_sources.h"
+#include "image_io.h"
 #include "synth_scene.h"
 
 namespace {
@@ -259,6 +260,33 @@ TEST(HostSheet, CellsStayBoundedWhateverThePreviewShape) {
     EXPECT_EQ(cw, c.cw) << c.w << "x" << c.h;
     EXPECT_EQ(ch, c.ch) << c.w << "x" << c.h;
   }
+}
+
+// Frames (fast levels) and the sheet (level 9) take different PNG encoders; both must read back
+// exactly, at odd sizes and with rows that differ (the frames' rows are stored as differences).
+TEST(HostOutputs, PicturesReadBackExactlyAtEveryLevel) {
+  const std::string dir = testing::TempDir() + "/host_png_" + std::to_string(getpid());
+  ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
+  for (const auto& size : std::vector<std::pair<int32_t, int32_t>>{{1, 1}, {3, 2}, {17, 5}, {64, 48}}) {
+    std::vector<uint8_t> rgb(static_cast<size_t>(size.first) * size.second * 3);
+    uint32_t state = 12345;
+    for (uint8_t& v : rgb) v = static_cast<uint8_t>((state = state * 1103515245u + 12345u) >> 24);
+    for (const int level : {1, 9}) {
+      std::string written, error;
+      const std::string path = dir + "/p" + std::to_string(size.first) + "_" + std::to_string(level) + ".png";
+      ASSERT_TRUE(host_write_rgb(path, rgb.data(), size.first, size.second, level, &written, &error)) << error;
+#ifdef VM_HAVE_PNG
+      Image8 back;
+      ASSERT_TRUE(image_read8(written, &back, &error)) << written << ": " << error;
+      EXPECT_EQ(back.width, size.first);
+      EXPECT_EQ(back.height, size.second);
+      ASSERT_EQ(back.channels, 3);
+      EXPECT_TRUE(back.data == rgb) << written;
+#endif
+      unlink(written.c_str());
+    }
+  }
+  rmdir(dir.c_str());
 }
 
 TEST(HostOutputs, FailedPictureWritesAreReportedAndLeaveNoPartialFile) {

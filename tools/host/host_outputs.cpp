@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cmath>
 #include <new>
+#include <vector>
 
 #include "host_sources.h"
 #include "tool_cli.h"
@@ -20,6 +21,9 @@
 #ifdef VM_HAVE_PNG
 #include <png.h>
 #include <zlib.h>
+#endif
+#ifdef VM_HAVE_LIBDEFLATE
+#include <libdeflate.h>
 #endif
 
 namespace {
@@ -71,6 +75,77 @@ bool writePng(FILE* f, const uint8_t* rgb, int32_t width, int32_t height, int co
 }
 #endif
 
+#ifdef VM_HAVE_LIBDEFLATE
+// The frames' fast path: every row "up"-filtered into one block, deflated in one call (about
+// twice zlib's speed at level 1 with run-length matching, and a little smaller), written as
+// signature, IHDR, one IDAT and IEND. Output is a plain 8-bit RGB PNG like libpng's.
+void putBe32(uint8_t* p, uint32_t v) {
+  p[0] = static_cast<uint8_t>(v >> 24);
+  p[1] = static_cast<uint8_t>(v >> 16);
+  p[2] = static_cast<uint8_t>(v >> 8);
+  p[3] = static_cast<uint8_t>(v);
+}
+
+bool writeChunk(FILE* f, const char* type, const uint8_t* data, size_t size) {
+  uint8_t head[8], tail[4];
+  putBe32(head, static_cast<uint32_t>(size));
+  memcpy(head + 4, type, 4);
+  uint32_t crc = libdeflate_crc32(0, head + 4, 4);
+  crc = libdeflate_crc32(crc, data, size);
+  putBe32(tail, crc);
+  return fwrite(head, 1, 8, f) == 8 && (size == 0 || fwrite(data, 1, size, f) == size) && fwrite(tail, 1, 4, f) == 4;
+}
+
+bool writePngFast(FILE* f, const uint8_t* rgb, int32_t width, int32_t height, std::string* error) {
+  if (width <= 0 || height <= 0) {
+    *error = "a PNG needs at least one pixel";
+    return false;
+  }
+  const size_t row = static_cast<size_t>(width) * 3, rows = static_cast<size_t>(height);
+  std::vector<uint8_t> filtered(rows * (row + 1));
+  for (size_t y = 0; y < rows; ++y) {
+    uint8_t* out = &filtered[y * (row + 1)];
+    const uint8_t* line = rgb + y * row;
+    out[0] = 2;  // up; the first row's "up" is the row itself
+    if (y == 0) {
+      memcpy(out + 1, line, row);
+    } else {
+      const uint8_t* above = line - row;
+      for (size_t i = 0; i < row; ++i) out[1 + i] = static_cast<uint8_t>(line[i] - above[i]);
+    }
+  }
+  libdeflate_compressor* c = libdeflate_alloc_compressor(1);
+  if (c == nullptr) {
+    *error = "out of memory for the PNG compressor";
+    return false;
+  }
+  std::vector<uint8_t> packed(libdeflate_zlib_compress_bound(c, filtered.size()));
+  const size_t packedSize = libdeflate_zlib_compress(c, filtered.data(), filtered.size(), packed.data(), packed.size());
+  libdeflate_free_compressor(c);
+  // A PNG chunk holds less than 2^31 bytes; the frame sizes the runner accepts stay far below.
+  if (packedSize == 0 || packedSize >= 0x7fffffffu) {
+    *error = "the picture does not fit one PNG data chunk";
+    return false;
+  }
+  static const uint8_t kSignature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+  uint8_t ihdr[13];
+  putBe32(ihdr, static_cast<uint32_t>(width));
+  putBe32(ihdr + 4, static_cast<uint32_t>(height));
+  ihdr[8] = 8;   // bits per sample
+  ihdr[9] = 2;   // RGB
+  ihdr[10] = 0;  // deflate
+  ihdr[11] = 0;  // adaptive filtering
+  ihdr[12] = 0;  // not interlaced
+  errno = 0;
+  if (fwrite(kSignature, 1, 8, f) != 8 || !writeChunk(f, "IHDR", ihdr, sizeof ihdr) ||
+      !writeChunk(f, "IDAT", packed.data(), packedSize) || !writeChunk(f, "IEND", nullptr, 0)) {
+    *error = std::string("write failed: ") + strerror(errno != 0 ? errno : EIO);
+    return false;
+  }
+  return true;
+}
+#endif
+
 }  // namespace
 
 bool host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height, int compression,
@@ -87,11 +162,22 @@ bool host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t widt
     return false;
   }
 #ifdef VM_HAVE_PNG
-  PngFailure failure;
-  errno = 0;
-  if (!writePng(f, rgb, width, height, compression, &failure)) {
-    *error = failure.message.empty() ? "the PNG writer could not start" : failure.message;
-    if (failure.savedErrno != 0) *error += std::string(": ") + strerror(failure.savedErrno);
+  bool encoded = false;
+#ifdef VM_HAVE_LIBDEFLATE
+  if (compression <= 3) {
+    encoded = writePngFast(f, rgb, width, height, error);
+  } else
+#endif
+  {
+    PngFailure failure;
+    errno = 0;
+    encoded = writePng(f, rgb, width, height, compression, &failure);
+    if (!encoded) {
+      *error = failure.message.empty() ? "the PNG writer could not start" : failure.message;
+      if (failure.savedErrno != 0) *error += std::string(": ") + strerror(failure.savedErrno);
+    }
+  }
+  if (!encoded) {
     fclose(f);
     removePartial(path);
     return false;
