@@ -10,7 +10,8 @@
 #include <vector>
 
 // RGB 8-bit interleaved. PNG when built with libpng, else a PPM next to the asked name.
-// compression: zlib level 0..9 (frames are many and large: 1, with one filter; a single sheet: 9).
+// compression: deflate level 0..9 (frames are many and large: 1, with one filter, through
+// libdeflate up to level 3 when the build has it; a single sheet: 9).
 // true with the path written in *written; false with the reason in *error (a full disk, a
 // folder in the way), and no file is left half written under the name.
 bool host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height, int compression,
