@@ -15,12 +15,12 @@ build:
 test: build
 	ctest --preset $(PRESET) -j $(JOBS)
 
-# Every benchmark program, briefly and one at a time, then the speed table (each figure beside
+# Every benchmark program, briefly and one at a time, and make demo's run, then the speed table (each figure beside
 # memcpy of the same bytes and its target); fails when any fails (bench/run.sh).
 # VMKTR_BENCH_REPETITIONS=N runs each case N times and the table takes the medians.
 bench:
 	cmake --preset $(PRESET)
-	cmake --build --preset $(PRESET) -j $(JOBS) --target vmktr_benchmarks || \
+	cmake --build --preset $(PRESET) -j $(JOBS) --target vmktr_benchmarks vmktr_host || \
 	  { echo "make bench: the benchmarks could not be built (they need libbenchmark-dev)"; exit 1; }
 	bash bench/run.sh build/$(PRESET)
 

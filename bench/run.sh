@@ -7,8 +7,10 @@
 # and its GL cases report that they had no display.
 # Exit status 1 when a program is missing, exits non-zero or a case reports an error other than
 # a missing display or a missing optional input; the summary names them.
-# At the end it prints the speed table (bench/table.py): each figure of the measures beside
-# memcpy of the same bytes from the same run, and its target.
+# Then the host runner makes the demo's run (60 frames at 1080p into a scratch folder) and its
+# frames per second of wall time go into the table too.
+# At the end it prints the speed table (bench/table.py): each figure beside memcpy of the same
+# bytes from the same run, and its target.
 # Usage: bench/run.sh [build folder, default build/default]
 # VMKTR_BENCH_MIN_TIME: seconds per case (default 0.2).
 # VMKTR_BENCH_REPETITIONS: runs of each case (default 1); the table takes their medians.
@@ -81,6 +83,29 @@ while IFS= read -r program; do
 done <"$list"
 
 echo "=== $ran benchmark programs ran"
+host=$build/tools/host/vmktr_host
+if [[ -x $host ]]; then
+  echo "=== vmktr_host: make demo's run"
+  demo_dir=$(mktemp -d) || { echo "bench/run.sh: cannot make a scratch folder" >&2; exit 1; }
+  demo_log=$demo_dir/summary.txt
+  VM_HOST_LOG=none "$host" --out "$demo_dir/out" --frames 60 --no-progress >"$demo_log" 2>&1
+  status=$?
+  if ((status == 0)); then
+    fps=$(sed -n 's/.* s of wall time (\([0-9.]*\) frames\/s.*/\1/p' "$demo_log" | head -n 1)
+    grep 'wall time' "$demo_log"
+    if [[ -n $fps ]]; then
+      echo "$fps" >"$json_dir/host_demo.txt"
+    else
+      failed+=("vmktr_host (no timing line)")
+    fi
+  else
+    cat "$demo_log"
+    failed+=("vmktr_host (exit $status)")
+  fi
+  rm -rf "$demo_dir"
+else
+  failed+=("vmktr_host (not built)")
+fi
 echo "=== speed table (median real time of each case; ratios to memcpy of the same bytes, same run)"
 python3 bench/table.py "$json_dir" || failed+=("bench/table.py")
 ((ran > 0)) || failed+=("no benchmark program listed in $list")
