@@ -95,4 +95,9 @@ int32_t scene_render_dof_nv21(const SceneSpec* desc, int32_t frame, int32_t widt
 // Converts interleaved RGB to NV21 (BT.601 full range, chroma averaged over 2x2); sizes even.
 void scene_rgb_to_nv21(const uint8_t* rgb, int32_t width, int32_t height, uint8_t* nv21);
 
+// The texture noise at (x, y, z) with a seed: the plain one-point reference, and the four-point
+// path the renderer uses (x, y, z, seed and out hold four each). Equal bit for bit.
+float scene_value_noise(float x, float y, float z, uint32_t seed);
+void scene_value_noise4(const float* x, const float* y, const float* z, const uint32_t* seed, float* out);
+
 #endif  // VM_SYNTH_SCENE_H
