@@ -29,7 +29,7 @@ ROWS = [
 ]
 
 # The host runner's wall clock on make demo's run, written by bench/run.sh as the frames per
-# second of the runner's timing report (one number in host_demo.txt).
+# second of the whole run from the runner's timing report (one number in host_demo.txt).
 DEMO_ROW = ("make demo's run: 60 frames at 1080p, wall clock", "host_demo.txt", 20.0)
 
 UNIT_NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}

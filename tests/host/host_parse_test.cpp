@@ -262,8 +262,26 @@ TEST(HostSheet, CellsStayBoundedWhateverThePreviewShape) {
   }
 }
 
-// Frames (fast levels) and the sheet (level 9) take different PNG encoders; both must read back
-// exactly, at odd sizes and with rows that differ (the frames' rows are stored as differences).
+// The summary's rates: frames over the frames' wall time and over the whole run, which is left out
+// until it has been measured.
+TEST(HostOutputs, TimingSummaryCountsFramesOverEachClock) {
+  TimingReport r;
+  r.runMs.assign(60, 10.0);
+  r.depthMs.assign(15, 5.0);
+  r.wallSeconds = 2.5;
+  std::string s = host_timing_summary(r);
+  EXPECT_NE(s.find("frames 60 in 2.50 s of wall time (24.0 frames/s"), std::string::npos) << s;
+  EXPECT_NE(s.find("caller thread sustains 100.0 frames/s; depth refreshed 6.0 times/s"), std::string::npos) << s;
+  EXPECT_EQ(s.find("whole run"), std::string::npos) << s;
+  r.wholeSeconds = 3.0;
+  s = host_timing_summary(r);
+  EXPECT_NE(s.find("whole run 3.00 s with set-up, the session's end, sheet and video (20.0 frames/s)"),
+            std::string::npos)
+      << s;
+}
+
+// Pictures must read back exactly at the frames' level and the sheet's, at odd sizes and with
+// rows that differ (rows are stored as differences from the row above).
 TEST(HostOutputs, PicturesReadBackExactlyAtEveryLevel) {
   const std::string dir = testing::TempDir() + "/host_png_" + std::to_string(getpid());
   ASSERT_EQ(mkdir(dir.c_str(), 0755), 0);
@@ -271,7 +289,7 @@ TEST(HostOutputs, PicturesReadBackExactlyAtEveryLevel) {
     std::vector<uint8_t> rgb(static_cast<size_t>(size.first) * size.second * 3);
     uint32_t state = 12345;
     for (uint8_t& v : rgb) v = static_cast<uint8_t>((state = state * 1103515245u + 12345u) >> 24);
-    for (const int level : {1, 9}) {
+    for (const int level : {1, 6, 9}) {
       std::string written, error;
       const std::string path = dir + "/p" + std::to_string(size.first) + "_" + std::to_string(level) + ".png";
       ASSERT_TRUE(host_write_rgb(path, rgb.data(), size.first, size.second, level, &written, &error)) << error;

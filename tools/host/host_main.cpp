@@ -235,6 +235,7 @@ bool closeLog(ToolReport* report, const std::string& path) {
 // Everything one run holds from its set-up through its frames to its outputs. Lives in
 // hostMain's frame: the log hook and the library's threads hold addresses into it.
 struct HostRun {
+  int64_t startUs = nowUs();  // the whole run's clock: set-up, frames and the last outputs
   HostConfig config;
   std::string error;  // the latest failure's reason, one string for the whole run
   ToolReport report;
@@ -739,6 +740,7 @@ int hostOutputs(HostRun* r) {
   if (r->config.sheet && !r->sheet.empty() &&
       !host_write_contact_sheet(out + "/contact_sheet.png", r->sheet, &sheetPath, &error))
     report.write_failed(out + "/contact_sheet.png", error);
+  r->timing.wholeSeconds = (nowUs() - r->startUs) / 1e6;
   const bool timingWritten = host_write_timing_text(out + "/timing.txt", r->timing, &error);
   if (!timingWritten) report.write_failed(out + "/timing.txt", error);
   const bool traceWritten = host_write_trace(out + "/trace.json", r->timing, &error);

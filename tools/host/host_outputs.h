@@ -10,8 +10,8 @@
 #include <vector>
 
 // RGB 8-bit interleaved. PNG when built with libpng, else a PPM next to the asked name.
-// compression: deflate level 0..9 (frames are many and large: 1, with one filter, through
-// libdeflate up to level 3 when the build has it; a single sheet: 9).
+// compression: deflate level 0..9 (frames are many and large: 1; the sheet: 6), through
+// libdeflate with the "up" filter when the build has it, else libpng.
 // true with the path written in *written; false with the reason in *error (a full disk, a
 // folder in the way), and no file is left half written under the name.
 bool host_write_rgb(const std::string& pngPath, const uint8_t* rgb, int32_t width, int32_t height, int compression,
@@ -71,7 +71,8 @@ struct TimingReport {
   std::vector<double> runMs;      // per frame, the caller's thread
   std::vector<double> depthMs;    // per depth map, as the library's cost lines report it
   std::vector<double> refocusMs;  // per refocus map
-  double wallSeconds = 0;
+  double wallSeconds = 0;         // from the first frame drawn to the last frame's outputs
+  double wholeSeconds = 0;        // the whole run: set-up, frames, the session's end, sheet and video
   std::vector<TraceEvent> events;
   std::vector<std::pair<int32_t, std::string>> threadNames;
 };
