@@ -89,16 +89,16 @@ void composeText(SessionContext* ctx, int32_t display, int32_t info) {
     pthread_mutex_unlock(&ctx->bokeh.statsMutex);
     appendLine(block, line);
   }
-  if ((info & 0x2) != 0) {
+  if ((info & kInfoLens) != 0) {
     snprintf(line, sizeof line, "VCM[%5d:%5d] FR(%4d,%4d)-(%4d,%4d)", ctx->vcmMain.load(), ctx->vcmSub.load(),
              ctx->regionLeft, ctx->regionTop, ctx->regionRight, ctx->regionBottom);
     appendLine(block, line);
   }
-  if ((info & 0x4) != 0) {
+  if ((info & kInfoScene) != 0) {
     snprintf(line, sizeof line, "Scene[%2d] Status[%d]", ctx->policy.sceneValue, ctx->policyState.load());
     appendLine(block, line);
   }
-  if ((info & 0x1) != 0) {
+  if ((info & kInfoVersions) != 0) {
     snprintf(line, sizeof line, "SC[%s] LV[%s] GL[%s]", ctx->versionText, ctx->depthEngineVersion,
              ctx->rendererVersion);
     appendLine(block, line);
@@ -200,7 +200,7 @@ void bokeh_manager_debug_display(SessionContext* ctx, DebugHolds* holds) {
           setEntry(nextEntry(ctx, &used), b->textPicture, w, h, mw - 2 * w, mh - 2 * h, 2 * w, 2 * h);
         }
       }
-      if ((info & 0x8) != 0) sampleLabels(ctx, &used, holds);
+      if ((info & kInfoSampleLabels) != 0) sampleLabels(ctx, &used, holds);
     }
     if (used > 0) vmKtrRT_GLSetDebugPicture(b->table);
   }

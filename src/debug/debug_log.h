@@ -42,6 +42,12 @@ constexpr int32_t kDisplayRefocusMap = 0x80;   // the refocus map
 constexpr int32_t kDisplayStatistics = 0x100;  // the depth histogram and its figures
 constexpr int32_t kDisplayBothMaps = kDisplayDepthMap | kDisplayRefocusMap;
 
+// statusInfo bits: which lines the status text block holds, and the sample labels.
+constexpr int32_t kInfoVersions = 0x1;      // the library's, depth engine's and renderer's versions
+constexpr int32_t kInfoLens = 0x2;          // lens positions and the focus region
+constexpr int32_t kInfoScene = 0x4;         // the scene value and the policy state
+constexpr int32_t kInfoSampleLabels = 0x8;  // depth / map samples labelled at five points
+
 // Overlay mode: the overlay bit with at most one of the two maps, which is then drawn opaque
 // over the whole frame; with both maps the pictures stay small thumbnails.
 inline bool debug_display_overlay(int32_t display) {
