@@ -156,8 +156,9 @@ void bokeh_disc_table(DiscTable* t) {
 namespace {
 
 // Background gather weights: sharp samples and the foreground weigh nothing (no bleeding of the
-// subject), and the highlight gain comes from the cell's brightest pixel so that small lights
-// do not average away.
+// subject), slightly blurred samples little (a gather of a larger radius would spread them beyond
+// their own reach), and the highlight gain comes from the cell's brightest pixel so that small
+// lights do not average away.
 void background_weights(RenderWork* work, bool anyNear, float radiusPerLevel) {
   const size_t plane = static_cast<size_t>(work->gridWidth) * work->gridHeight;
   uint32_t highlight[256];
@@ -167,7 +168,7 @@ void background_weights(RenderWork* work, bool anyNear, float radiusPerLevel) {
   }
   for (size_t i = 0; i < plane; ++i) {
     const float lowestRadius = work->lowestLevel[i] * radiusPerLevel;
-    const float cover = clampf((lowestRadius - 0.25f) / 0.75f, 0.0f, 1.0f);
+    const float cover = clampf((lowestRadius - 0.25f) / kCoverRampCells, 0.0f, 1.0f);
     const bool isNear = anyNear && work->nearRadius[i] > 0.0f;
     const uint32_t w = isNear ? 0 : static_cast<uint32_t>(cover * kCoverScale + 0.5f);
     work->weight[i] = w * highlight[work->peak[i]];
