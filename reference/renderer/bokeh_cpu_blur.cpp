@@ -156,8 +156,9 @@ void bokeh_disc_table(DiscTable* t) {
 namespace {
 
 // Background gather weights: sharp samples and the foreground weigh nothing (no bleeding of the
-// subject), and the highlight gain comes from the cell's brightest pixel so that small lights
-// do not average away.
+// subject), slightly blurred samples little (a gather of a larger radius would spread them beyond
+// their own reach), and the highlight gain comes from the cell's brightest pixel so that small
+// lights do not average away.
 void background_weights(RenderWork* work, bool anyNear, float radiusPerLevel) {
   const size_t plane = static_cast<size_t>(work->gridWidth) * work->gridHeight;
   uint32_t highlight[256];
@@ -167,7 +168,7 @@ void background_weights(RenderWork* work, bool anyNear, float radiusPerLevel) {
   }
   for (size_t i = 0; i < plane; ++i) {
     const float lowestRadius = work->lowestLevel[i] * radiusPerLevel;
-    const float cover = clampf((lowestRadius - 0.25f) / 0.75f, 0.0f, 1.0f);
+    const float cover = clampf((lowestRadius - 0.25f) / kCoverRampCells, 0.0f, 1.0f);
     const bool isNear = anyNear && work->nearRadius[i] > 0.0f;
     const uint32_t w = isNear ? 0 : static_cast<uint32_t>(cover * kCoverScale + 0.5f);
     work->weight[i] = w * highlight[work->peak[i]];
@@ -269,8 +270,11 @@ void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelC
         f[0] = f[1] = f[2] = f[3] = 0.0f;
         continue;
       }
-      // Colour premultiplied by alpha, ready to lay over the background.
-      const float alpha = clampf(d.w / kCoverScale * 1.5f, 0.0f, 1.0f);
+      // Colour premultiplied by alpha, ready to lay over the background. Alpha is the covered
+      // share of the disc as it is: boosted, the near object's blur covered the in-focus subject
+      // and the background behind it more than a lens does (1.5 x lost 2 to 4 dB by near edges
+      // against the light-field refocus).
+      const float alpha = clampf(d.w / kCoverScale, 0.0f, 1.0f);
       const float scale = alpha / d.w;
       f[0] = d.y * scale, f[1] = d.u * scale, f[2] = d.v * scale, f[3] = alpha;
     }

@@ -30,8 +30,9 @@ void grid_luma_columns(const uint8_t* luma, int32_t width, int32_t y0, int32_t r
   }
 }
 
-// One grid row of the map at map row position my: blur radius (bilinear), the least of the four
-// map samples around, and the near samples' own radius.
+// One grid row of the map at map row position my: blur radius (bilinear, or the nearest sample
+// across a depth edge), the least of the four map samples around, and the near samples' own
+// radius.
 void grid_radius_row(RenderWork* work, int32_t gy, const uint8_t* map, const uint8_t* nearMask, int32_t mapWidth,
                      int32_t mapHeight, float my, float radiusPerLevel, GridFindings* found) {
   const int32_t gw = work->gridWidth;
@@ -43,17 +44,26 @@ void grid_radius_row(RenderWork* work, int32_t gy, const uint8_t* map, const uin
     const float mx = work->mapColumn[gx];
     const int32_t mx0 = static_cast<int32_t>(mx), mx1 = mx0 + 1 < mapWidth ? mx0 + 1 : mx0;
     const float fmx = mx - mx0;
-    const float top = mapRow0[mx0] + fmx * (mapRow0[mx1] - mapRow0[mx0]);
-    const float bottom = mapRow1[mx0] + fmx * (mapRow1[mx1] - mapRow1[mx0]);
-    float c = (top + fmy * (bottom - top)) * radiusPerLevel;
+    const uint8_t m00 = mapRow0[mx0], m01 = mapRow0[mx1], m10 = mapRow1[mx0], m11 = mapRow1[mx1];
+    uint8_t lowest = m00 < m01 ? m00 : m01, highest = m00 > m01 ? m00 : m01;
+    lowest = m10 < lowest ? m10 : lowest, highest = m10 > highest ? m10 : highest;
+    lowest = m11 < lowest ? m11 : lowest, highest = m11 > highest ? m11 : highest;
+    float level;
+    if ((highest - lowest) * radiusPerLevel > kGuideMinStep) {
+      // A depth edge of the map: the nearest sample, not a mix. A mixed radius is wrong on both
+      // sides (an in-focus sample by the background would take half its blur), and the
+      // composite's edge guide can only choose among the radii it is given.
+      level = fmy < 0.5f ? (fmx < 0.5f ? m00 : m01) : (fmx < 0.5f ? m10 : m11);
+    } else {
+      const float top = m00 + fmx * (m01 - m00), bottom = m10 + fmx * (m11 - m10);
+      level = top + fmy * (bottom - top);
+    }
+    float c = level * radiusPerLevel;
     c = c > kMaxGridRadius ? kMaxGridRadius : c;
     const size_t i = static_cast<size_t>(gy) * gw + gx;
     work->coc[i] = c;
     // The gather weight trusts a sample as blurred only when all four map samples around it
     // are: samples by the subject's edge must not carry its colour into the background.
-    uint8_t lowest = mapRow0[mx0] < mapRow0[mx1] ? mapRow0[mx0] : mapRow0[mx1];
-    lowest = mapRow1[mx0] < lowest ? mapRow1[mx0] : lowest;
-    lowest = mapRow1[mx1] < lowest ? mapRow1[mx1] : lowest;
     work->lowestLevel[i] = lowest;
     found->anyBlur = found->anyBlur || c > 0.0f;
     if (nearMask) {

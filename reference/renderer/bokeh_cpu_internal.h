@@ -12,6 +12,10 @@ constexpr float kMaxGridRadius = 24.0f;
 // Background weights and highlight gain: a sample weighs kCoverScale when fully blurred, times
 // the highlight gain (16 = 1x .. 144 = 9x) of its luma.
 constexpr uint32_t kCoverScale = 32;
+// A background sample's weight grows with its own blur radius from 0.25 cells and is full
+// kCoverRampCells later: a gather weighs the samples that reach it over those that do not (a
+// ramp of 0.75 cells let the rims of slightly blurred objects glow into far backgrounds).
+constexpr float kCoverRampCells = 3.0f;
 constexpr float kHighlightStart = 200.0f;
 constexpr float kHighlightGain = 8.0f;
 // Range of the edge guide (luma levels) and the blend ramp of the radius between the pixel and
