@@ -119,7 +119,7 @@ void render_scaled(RenderWork* work, uint8_t* luma, uint8_t* chroma, int32_t wid
   if (!found.anyBlur) return;  // nothing to blur: the frame stays as it is
   DiscLevelCache cache{-1.0f, DiscLevel{0, 0.0f}};
   bokeh_background_layer(work, found.anyNear, radiusPerLevel, discs, &cache);
-  if (found.anyNear) bokeh_foreground_layer(work, discs, &cache);
+  if (found.anyNear) bokeh_foreground_layer(work, discs);
   bokeh_composite<S>(work, luma, ca, width, height, found.anyNear);
 }
 

@@ -243,7 +243,7 @@ void bokeh_background_layer(RenderWork* work, bool anyNear, float radiusPerLevel
   }
 }
 
-void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelCache* cache) {
+void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs) {
   const int32_t gw = work->gridWidth, gh = work->gridHeight;
   const bool plain = work->plainOnly != 0;
   float* front = work->front;
@@ -251,6 +251,9 @@ void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelC
   render_near_dilate(work->nearRadius, gw, gh, work->dilateScratch, work->nearDilated, work->plainOnly != 0);
   foreground_weights(work);
   build_sat(work->sat, work->weight, work->colour, gw, gh);
+  // A cache of its own: the background maps a radius to a smaller gather disc (the grid's own
+  // blur taken out), and near and far samples equally far from the focus plane share a radius.
+  DiscLevelCache cache{-1.0f, DiscLevel{0, 0.0f}};
   for (int32_t gy = 0; gy < gh; ++gy) {
     for (int32_t gx = 0; gx < gw; ++gx) {
       const size_t i = static_cast<size_t>(gy) * gw + gx;
@@ -259,13 +262,11 @@ void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelC
         f[0] = f[1] = f[2] = f[3] = 0.0f;
         continue;
       }
-      // The cache keys on the radius alone: an entry left by the background layer is taken as
-      // it is when the first dilated radius equals it.
-      if (dil[i] != cache->radius) {
-        cache->radius = dil[i];
-        cache->level = disc_level(dil[i], discs);
+      if (dil[i] != cache.radius) {
+        cache.radius = dil[i];
+        cache.level = disc_level(dil[i], discs);
       }
-      const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, cache->level, discs, plain);
+      const DiscSums d = disc_sums_frac(work->sat, gw, gh, gx, gy, cache.level, discs, plain);
       if (d.w <= 0.0f) {
         f[0] = f[1] = f[2] = f[3] = 0.0f;
         continue;

@@ -61,8 +61,7 @@ struct DiscLevel {
   float f;  // 0: level n alone, 1: level n + 1 alone, between: the mixture
 };
 // The last radius whose disc level was looked up, and that level: neighbours mostly share their
-// radius. One cache serves both layers of a frame, the foreground starting where the background
-// left it.
+// radius. Each layer keeps its own (they map a radius to different discs).
 struct DiscLevelCache {
   float radius;
   DiscLevel level;
@@ -87,7 +86,7 @@ void bokeh_background_layer(RenderWork* work, bool anyNear, float radiusPerLevel
                             DiscLevelCache* cache);
 // Stage 3: the foreground layer (front: premultiplied Y, U, V and alpha) of the near samples,
 // spread over their neighbourhood by their own radius.
-void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs, DiscLevelCache* cache);
+void bokeh_foreground_layer(RenderWork* work, const DiscTable& discs);
 // Stage 4: the full-resolution composite of both layers over the frame, in place.
 template <int32_t S>
 void bokeh_composite(RenderWork* work, uint8_t* luma, const ChromaAccess& ca, int32_t width, int32_t height,

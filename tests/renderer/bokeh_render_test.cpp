@@ -1,8 +1,10 @@
 // The CPU renderer: untouched frames, blur where the map says, no bleeding of the sharp subject,
 // highlights that bloom into discs, foreground spreading over the subject, chroma layouts.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
+#include "bokeh_cpu_internal.h"
 #include "renderer_test_util.h"
 
 namespace {
@@ -219,6 +221,37 @@ TEST(RenderVectorKernels, EqualToThePlainPathWithAForeground) {
     g_renderer.work.plainOnly = 0;
     vmKtrRT_GLClose();
   }
+}
+
+// Near and far samples the same distance from the focus plane get the same radius; the near layer
+// must still use its own disc for it, not the one the far layer last looked up for that radius.
+TEST(RenderLayers, ForegroundDiscDoesNotDependOnTheBackgroundLayer) {
+  constexpr int32_t w = 320, h = 240, mw = 80, mh = 60;
+  ASSERT_EQ(RGL_OK, vmKtrRT_GLInitV1(nullptr, 0, nullptr, 0, w, h, mw, mh, mw, mh, w, h, 0, 0, 0, 0));
+  ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+  std::vector<uint16_t> depth(mw * mh, 540);  // far, 60 below the focus plane
+  for (int32_t y = 20; y < 40; ++y)
+    for (int32_t x = 30; x < 50; ++x) depth[y * mw + x] = 600;  // the subject in focus
+  for (int32_t y = 44; y < mh; ++y)
+    for (int32_t x = 0; x < 24; ++x) depth[y * mw + x] = 660;  // near, 60 above it
+  std::vector<uint8_t> map(mw * mh);
+  uint16_t lo, hi, target;
+  ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), 40, 30, &lo, &hi, &target));
+  ASSERT_EQ(map[0], map[(mh - 1) * mw]);  // both sides of the focus plane at one radius
+  Frame f = make_textured(w, h, 8);
+  ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(f.luma(), f.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
+  RenderWork& work = g_renderer.work;
+  const size_t n = static_cast<size_t>(work.gridWidth) * work.gridHeight * 4;
+  const std::vector<float> rendered(work.front, work.front + n);
+  // The same layer made on its own, from the same grid.
+  DiscTable discs;
+  bokeh_disc_table(&discs);
+  bokeh_foreground_layer(&work, discs);
+  float alpha = 0.0f;
+  for (size_t i = 0; i < n; i += 4) alpha = work.front[i + 3] > alpha ? work.front[i + 3] : alpha;
+  EXPECT_GT(alpha, 0.5f);
+  EXPECT_TRUE(std::equal(rendered.begin(), rendered.end(), work.front));
+  vmKtrRT_GLClose();
 }
 
 // The foreground spread: the fast code (row scatter, 4-lane column pass) gives exactly the
