@@ -4,7 +4,7 @@
 PRESET ?= default
 JOBS ?= $(shell nproc)
 
-.PHONY: all build test demo bench format clean
+.PHONY: all build test demo bench bench-deps format clean
 
 all: build
 
@@ -23,6 +23,10 @@ bench:
 	cmake --build --preset $(PRESET) -j $(JOBS) --target vmktr_benchmarks vmktr_host || \
 	  { echo "make bench: the benchmarks could not be built (they need libbenchmark-dev)"; exit 1; }
 	bash bench/run.sh build/$(PRESET)
+
+# What the benchmarks compare against (OpenCV's StereoSGBM), from Debian: bench/packages.txt.
+bench-deps:
+	bash bench/install_packages.sh
 
 DEMO_OUT ?= demo-out
 DEMO_FRAMES ?= 60

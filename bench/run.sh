@@ -106,7 +106,7 @@ if [[ -x $host ]]; then
 else
   failed+=("vmktr_host (not built)")
 fi
-echo "=== speed table (median real time of each case; ratios to memcpy of the same bytes, same run)"
+echo "=== speed table (median real time of each case; ratios to memcpy of the same bytes, or to the peer named, same run)"
 python3 bench/table.py "$json_dir" || failed+=("bench/table.py")
 ((ran > 0)) || failed+=("no benchmark program listed in $list")
 if ((${#skipped[@]})); then
