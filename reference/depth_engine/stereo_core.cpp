@@ -135,12 +135,12 @@ void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, c
     if (dl[x] == STEREO_INVALID) continue;
     int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
     int32_t xr = x - p.minDisparity - d;
-    // Outside the sub view, or the right view disagrees: filled from neighbours later. A match
-    // left of the sub view is no occlusion: the sub camera never saw that part of the scene.
-    if (xr < 0) {
-      dl[x] = STEREO_INVALID;
-      kind[x] = 3;
-    } else if (xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1) {
+    // The right view disagrees or the match is right of it: filled from neighbours later. A
+    // match left of the sub view stays: the sub camera never saw that strip, so there is no
+    // check to make, and the aggregation (the right-to-left path above all, the outside
+    // disparities costing the pixel's mean) carried the surface that continues into the frame;
+    // the hole filler would take the farther surface as for an occlusion.
+    if (xr >= 0 && (xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1)) {
       dl[x] = STEREO_INVALID;
       kind[x] = 1;
     }
@@ -333,8 +333,7 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
       for (int s = 0; s < 4; ++s)
         if (c[2 * s] != kNone && c[2 * s] < vmin) vmin = c[2 * s];
       if (vmin == 0x7FFF) continue;  // nothing valid in any direction
-      const int32_t pix = imgRow[x], kind = b->holeKind[i];
-      const int32_t xSub = (x - p.minDisparity) * STEREO_SUBPIXEL;
+      const int32_t pix = imgRow[x];
       int32_t bestScore = 0x7FFFFFFF, bestV = vmin;
       for (int s = 0; s < 4; ++s) {
         if (c[2 * s] == kNone) continue;
@@ -347,10 +346,7 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
         int32_t g = pix - img[size_t(sy) * size_t(stride) + size_t(sx)];
         g = g < 0 ? -g : g;
         int32_t score = 4 * g + 2 * dist;
-        if (kind == 1) score += (c[2 * s] - vmin) * 8 / STEREO_SUBPIXEL;
-        // Unseen strip: its disparity exceeds x (or the sub view would hold the match), so a
-        // candidate below that pays as an occlusion's nearer one does; nearer ones go free.
-        if (kind == 3 && c[2 * s] < xSub) score += (xSub - c[2 * s]) * 8 / STEREO_SUBPIXEL;
+        if (b->holeKind[i] == 1) score += (c[2 * s] - vmin) * 8 / STEREO_SUBPIXEL;
         if (score < bestScore) bestScore = score, bestV = c[2 * s];
       }
       b->dispR[i] = int16_t(bestV);

@@ -56,7 +56,7 @@ struct StereoBuffers {
   int16_t* dispR;       // integer pixels of the right view (for the left-right check)
   int32_t* labels;
   int32_t* stack;
-  uint8_t* holeKind;        // 0 valid, 1 mismatch / occlusion, 2 other, 3 match left of the sub view
+  uint8_t* holeKind;        // 0 valid, 1 mismatch / occlusion, 2 other
   int32_t refineLuma[256];  // edge refinement weights (1/256) by luma difference and by offset
   int32_t refineSpace[2 * STEREO_MAX_REFINE_RADIUS + 1][2 * STEREO_MAX_REFINE_RADIUS + 1];
 };
