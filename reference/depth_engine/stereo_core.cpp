@@ -389,8 +389,9 @@ void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   // Pixels within r of a jump of more than one pixel between neighbours; elsewhere the window
   // holds one surface and the median would only smooth it.
   // jumps: a pixel whose right or lower neighbour differs by more than a pixel; near: the jumps
-  // widened along the row to [x - r - 1, x + r]; marked: near widened down the columns to
-  // rows [y - r - 1, y + r]. Separable, so each pixel reads a few bytes whatever r is.
+  // widened along the row to [x - r, x + r]; marked: near widened down the columns to rows
+  // [y - r, y + r]. Separable, so each pixel reads a few bytes whatever r is. A marked window
+  // whose values all lie within a pixel (a jump pair with one end outside) is then left alone.
   uint8_t* jumps = reinterpret_cast<uint8_t*>(b->labels);
   uint8_t* near = jumps + n;
   uint8_t* marked = near + n;
@@ -406,13 +407,13 @@ void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride) {
     memcpy(nr, jr, size_t(w));
     for (int32_t t = 1; t <= r; ++t)
       for (int32_t x = 0; x + t < w; ++x) nr[x] |= jr[x + t];
-    for (int32_t t = 1; t <= r + 1; ++t)
+    for (int32_t t = 1; t <= r; ++t)
       for (int32_t x = t; x < w; ++x) nr[x] |= jr[x - t];
   }
   for (int32_t y = 0; y < h; ++y) {
     uint8_t* mr = marked + size_t(y) * size_t(w);
     memset(mr, 0, size_t(w));
-    for (int32_t yy = y - r - 1 < 0 ? 0 : y - r - 1, ye = y + r < h ? y + r : h - 1; yy <= ye; ++yy) {
+    for (int32_t yy = y - r < 0 ? 0 : y - r, ye = y + r < h ? y + r : h - 1; yy <= ye; ++yy) {
       const uint8_t* nr = near + size_t(yy) * size_t(w);
       for (int32_t x = 0; x < w; ++x) mr[x] |= nr[x];
     }
@@ -435,7 +436,7 @@ void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride) {
       // Keys: the value in the high half, the weight (at most 256) in the low one; equal values
       // order by weight, which leaves the median. Weightless entries never hold it (the centre
       // weighs 256), so the sorting network may keep them.
-      // The marks reach one pixel past the window; a window of one surface stays as it is.
+      // A window of one surface stays as it is.
       const int32_t y0 = clampi(y - r, 0, h - 1), y1 = clampi(y + r, 0, h - 1);
       const int32_t x0 = clampi(x - r, 0, w - 1), x1 = clampi(x + r, 0, w - 1);
       int32_t lo = d[i], hi = d[i];
