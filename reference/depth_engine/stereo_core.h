@@ -83,8 +83,11 @@ void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_
 // The census window of a quality mode (30 or 62 bits).
 const StereoCensusShape* stereo_census_shape(int32_t quality);
 int32_t stereo_census_bits(int32_t quality);
-// Edge refinement of the filled map in b->dispL: within params.refineRadius of a jump of more
-// than one pixel, each pixel takes the weighted median of its window (weights from luma
+// Dense hole filling of b->dispL guided by the main luma (b->holeKind says which holes are
+// left-right failures). Uses candidates, dispR, labels and stack as scratch; allocates nothing.
+void stereo_fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride);
+// Edge refinement of the filled map in b->dispL: where the window of radius params.refineRadius
+// holds a jump of more than one pixel, each pixel takes the weighted median of its window (weights from luma
 // similarity to the centre and from distance), so depth edges follow the main image's edges.
 // Uses dispR and labels as scratch; allocates nothing.
 void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride);

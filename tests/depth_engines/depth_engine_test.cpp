@@ -257,6 +257,8 @@ TEST(StereoCore, EdgeRefinementFollowsLumaAndKeepsThinStructures) {
   StereoParams p;
   ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 2));
   EXPECT_EQ(1, p.refineRadius);
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 1));
+  EXPECT_EQ(1, p.refineRadius);  // both modes
   StereoBuffers b;
   ASSERT_TRUE(stereo_alloc(&b, &p));
   std::vector<uint8_t> img(size_t(w) * h, 200);
@@ -286,6 +288,35 @@ TEST(StereoCore, EdgeRefinementFollowsLumaAndKeepsThinStructures) {
   b.params.refineRadius = 0;
   stereo_refine_edges(&b, img.data(), w);
   EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
+  stereo_free(&b);
+}
+
+// Hole filling on flat luma, so that only the rule decides. Left-right failures take the farther
+// surface, except in the strip left of the search range's reach, where a near candidate that would
+// match left of the sub view explains the failure: a near surface at the left border continues into
+// the strip instead of taking the background above and below it.
+TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) {
+  const int32_t w = 96, h = 48, top = 14, bottom = 34;
+  const int16_t nearD = 20 * STEREO_SUBPIXEL, farD = 4 * STEREO_SUBPIXEL;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 1));
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h, 100);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      const bool nearRows = y >= top && y < bottom;
+      b.dispL[i] = nearRows && x >= 20 && x < 50 ? nearD : farD;
+      b.holeKind[i] = 0;
+      // Failures: the unseen strip left of the near surface, and an occlusion right of it.
+      if (nearRows && (x < 20 || (x >= 60 && x < 66))) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 1;
+    }
+  stereo_fill_holes(&b, img.data(), w);
+  for (int32_t y = top + 3; y < bottom - 3; ++y) {
+    for (int32_t x = 10; x < 20; ++x) EXPECT_EQ(nearD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
+    for (int32_t x = 60; x < 66; ++x) EXPECT_EQ(farD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
+  }
   stereo_free(&b);
 }
 
