@@ -104,9 +104,16 @@ uint64_t readMap(const uint8_t* map) {
     std::lock_guard<std::mutex> g(state().mu);
     n = state().refocusWidth * state().refocusHeight;
   }
+  // Every byte is read (the sanitizers then see a map rewritten while it is rendered); 32-bit
+  // sums over blocks let the compiler vectorise it, so that benchmarks of Run count little of it.
   uint64_t sum = 0;
   if (map != nullptr)
-    for (int32_t i = 0; i < n; ++i) sum += map[i];
+    for (int32_t start = 0; start < n; start += 1 << 20) {
+      const int32_t end = n - start > (1 << 20) ? start + (1 << 20) : n;
+      uint32_t block = 0;
+      for (int32_t i = start; i < end; ++i) block += map[i];
+      sum += block;
+    }
   std::lock_guard<std::mutex> g(state().mu);
   state().lastMapSum = sum;
   return sum;
