@@ -37,7 +37,9 @@ V3 from(const float* p) {
   return v3(p[0], p[1], p[2]);
 }
 
-uint32_t hash32(uint32_t x) {
+// One 32-bit hash for a value or, in the texture's four-point path, a vector of four.
+template <typename T>
+T hash32(T x) {
   x ^= x >> 16;
   x *= 0x7feb352dU;
   x ^= x >> 15;
@@ -62,7 +64,8 @@ struct Rng {
   float range(float lo, float hi) { return lo + (hi - lo) * next(); }
 };
 
-float smooth(float t) {
+template <typename T>
+T smooth(T t) {
   return t * t * (3.0f - 2.0f * t);
 }
 
@@ -94,15 +97,6 @@ typedef float F4 __attribute__((vector_size(16)));
 typedef int32_t I4 __attribute__((vector_size(16)));
 typedef uint32_t U4 __attribute__((vector_size(16)));
 
-U4 hash32x4(U4 x) {
-  x ^= x >> 16;
-  x *= 0x7feb352dU;
-  x ^= x >> 15;
-  x *= 0x846ca68bU;
-  x ^= x >> 16;
-  return x;
-}
-
 // floorf per lane: below 2^23 in magnitude through the truncated integer, above it every float is
 // already whole (and the conversion could overflow). NaN stays NaN.
 F4 floor4(F4 v) {
@@ -125,10 +119,6 @@ I4 to_int4(F4 f) {
   return out;
 }
 
-F4 smooth4(F4 t) {
-  return t * t * (3.0f - 2.0f * t);
-}
-
 F4 unit4(U4 h) {
   return __builtin_convertvector((I4)(h >> 8), F4) * (1.0f / 16777216.0f);
 }
@@ -141,13 +131,13 @@ __attribute__((target_clones("avx2", "default")))
 F4 value_noise4(F4 px, F4 py, F4 pz, U4 seed) {
   const F4 fx = floor4(px), fy = floor4(py), fz = floor4(pz);
   const U4 ix = (U4)to_int4(fx), iy = (U4)to_int4(fy), iz = (U4)to_int4(fz);
-  const F4 tx = smooth4(px - fx), ty = smooth4(py - fy), tz = smooth4(pz - fz);
+  const F4 tx = smooth(px - fx), ty = smooth(py - fy), tz = smooth(pz - fz);
   F4 c[8];
   for (uint32_t k = 0; k < 2; ++k) {
-    const U4 hz = hash32x4((iz + k) * 0xcb1ab31fU ^ seed);
+    const U4 hz = hash32((iz + k) * 0xcb1ab31fU ^ seed);
     for (uint32_t j = 0; j < 2; ++j) {
-      const U4 hyz = hash32x4((iy + j) * 0xd8163841U ^ hz);
-      for (uint32_t i = 0; i < 2; ++i) c[k * 4 + j * 2 + i] = unit4(hash32x4((ix + i) * 0x8da6b343U ^ hyz));
+      const U4 hyz = hash32((iy + j) * 0xd8163841U ^ hz);
+      for (uint32_t i = 0; i < 2; ++i) c[k * 4 + j * 2 + i] = unit4(hash32((ix + i) * 0x8da6b343U ^ hyz));
     }
   }
   const F4 x00 = c[0] + (c[1] - c[0]) * tx, x10 = c[2] + (c[3] - c[2]) * tx;
