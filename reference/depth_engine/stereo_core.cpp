@@ -636,37 +636,49 @@ void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t he
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack) {
   if (width < 1 || height < 1 || width > 8192 || height > 8192) return;
-  const size_t n = size_t(width) * size_t(height);
-  // Row of index i without a division: i * recip >> 40 is exact for i < 2^26 and width <= 8192
-  // (the error stays below 2^-14 < 1 / width).
-  const uint64_t recip = ((uint64_t(1) << 40) + uint64_t(width) - 1) / uint64_t(width);
-  for (size_t i = 0; i < n; ++i) labels[i] = 0;
-  int32_t label = 0;
-  for (size_t start = 0; start < n; ++start) {
-    if (labels[start] != 0 || disp[start] == STEREO_INVALID) continue;
-    ++label;
-    // Flood fill; `stack` first holds the frontier, the component is re-walked to clear it.
-    size_t top = 0, count = 0;
-    stack[top++] = int32_t(start);
-    labels[start] = label;
-    size_t head = 0;
-    // Breadth-first with the stack array used as a queue: every member stays in it.
-    while (head < top) {
-      int32_t i = stack[head++];
-      ++count;
-      int32_t y = int32_t((uint64_t(uint32_t(i)) * recip) >> 40), x = i - y * width;
-      const int32_t nb[4][2] = {{x - 1, y}, {x + 1, y}, {x, y - 1}, {x, y + 1}};
-      for (const auto& q : nb) {
-        if (q[0] < 0 || q[0] >= width || q[1] < 0 || q[1] >= height) continue;
-        int32_t j = q[1] * width + q[0];
-        if (labels[j] != 0 || disp[j] == STEREO_INVALID || abs(disp[j] - disp[i]) > maxDiff) continue;
-        labels[j] = label;
-        stack[top++] = j;
+  const int32_t n = width * height;  // at most 2^26
+  // Components by union-find over the left and upper neighbours in three linear passes (a
+  // flood fill hops through memory and mispredicts at every pixel). `labels` holds parents,
+  // -1 for unknown pixels; every root is its component's first pixel in scan order, since
+  // unions keep the lower root. `stack` holds the sizes, by root.
+  int32_t* parent = labels;
+  int32_t* size = stack;
+  for (int32_t y = 0, i = 0; y < height; ++y) {
+    for (int32_t x = 0; x < width; ++x, ++i) {
+      const int32_t v = disp[i];
+      if (v == STEREO_INVALID) {
+        parent[i] = -1;
+        continue;
+      }
+      int32_t root = i;
+      if (x > 0 && parent[i - 1] >= 0 && abs(disp[i - 1] - v) <= maxDiff) {
+        root = parent[i - 1];
+        while (parent[root] != root) root = parent[root];
+      }
+      parent[i] = root;
+      if (y > 0 && parent[i - width] >= 0 && abs(disp[i - width] - v) <= maxDiff) {
+        int32_t up = parent[i - width];
+        while (parent[up] != up) up = parent[up];
+        // Path halving on the way would cost a second walk; a direct link keeps chains short.
+        parent[i - width] = up;
+        if (up < root) {
+          parent[root] = up;
+          parent[i] = up;
+        } else if (up > root) {
+          parent[up] = root;
+        }
       }
     }
-    if (count < size_t(maxSize))
-      for (size_t k = 0; k < top; ++k) disp[stack[k]] = STEREO_INVALID;
   }
+  // In scan order every earlier pixel already points at its root, so one step reaches it.
+  for (int32_t i = 0; i < n; ++i) {
+    if (parent[i] < 0) continue;
+    const int32_t r = parent[parent[i]];
+    parent[i] = r;
+    size[r] = r == i ? 1 : size[r] + 1;
+  }
+  for (int32_t i = 0; i < n; ++i)
+    if (parent[i] >= 0 && size_t(size[parent[i]]) < size_t(maxSize)) disp[i] = STEREO_INVALID;
 }
 
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
