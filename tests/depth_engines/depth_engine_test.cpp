@@ -204,6 +204,11 @@ TEST(StereoCore, SpecklesSmallerThanTheLimitAreRemoved) {
     for (int32_t x = 1; x < 3; ++x) d[size_t(y) * w + size_t(x)] = 480;
   for (int32_t y = 4; y < 7; ++y)
     for (int32_t x = 6; x < 10; ++x) d[size_t(y) * w + size_t(x)] = 800;
+  // A U whose arms (2 and 3 pixels, the right one starting higher) meet only in its last row:
+  // one region of 8, kept.
+  for (int32_t y = 4; y < 7; ++y) d[size_t(y) * w + 3] = 1200;
+  for (int32_t y = 5; y < 7; ++y) d[size_t(y) * w + 1] = 1200;
+  for (int32_t x = 1; x < 4; ++x) d[size_t(7) * w + size_t(x)] = 1200;
   d[0] = STEREO_INVALID;
   std::vector<int32_t> labels(d.size()), stack(d.size());
   stereo_remove_speckles(d.data(), w, h, 6, STEREO_SUBPIXEL, labels.data(), stack.data());
@@ -212,6 +217,9 @@ TEST(StereoCore, SpecklesSmallerThanTheLimitAreRemoved) {
   EXPECT_EQ(800, d[size_t(5) * w + 7]);
   EXPECT_EQ(160, d[size_t(7) * w + 0]);
   EXPECT_EQ(STEREO_INVALID, d[0]);
+  EXPECT_EQ(1200, d[size_t(5) * w + 1]);
+  EXPECT_EQ(1200, d[size_t(4) * w + 3]);
+  EXPECT_EQ(1200, d[size_t(7) * w + 2]);
 }
 
 TEST(StereoCore, CensusBitsCompareNeighboursWithTheCentre) {
