@@ -644,39 +644,47 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
   int32_t* parent = labels;
   int32_t* size = stack;
   for (int32_t y = 0, i = 0; y < height; ++y) {
+    int32_t leftRoot = -1;  // the left pixel's root, kept in a register rather than re-read
     for (int32_t x = 0; x < width; ++x, ++i) {
       const int32_t v = disp[i];
       if (v == STEREO_INVALID) {
         parent[i] = -1;
+        leftRoot = -1;
         continue;
       }
-      int32_t root = i;
-      if (x > 0 && parent[i - 1] >= 0 && abs(disp[i - 1] - v) <= maxDiff) {
-        root = parent[i - 1];
-        while (parent[root] != root) root = parent[root];
-      }
-      parent[i] = root;
-      if (y > 0 && parent[i - width] >= 0 && abs(disp[i - width] - v) <= maxDiff) {
-        int32_t up = parent[i - width];
+      int32_t root = leftRoot >= 0 && abs(disp[i - 1] - v) <= maxDiff ? leftRoot : i;
+      int32_t up = y > 0 ? parent[i - width] : -1;
+      if (up >= 0 && abs(disp[i - width] - v) <= maxDiff) {
         while (parent[up] != up) up = parent[up];
-        // Path halving on the way would cost a second walk; a direct link keeps chains short.
-        parent[i - width] = up;
         if (up < root) {
           parent[root] = up;
-          parent[i] = up;
+          root = up;
         } else if (up > root) {
           parent[up] = root;
         }
       }
+      parent[i] = root;
+      leftRoot = root;
     }
   }
-  // In scan order every earlier pixel already points at its root, so one step reaches it.
+  // In scan order every earlier pixel already points at its root, so one step reaches it. Sizes
+  // are summed over runs of one root: an increment per pixel in memory would chain every pixel
+  // to the previous one's store.
+  int32_t runRoot = -1, run = 0;
   for (int32_t i = 0; i < n; ++i) {
     if (parent[i] < 0) continue;
     const int32_t r = parent[parent[i]];
     parent[i] = r;
-    size[r] = r == i ? 1 : size[r] + 1;
+    if (r == runRoot) {
+      ++run;
+      continue;
+    }
+    if (runRoot >= 0) size[runRoot] += run;
+    if (r == i) size[r] = 0;
+    runRoot = r;
+    run = 1;
   }
+  if (runRoot >= 0) size[runRoot] += run;
   for (int32_t i = 0; i < n; ++i)
     if (parent[i] >= 0 && size_t(size[parent[i]]) < size_t(maxSize)) disp[i] = STEREO_INVALID;
 }
