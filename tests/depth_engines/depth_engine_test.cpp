@@ -328,4 +328,31 @@ TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) 
   stereo_free(&b);
 }
 
+// Filled values never act as candidates: across a block of holes (flat luma, no occlusion) each
+// pixel takes the nearer of its original neighbours, so the block splits in the middle rather than
+// the left value running through it.
+TEST(StereoCore, HoleFillingChoosesFromOriginalValuesOnly) {
+  const int32_t w = 24, h = 48;
+  const int16_t leftD = 8 * STEREO_SUBPIXEL, rightD = 12 * STEREO_SUBPIXEL;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 16, 1));
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h, 100);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      b.dispL[i] = x < 14 ? leftD : rightD;
+      b.holeKind[i] = 0;
+      if (y >= 20 && y < 28 && x >= 10 && x < 14) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 2;
+    }
+  stereo_fill_holes(&b, img.data(), w);
+  const int16_t* row = b.dispL + size_t(23) * w;
+  EXPECT_EQ(leftD, row[10]);
+  EXPECT_EQ(leftD, row[11]);
+  EXPECT_EQ(rightD, row[12]);
+  EXPECT_EQ(rightD, row[13]);
+  stereo_free(&b);
+}
+
 }  // namespace
