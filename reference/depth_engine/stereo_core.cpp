@@ -281,54 +281,52 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
 }
 
 // Nearest valid pixel on each of four sides, then a choice per hole: similar luma, short
-// distance, and for occlusions (left-right failures) the farther surface. The downward
-// neighbours come from one bottom-up scan; rows are then walked top-down carrying the upward
-// neighbour per column and finding the left / right ones per row. Choices are staged in dispR
-// so that none feeds a later one.
+// distance, and for occlusions (left-right failures) the farther surface. Rows are walked
+// top-down carrying the upward neighbour per column; the left one is carried along the row, the
+// right one found once per run of holes and the downward one once per run down a column, so the
+// work outside holes is one read per pixel. Choices are written in place: every candidate is an
+// original value (the left / upward ones are taken before the pixel is written, the right /
+// downward ones lie in pixels not yet reached), so no choice feeds a later one.
 __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height;
-  const size_t n = size_t(w) * size_t(h);
-  const int16_t* d = b->dispL;
+  int16_t* d = b->dispL;
   const int16_t kNone = STEREO_INVALID;
-  int16_t* down = b->candidates;          // n x (value, distance)
-  int16_t* side = b->candidates + 2 * n;  // one row: left value, left distance, right value, right distance
-  int32_t* lastY = b->labels;             // per column: row and value of the last valid pixel seen
+  int32_t* lastY = b->labels;  // per column: row and value of the last valid pixel seen
   int32_t* lastV = b->stack;
-  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
-  for (int32_t y = h - 1; y >= 0; --y) {
-    for (int32_t x = 0; x < w; ++x) {
-      size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (d[i] != kNone) lastV[x] = d[i], lastY[x] = y;
-      down[2 * i] = int16_t(lastV[x]);
-      down[2 * i + 1] = int16_t(lastY[x] - y);
-    }
-  }
-  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0;
+  int32_t* nextY = b->labels + w;  // per column: row of the next valid pixel at or below, h if none
+  for (int32_t x = 0; x < w; ++x) lastV[x] = kNone, lastY[x] = 0, nextY[x] = -1;
   for (int32_t y = 0; y < h; ++y) {
-    const int16_t* dr = d + size_t(y) * size_t(w);
-    int16_t last = kNone;
-    int32_t lastX = 0;
-    for (int32_t x = 0; x < w; ++x) {
-      if (dr[x] != kNone) last = dr[x], lastX = x;
-      side[4 * x] = last;
-      side[4 * x + 1] = int16_t(x - lastX);
-    }
-    last = kNone;
-    for (int32_t x = w - 1; x >= 0; --x) {
-      if (dr[x] != kNone) last = dr[x], lastX = x;
-      side[4 * x + 2] = last;
-      side[4 * x + 3] = int16_t(lastX - x);
-    }
+    int16_t* dr = d + size_t(y) * size_t(w);
     const uint8_t* imgRow = img + size_t(y) * size_t(stride);
+    int32_t left = kNone, leftX = 0, rightX = -1;
     for (int32_t x = 0; x < w; ++x) {
+      const int32_t v = dr[x];
+      if (v != kNone) {
+        left = v, leftX = x;
+        lastV[x] = v, lastY[x] = y;
+        continue;
+      }
+      if (rightX < x) {
+        rightX = x + 1;
+        while (rightX < w && dr[rightX] == kNone) ++rightX;
+      }
+      if (nextY[x] < y) {
+        int32_t yy = y + 1;
+        while (yy < h && d[size_t(yy) * size_t(w) + size_t(x)] == kNone) ++yy;
+        nextY[x] = yy;
+      }
       const size_t i = size_t(y) * size_t(w) + size_t(x);
-      if (dr[x] != kNone) lastV[x] = dr[x], lastY[x] = y;
-      b->dispR[i] = kNone;
-      if (dr[x] != kNone) continue;
+      const int32_t below = nextY[x];
       // Candidates in the order left, right, up, down: (value, distance).
-      const int16_t c[8] = {side[4 * x],       side[4 * x + 1],       side[4 * x + 2], side[4 * x + 3],
-                            int16_t(lastV[x]), int16_t(y - lastY[x]), down[2 * i],     down[2 * i + 1]};
+      const int16_t c[8] = {int16_t(left),
+                            int16_t(x - leftX),
+                            rightX < w ? dr[rightX] : kNone,
+                            int16_t(rightX - x),
+                            int16_t(lastV[x]),
+                            int16_t(y - lastY[x]),
+                            below < h ? d[size_t(below) * size_t(w) + size_t(x)] : kNone,
+                            int16_t(below - y)};
       int32_t vmin = 0x7FFF;
       for (int s = 0; s < 4; ++s)
         if (c[2 * s] != kNone && c[2 * s] < vmin) vmin = c[2 * s];
@@ -356,12 +354,9 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
           score += (unseen ? (xSub > c[2 * s] ? xSub - c[2 * s] : 0) : c[2 * s] - vmin) * 8 / STEREO_SUBPIXEL;
         if (score < bestScore) bestScore = score, bestV = c[2 * s];
       }
-      b->dispR[i] = int16_t(bestV);
+      dr[x] = int16_t(bestV);
     }
   }
-  int16_t* out = b->dispL;
-  for (size_t i = 0; i < n; ++i)
-    if (out[i] == kNone) out[i] = b->dispR[i];
 }
 
 // Weights of the edge refinement: luma similarity exp(-|dI| / 12) and distance exp(-r^2 / 8),
@@ -539,8 +534,7 @@ size_t stereo_bytes_needed(const StereoParams* p) {
   const uint64_t margin = reversed_margin(*p), scratch = w + 2 * margin;
   uint64_t rows = uint64_t(kMaxPaths) * (w + 2) * (nd + 2);
   uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 4 + n * nd * 3 +
-                   rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + (2 * n + 4 * w) * 2 +
-                   n * 2 * 2 + n * 4 * 2 + n;
+                   rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + n * 2 * 2 + n * 4 * 2 + n;
   if (total > (uint64_t(1) << 31)) return 0;  // also keeps 32-bit builds' size_t safe
   return size_t(total);
 }
@@ -568,7 +562,6 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->minCur = static_cast<uint16_t*>(malloc(mins * 2));
   b->rowMin = static_cast<uint16_t*>(malloc(scratch * 2));
   b->rowDisp = static_cast<int16_t*>(malloc(scratch * 2));
-  b->candidates = static_cast<int16_t*>(malloc((2 * n + 4 * w) * 2));
   b->dispL = static_cast<int16_t*>(malloc(n * 2));
   b->dispR = static_cast<int16_t*>(malloc(n * 2));
   b->labels = static_cast<int32_t*>(malloc(n * 4));
@@ -577,8 +570,8 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->bytes = bytes;
   refine_weights(b);
   if (!b->censusL || !b->censusR || !b->padded || !b->reversed || !b->cost || !b->costs || !b->sum || !b->rowSum ||
-      !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->candidates ||
-      !b->dispL || !b->dispR || !b->labels || !b->stack || !b->holeKind) {
+      !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->dispL || !b->dispR ||
+      !b->labels || !b->stack || !b->holeKind) {
     stereo_free(b);
     return false;
   }
@@ -600,7 +593,6 @@ void stereo_free(StereoBuffers* b) {
   free(b->minCur);
   free(b->rowMin);
   free(b->rowDisp);
-  free(b->candidates);
   free(b->dispL);
   free(b->dispR);
   free(b->labels);
@@ -636,37 +628,57 @@ void stereo_census(const uint8_t* img, int32_t stride, int32_t width, int32_t he
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack) {
   if (width < 1 || height < 1 || width > 8192 || height > 8192) return;
-  const size_t n = size_t(width) * size_t(height);
-  // Row of index i without a division: i * recip >> 40 is exact for i < 2^26 and width <= 8192
-  // (the error stays below 2^-14 < 1 / width).
-  const uint64_t recip = ((uint64_t(1) << 40) + uint64_t(width) - 1) / uint64_t(width);
-  for (size_t i = 0; i < n; ++i) labels[i] = 0;
-  int32_t label = 0;
-  for (size_t start = 0; start < n; ++start) {
-    if (labels[start] != 0 || disp[start] == STEREO_INVALID) continue;
-    ++label;
-    // Flood fill; `stack` first holds the frontier, the component is re-walked to clear it.
-    size_t top = 0, count = 0;
-    stack[top++] = int32_t(start);
-    labels[start] = label;
-    size_t head = 0;
-    // Breadth-first with the stack array used as a queue: every member stays in it.
-    while (head < top) {
-      int32_t i = stack[head++];
-      ++count;
-      int32_t y = int32_t((uint64_t(uint32_t(i)) * recip) >> 40), x = i - y * width;
-      const int32_t nb[4][2] = {{x - 1, y}, {x + 1, y}, {x, y - 1}, {x, y + 1}};
-      for (const auto& q : nb) {
-        if (q[0] < 0 || q[0] >= width || q[1] < 0 || q[1] >= height) continue;
-        int32_t j = q[1] * width + q[0];
-        if (labels[j] != 0 || disp[j] == STEREO_INVALID || abs(disp[j] - disp[i]) > maxDiff) continue;
-        labels[j] = label;
-        stack[top++] = j;
+  const int32_t n = width * height;  // at most 2^26
+  // Components by union-find over the left and upper neighbours in three linear passes (a
+  // flood fill hops through memory and mispredicts at every pixel). `labels` holds parents,
+  // -1 for unknown pixels; every root is its component's first pixel in scan order, since
+  // unions keep the lower root. `stack` holds the sizes, by root.
+  int32_t* parent = labels;
+  int32_t* size = stack;
+  for (int32_t y = 0, i = 0; y < height; ++y) {
+    int32_t leftRoot = -1;  // the left pixel's root, kept in a register rather than re-read
+    for (int32_t x = 0; x < width; ++x, ++i) {
+      const int32_t v = disp[i];
+      if (v == STEREO_INVALID) {
+        parent[i] = -1;
+        leftRoot = -1;
+        continue;
       }
+      int32_t root = leftRoot >= 0 && abs(disp[i - 1] - v) <= maxDiff ? leftRoot : i;
+      int32_t up = y > 0 ? parent[i - width] : -1;
+      if (up >= 0 && abs(disp[i - width] - v) <= maxDiff) {
+        while (parent[up] != up) up = parent[up];
+        if (up < root) {
+          parent[root] = up;
+          root = up;
+        } else if (up > root) {
+          parent[up] = root;
+        }
+      }
+      parent[i] = root;
+      leftRoot = root;
     }
-    if (count < size_t(maxSize))
-      for (size_t k = 0; k < top; ++k) disp[stack[k]] = STEREO_INVALID;
   }
+  // In scan order every earlier pixel already points at its root, so one step reaches it. Sizes
+  // are summed over runs of one root: an increment per pixel in memory would chain every pixel
+  // to the previous one's store.
+  int32_t runRoot = -1, run = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    if (parent[i] < 0) continue;
+    const int32_t r = parent[parent[i]];
+    parent[i] = r;
+    if (r == runRoot) {
+      ++run;
+      continue;
+    }
+    if (runRoot >= 0) size[runRoot] += run;
+    if (r == i) size[r] = 0;
+    runRoot = r;
+    run = 1;
+  }
+  if (runRoot >= 0) size[runRoot] += run;
+  for (int32_t i = 0; i < n; ++i)
+    if (parent[i] >= 0 && size_t(size[parent[i]]) < size_t(maxSize)) disp[i] = STEREO_INVALID;
 }
 
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,

@@ -49,11 +49,10 @@ struct StereoBuffers {
   uint16_t* pathCur;
   uint16_t* minPrev;  // per path: (width + 2) minima of the rows above
   uint16_t* minCur;
-  uint16_t* rowMin;     // best aggregated cost per right-view pixel, with scratch margins
-  int16_t* rowDisp;     // its disparity index
-  int16_t* candidates;  // hole filling: 2 x width x height (the pixel below), then 4 x width (one row)
-  int16_t* dispL;       // fixed point, STEREO_INVALID where unknown
-  int16_t* dispR;       // integer pixels of the right view (for the left-right check)
+  uint16_t* rowMin;  // best aggregated cost per right-view pixel, with scratch margins
+  int16_t* rowDisp;  // its disparity index
+  int16_t* dispL;    // fixed point, STEREO_INVALID where unknown
+  int16_t* dispR;    // integer pixels of the right view (for the left-right check)
   int32_t* labels;
   int32_t* stack;
   uint8_t* holeKind;        // 0 valid, 1 mismatch / occlusion, 2 other
@@ -84,7 +83,7 @@ void stereo_census_with(const StereoKernels* kernels, const uint8_t* img, int32_
 const StereoCensusShape* stereo_census_shape(int32_t quality);
 int32_t stereo_census_bits(int32_t quality);
 // Dense hole filling of b->dispL guided by the main luma (b->holeKind says which holes are
-// left-right failures). Uses candidates, dispR, labels and stack as scratch; allocates nothing.
+// left-right failures). Fills in place; uses labels and stack as scratch; allocates nothing.
 void stereo_fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride);
 // Edge refinement of the filled map in b->dispL: where the window of radius params.refineRadius
 // holds a jump of more than one pixel, each pixel takes the weighted median of its window (weights from luma

@@ -204,6 +204,11 @@ TEST(StereoCore, SpecklesSmallerThanTheLimitAreRemoved) {
     for (int32_t x = 1; x < 3; ++x) d[size_t(y) * w + size_t(x)] = 480;
   for (int32_t y = 4; y < 7; ++y)
     for (int32_t x = 6; x < 10; ++x) d[size_t(y) * w + size_t(x)] = 800;
+  // A U whose arms (2 and 3 pixels, the right one starting higher) meet only in its last row:
+  // one region of 8, kept.
+  for (int32_t y = 4; y < 7; ++y) d[size_t(y) * w + 3] = 1200;
+  for (int32_t y = 5; y < 7; ++y) d[size_t(y) * w + 1] = 1200;
+  for (int32_t x = 1; x < 4; ++x) d[size_t(7) * w + size_t(x)] = 1200;
   d[0] = STEREO_INVALID;
   std::vector<int32_t> labels(d.size()), stack(d.size());
   stereo_remove_speckles(d.data(), w, h, 6, STEREO_SUBPIXEL, labels.data(), stack.data());
@@ -212,6 +217,9 @@ TEST(StereoCore, SpecklesSmallerThanTheLimitAreRemoved) {
   EXPECT_EQ(800, d[size_t(5) * w + 7]);
   EXPECT_EQ(160, d[size_t(7) * w + 0]);
   EXPECT_EQ(STEREO_INVALID, d[0]);
+  EXPECT_EQ(1200, d[size_t(5) * w + 1]);
+  EXPECT_EQ(1200, d[size_t(4) * w + 3]);
+  EXPECT_EQ(1200, d[size_t(7) * w + 2]);
 }
 
 TEST(StereoCore, CensusBitsCompareNeighboursWithTheCentre) {
@@ -317,6 +325,33 @@ TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) 
     for (int32_t x = 10; x < 20; ++x) EXPECT_EQ(nearD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
     for (int32_t x = 60; x < 66; ++x) EXPECT_EQ(farD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
   }
+  stereo_free(&b);
+}
+
+// Filled values never act as candidates: across a block of holes (flat luma, no occlusion) each
+// pixel takes the nearer of its original neighbours, so the block splits in the middle rather than
+// the left value running through it.
+TEST(StereoCore, HoleFillingChoosesFromOriginalValuesOnly) {
+  const int32_t w = 24, h = 48;
+  const int16_t leftD = 8 * STEREO_SUBPIXEL, rightD = 12 * STEREO_SUBPIXEL;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 16, 1));
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h, 100);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      b.dispL[i] = x < 14 ? leftD : rightD;
+      b.holeKind[i] = 0;
+      if (y >= 20 && y < 28 && x >= 10 && x < 14) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 2;
+    }
+  stereo_fill_holes(&b, img.data(), w);
+  const int16_t* row = b.dispL + size_t(23) * w;
+  EXPECT_EQ(leftD, row[10]);
+  EXPECT_EQ(leftD, row[11]);
+  EXPECT_EQ(rightD, row[12]);
+  EXPECT_EQ(rightD, row[13]);
   stereo_free(&b);
 }
 
