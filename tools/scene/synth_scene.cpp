@@ -37,9 +37,13 @@ V3 from(const float* p) {
   return v3(p[0], p[1], p[2]);
 }
 
+// Small helpers are always inlined, so that the AVX2 copy of the texture noise compiles them
+// with AVX2 too.
+#define VM_INLINE inline __attribute__((always_inline))
+
 // One 32-bit hash for a value or, in the texture's four-point path, a vector of four.
 template <typename T>
-T hash32(T x) {
+VM_INLINE T hash32(T x) {
   x ^= x >> 16;
   x *= 0x7feb352dU;
   x ^= x >> 15;
@@ -65,7 +69,7 @@ struct Rng {
 };
 
 template <typename T>
-T smooth(T t) {
+VM_INLINE T smooth(T t) {
   return t * t * (3.0f - 2.0f * t);
 }
 
@@ -99,7 +103,7 @@ typedef uint32_t U4 __attribute__((vector_size(16)));
 
 // floorf per lane: below 2^23 in magnitude through the truncated integer, above it every float is
 // already whole (and the conversion could overflow). NaN stays NaN.
-F4 floor4(F4 v) {
+VM_INLINE F4 floor4(F4 v) {
   const F4 big = {8388608.0f, 8388608.0f, 8388608.0f, 8388608.0f};
   const F4 magnitude = (F4)((I4)v & 0x7fffffff);
   const I4 small = magnitude < big;
@@ -110,7 +114,7 @@ F4 floor4(F4 v) {
 
 // int32_t(f) of a whole float per lane, as the scalar conversion gives it on this target (for the
 // out-of-range lanes too): lanes in range convert in the vector, the rest one by one.
-I4 to_int4(F4 f) {
+VM_INLINE I4 to_int4(F4 f) {
   const F4 limit = {2147483648.0f, 2147483648.0f, 2147483648.0f, 2147483648.0f};
   const I4 inRange = (f < limit) & (f >= -limit);
   I4 out = __builtin_convertvector(inRange ? f : F4{}, I4);
@@ -119,16 +123,11 @@ I4 to_int4(F4 f) {
   return out;
 }
 
-F4 unit4(U4 h) {
+VM_INLINE F4 unit4(U4 h) {
   return __builtin_convertvector((I4)(h >> 8), F4) * (1.0f / 16777216.0f);
 }
 
-// On x86-64 a second copy for processors with AVX2 is chosen at load time: SSE2 has no 32-bit
-// lane multiply, which the hashes are made of.
-#if defined(__x86_64__) && defined(__GNUC__) && defined(__linux__)
-__attribute__((target_clones("avx2", "default")))
-#endif
-F4 value_noise4(F4 px, F4 py, F4 pz, U4 seed) {
+VM_INLINE F4 value_noise4_body(F4 px, F4 py, F4 pz, U4 seed) {
   const F4 fx = floor4(px), fy = floor4(py), fz = floor4(pz);
   const U4 ix = (U4)to_int4(fx), iy = (U4)to_int4(fy), iz = (U4)to_int4(fz);
   const F4 tx = smooth(px - fx), ty = smooth(py - fy), tz = smooth(pz - fz);
@@ -144,6 +143,23 @@ F4 value_noise4(F4 px, F4 py, F4 pz, U4 seed) {
   const F4 x01 = c[4] + (c[5] - c[4]) * tx, x11 = c[6] + (c[7] - c[6]) * tx;
   const F4 y0 = x00 + (x10 - x00) * ty, y1 = x01 + (x11 - x01) * ty;
   return y0 + (y1 - y0) * tz;
+}
+
+// On x86-64 a second copy for processors with AVX2, chosen at run time: SSE2 has no 32-bit lane
+// multiply, which the hashes are made of. (Not a load-time resolver: those run before the
+// thread sanitizer's runtime is up.)
+#if defined(__x86_64__) && defined(__GNUC__)
+__attribute__((target("avx2"))) F4 value_noise4_avx2(F4 px, F4 py, F4 pz, U4 seed) {
+  return value_noise4_body(px, py, pz, seed);
+}
+#endif
+
+F4 value_noise4(F4 px, F4 py, F4 pz, U4 seed) {
+#if defined(__x86_64__) && defined(__GNUC__)
+  static const bool avx2 = __builtin_cpu_supports("avx2");
+  if (avx2) return value_noise4_avx2(px, py, pz, seed);
+#endif
+  return value_noise4_body(px, py, pz, seed);
 }
 
 // Albedo of a surface point in object-local coordinates (mm): layered noise from 150 mm down to
