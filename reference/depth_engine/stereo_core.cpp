@@ -396,7 +396,7 @@ void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride) {
     uint8_t* jr = jumps + size_t(y) * size_t(w);
     // Plain loops of fixed shape, so that the compiler vectorises them.
     for (int32_t x = 0; x + 1 < w; ++x)
-      jr[x] = uint8_t((absi(row[x + 1] - row[x]) > jump) | (absi(below[x] - row[x]) > jump));
+      jr[x] = uint8_t(int(absi(row[x + 1] - row[x]) > jump) | int(absi(below[x] - row[x]) > jump));
     jr[w - 1] = uint8_t(absi(below[w - 1] - row[w - 1]) > jump);
     uint8_t* nr = near + size_t(y) * size_t(w);
     memcpy(nr, jr, size_t(w));
