@@ -167,8 +167,9 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
   static const int32_t kForward[4][2] = {{-1, 0}, {0, -1}, {-1, -1}, {1, -1}};
   static const int32_t kBackward[4][2] = {{1, 0}, {0, 1}, {1, 1}, {-1, 1}};
   const int32_t paths = p.paths >= 8 ? 4 : 2;  // per pass
+  const int32_t halving = p.p2Halving > 0 ? p.p2Halving : 24;
   for (int32_t g = 0; g < 256; ++g) {
-    int32_t a = p.p2 * 24 / (24 + g);
+    int32_t a = p.p2 * halving / (halving + g);
     b->p2ForStep[g] = uint16_t(a > p.p1 + 1 ? a : p.p1 + 1);
   }
   StereoAggregateRow row;
@@ -513,8 +514,12 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   // two passes and the full window.
   p->passes = p->quality == 2 ? 2 : 1;
   // Penalties in census bits: tuned on real scenes (more paths did not pay for themselves).
-  p->p1 = p->quality == 2 ? 32 : 16;
-  p->p2 = p->quality == 2 ? 128 : 64;
+  // The standard mode's P2 falls steeply at luma steps (halved at a step of 3 levels): a larger
+  // P2 keeps flat faces whole, the steep fall lets depth edges sit on image edges instead of
+  // spreading the nearer surface over its neighbour. Its byte paths hold up to P2 = 97.
+  p->p1 = p->quality == 2 ? 32 : 12;
+  p->p2 = p->quality == 2 ? 128 : 96;
+  p->p2Halving = p->quality == 2 ? 24 : 3;
   p->uniqueness = 5;
   p->speckleSize = clampi(width * height / 800, 8, 400);
   p->fill = true;

@@ -24,6 +24,7 @@ struct StereoParams {
   int32_t paths;         // 4 (horizontal and vertical) or 8 (plus diagonals)
   int32_t passes;        // 2: all paths; 1: one top-to-bottom pass, the bottom-to-top paths left out
   int32_t p1, p2;        // smoothness penalties (0 = the mode's defaults)
+  int32_t p2Halving;     // luma step (levels) between neighbours at which P2 is halved (0 = 24)
   int32_t uniqueness;    // percent
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
   bool fill;             // fill holes so that the output is dense
