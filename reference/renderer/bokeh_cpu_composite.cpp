@@ -25,6 +25,10 @@ void lerp_rows(const float* plane, int32_t gw, int32_t gy0, int32_t gy1, float f
 // close its grid colour is to the pixel's, so that the radius steps at the frame's edges rather
 // than along the coarse map's. Blocks whose four radii are all below the blend start and that no
 // foreground reaches are skipped: their pixels come out unchanged.
+// Grid radius from which every weight is 1, interpolated or guided (both are weighted means of
+// the radii around), with a margin for rounding.
+constexpr float kFullBlurRadius = kBlendStartCells + kBlendWidthCells + 0.01f;
+
 struct RowInputs {
   const float* cv;  // padded, interpolated grid rows: radius, background, fg alpha, fg premultiplied
   const float* bv;
@@ -57,7 +61,7 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
     const float hi = in.cmax[g0] > in.cmax[g1] ? in.cmax[g0] : in.cmax[g1];
     const bool front = in.front && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f);
     const float lo = in.cmin[g0] < in.cmin[g1] ? in.cmin[g0] : in.cmin[g1];
-    if (k0 == 0 && k1 == F && !in.front && (tGiven != nullptr || hi - lo <= kGuideMinStep)) {
+    if (k0 == 0 && k1 == F && !in.front && (tGiven != nullptr || hi - lo <= kGuideMinStep || lo >= kFullBlurRadius)) {
       // The common block: F samples, plain interpolation (constant trip counts so that it
       // compiles to vector code).
       const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
@@ -81,7 +85,7 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
     } else if (hi <= kBlendStartCells && !front) {
       for (int32_t k = k0; k < k1; ++k) t[k] = 0.0f;
     } else {
-      if (hi - lo > kGuideMinStep) {
+      if (hi - lo > kGuideMinStep && lo < kFullBlurRadius) {
         const size_t i00 = static_cast<size_t>(gy0) * gw + g0, i01 = static_cast<size_t>(gy0) * gw + g1;
         const size_t i10 = static_cast<size_t>(gy1) * gw + g0, i11 = static_cast<size_t>(gy1) * gw + g1;
         const int32_t y00 = static_cast<int32_t>(colour[i00]), y01 = static_cast<int32_t>(colour[i01]);
@@ -167,7 +171,7 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
     if (b >= 0 && b <= last && !(kFront && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f))) {
       const float hi = in.cmax[b] > in.cmax[b + 1] ? in.cmax[b] : in.cmax[b + 1];
       const float lo = in.cmin[b] < in.cmin[b + 1] ? in.cmin[b] : in.cmin[b + 1];
-      if (hi - lo <= kGuideMinStep) {
+      if (hi - lo <= kGuideMinStep || lo >= kFullBlurRadius) {
         const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
         const float b0 = in.bv[b], db = in.bv[b + 1] - in.bv[b];
         if (plain) {
@@ -223,8 +227,6 @@ void blend_run(uint8_t* px, int32_t n, const float* T, const float* B, const flo
 // grid rows upsampled once per grid row), and single edge blocks (the guided per-block code).
 // Fully blurred runs (all radii past the blend ramp: t = 1) take the background alone.
 enum SpanKind : int32_t { SPAN_SHARP = 0, SPAN_PLAIN = 1, SPAN_FULL = 2, SPAN_EDGE = 3 };
-// Grid radius (4 x 4 cells) from which every interpolated weight is 1, with a margin for rounding.
-constexpr float kFullBlurRadius = kBlendStartCells + kBlendWidthCells + 0.01f;
 
 // Spans of pixels [from, to) of a line `count` wide, 3 words each (from, to, kind or, for an edge
 // block, SPAN_EDGE + block index + 1); returns their number.
@@ -236,9 +238,11 @@ int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cm
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float hi = cmax[g0] > cmax[g1] ? cmax[g0] : cmax[g1];
     const float lo = cmin[g0] < cmin[g1] ? cmin[g0] : cmin[g1];
+    // Fully blurred before edge: where every radius is past the ramp, any choice among them
+    // gives t = 1, so the guide has nothing to decide (large blurs of steep map slopes).
     const int32_t kind = hi <= kBlendStartCells    ? SPAN_SHARP
-                         : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
                          : lo >= kFullBlurRadius   ? SPAN_FULL
+                         : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
                                                    : SPAN_PLAIN;
     if (kind < SPAN_EDGE && n > 0 && spans[3 * n - 1] == kind && spans[3 * n - 2] == from) {
       spans[3 * n - 2] = to;  // extends the previous run
