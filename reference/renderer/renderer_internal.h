@@ -40,14 +40,16 @@ constexpr int32_t kDefaultDisparityScale = 16;
 
 // Blur model: the largest radius at f/1.4 is kMaxRadiusFraction of the frame width, and it scales
 // as 1.4 / f-number. The f-number is clamped into [kMinFNumber, kMaxFNumber].
-constexpr float kMaxRadiusFraction = 0.03f;
+constexpr float kMaxRadiusFraction = 0.06f;
 constexpr float kReferenceFNumber = 1.4f;
 constexpr float kMinFNumber = 0.95f;
 constexpr float kMaxFNumber = 32.0f;
 
 // Refocus map: 0 while |d - d_focus| <= half a pixel of disparity, then linear, reaching 255 at a
-// disparity difference of depth width / kFullBlurDivisor pixels (plus the band).
-constexpr int32_t kFullBlurDivisor = 40;
+// disparity difference of depth width / kFullBlurDivisor pixels (plus the band). With
+// kMaxRadiusFraction the lens is 1.68 / f frame pixels of blur per pixel of disparity; saturating
+// at a fortieth (with half the radius) left deep scenes blurred less than that lens.
+constexpr int32_t kFullBlurDivisor = 20;
 
 // Chroma plane layouts by image-format code.
 enum ChromaLayout : int32_t {

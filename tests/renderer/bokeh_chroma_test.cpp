@@ -68,9 +68,9 @@ TEST(RenderChroma, NoColourFromOutsideTheDiscOnEitherGridScale) {
       put_chroma(f, format, p);
       ASSERT_EQ(RGL_OK, vmKtrRT_GLStartV1(f.luma(), f.chroma(), map.data(), 0, 0, 1.4f, 0, 0, 0, w, h));
       const Planes out = get_chroma(f, format);
-      // Largest radius at f/1.4 is 3% of the width; twice that plus two grid cells bounds any
-      // disc, its shape and the upsampling.
-      const int32_t reach = static_cast<int32_t>(2 * 0.03f * w + 1) + 2 * g_renderer.work.scale;
+      // Twice the largest radius at f/1.4 plus two grid cells bounds any disc, its shape and the
+      // upsampling.
+      const int32_t reach = static_cast<int32_t>(2 * render_max_radius(w, 1.4f) + 1) + 2 * g_renderer.work.scale;
       for (int32_t cy = 0; cy < h / 2; ++cy)
         for (int32_t cx = (subjectEnd + reach) / 2; cx < w / 2; ++cx) {
           const size_t i = static_cast<size_t>(cy) * (w / 2) + cx;

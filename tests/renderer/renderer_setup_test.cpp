@@ -1,6 +1,8 @@
 // Set-up, validation and close of the reference renderer.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "calib_block.h"
 #include "renderer_test_util.h"
@@ -151,10 +153,36 @@ TEST_F(RendererSetup, ParameterTwoSwitchesTheEffect) {
   EXPECT_EQ(RGL_ERR_ARGUMENT, vmKtrRT_SetParameter(3, p));
 }
 
-TEST(RendererModel, MaxRadiusIsThreePercentAtF14AndScalesInversely) {
-  EXPECT_NEAR(57.6f, render_max_radius(1920, 1.4f), 1e-3f);
-  EXPECT_NEAR(57.6f * 1.4f / 2.8f, render_max_radius(1920, 2.8f), 1e-3f);
-  EXPECT_NEAR(render_max_radius(1920, kMaxFNumber), render_max_radius(1920, 1000.0f), 1e-6f);
+// The generator's map and the renderer's radius together are one lens: 1.68 / f frame pixels of
+// blur per frame pixel of disparity past the half-pixel band, whatever the map's saturation
+// point, and followed up to a disparity difference of a twentieth of the depth width.
+TEST_F(RendererSetup, MapAndRadiusFollowOneLensUpToATwentiethOfTheDepthWidth) {
+  constexpr int32_t W = 1920, H = 1080, Wd = 320, Hd = 240;
+  ASSERT_EQ(RGL_OK, init(W, H, Wd, Hd, Wd, Hd));
+  ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap_init());
+  // Focus on a strip at the left (disparity 40 px); column 8 + k lies k / 16 px farther.
+  std::vector<uint16_t> depth(static_cast<size_t>(Wd) * Hd);
+  for (int32_t y = 0; y < Hd; ++y)
+    for (int32_t x = 0; x < Wd; ++x)
+      depth[static_cast<size_t>(y) * Wd + x] = static_cast<uint16_t>(640 - std::max(0, x - 8));
+  std::vector<uint8_t> map(depth.size());
+  uint16_t lo, hi, target;
+  ASSERT_EQ(RGL_OK, vmKtrRT_GenRefocusMap(map.data(), depth.data(), 0, Hd / 2, &lo, &hi, &target));
+  ASSERT_EQ(640, target);
+  for (float f : {1.4f, 2.0f, 4.0f}) {
+    const float rmax = render_max_radius(W, f), step = rmax / 255.0f;
+    for (int32_t x = 24; x < Wd; x += 16) {
+      const float disparity = (x - 8) / 16.0f;  // depth pixels from the focus plane
+      const float lens = 1.68f / f * (disparity - 0.5f) * W / Wd;
+      const float radius = map[static_cast<size_t>(Hd / 2) * Wd + x] / 255.0f * rmax;
+      if (disparity + 0.5f < Wd / 20.0f)
+        EXPECT_NEAR(lens, radius, step) << "f/" << f << " disparity " << disparity;
+      else
+        EXPECT_NEAR(std::min(lens, rmax), radius, step) << "f/" << f << " disparity " << disparity;
+    }
+  }
+  EXPECT_NEAR(render_max_radius(W, kMaxFNumber), render_max_radius(W, 1000.0f), 1e-6f);
+  EXPECT_NEAR(render_max_radius(W, kMinFNumber), render_max_radius(W, 0.5f), 1e-6f);
 }
 
 }  // namespace

@@ -657,8 +657,8 @@ bool lf_system_inputs(const Options& o, Lf* lf) {
 
 // The aperture that matches the renderer's lens, described with the bokeh settings.
 void lf_match_lens(const Options& o, Lf* lf) {
-  // The renderer's radius is map/255 x 0.042 W / f (f clamped to 0.95..32) and its map reaches
-  // 255 at W/40 pixels of disparity: b = 1.68 / f frame pixels of blur per pixel of disparity, and
+  // The renderer's radius is map/255 x 0.084 W / f (f clamped to 0.95..32) and its map reaches
+  // 255 at W/20 pixels of disparity: b = 1.68 / f frame pixels of blur per pixel of disparity, and
   // a pair n views apart matches an aperture of A = b n view steps, up to saturation.
   const double fClamped = std::min(32.0, std::max(0.95, o.fNumber));
   const double b = 1.68 / fClamped;
@@ -667,7 +667,7 @@ void lf_match_lens(const Options& o, Lf* lf) {
   printf(
       "\nbokeh at f/%.2f: the renderer's lens is %.3f px of blur per px of disparity = aperture %.2f views; its map "
       "saturates at %.1f px of pair disparity (%.2f views)\n",
-      o.fNumber, b, lf->aMatch, w / 40.0, w / 40.0 / o.apart);
+      o.fNumber, b, lf->aMatch, w / 20.0, w / 20.0 / o.apart);
   printf(
       "system depth %dx%d (mode %d), settle %d frames; in-focus region |d - d0| < %.1f view, scored against the "
       "input\n",

@@ -297,7 +297,7 @@ bool prepare(const Options& o, const char* name, int32_t motion, Prepared* out) 
   s.noiseSigma = 1.0f;
   s.motion = motion;
   s.motionAmount = motion == SCENE_OBJECT ? o.objectSpeed : 0.0f;
-  // The renderer's blur: radius = map / 255 x 0.03 W x 1.4 / f, the generator's map 255 at W_d / 40
+  // The renderer's blur: radius = map / 255 x 0.06 W x 1.4 / f, the generator's map 255 at W_d / 20
   // depth pixels of disparity, so 1.68 / f frame pixels of blur per frame pixel of disparity. A
   // thin lens blurs (aperture radius / baseline) per pixel of disparity with aperture radius
   // lensFocalMm / (2 f): the two agree when lensFocalMm = 3.36 x baseline.
