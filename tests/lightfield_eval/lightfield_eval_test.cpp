@@ -256,3 +256,57 @@ TEST(LightfieldEvalSequence, ScoresFourRunsAndNamesMissingFrames) {
 }
 
 }  // namespace
+
+// vm_lightfield_scene: the views are the scene seen from each camera (the plane's texture moves by
+// exactly FAR per view step, the triangles' truth lies where their colour is), the evaluator reads
+// them, and bad options and an unwritable folder are refused.
+TEST(LightfieldScene, WritesALightFieldTheEvaluatorReadsWithItsOwnGeometry) {
+  const std::string dir = work_dir() + "/thin";
+  ToolRun r = tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--side", "128", "--far", "-2"}, 120);
+  ASSERT_EQ(0, r.code) << r.err;
+  ImageF truth;
+  std::string error;
+  ASSERT_TRUE(image_read_pfm(dir + "/gt_disp_lowres.pfm", &truth, &error)) << error;
+  ASSERT_EQ(128, truth.width);
+  int32_t near = 0;
+  for (float d : truth.data) {
+    ASSERT_TRUE(d == 0.5f || d == -2.0f) << d;
+    near += d == 0.5f;
+  }
+  EXPECT_GT(near, 100);  // five thin triangles: a few percent of the frame
+  EXPECT_LT(near, 128 * 128 / 20);
+  Image8 centre, right;
+  ASSERT_TRUE(image_read8(view_name(dir, 40), &centre, &error)) << error;
+  ASSERT_TRUE(image_read8(view_name(dir, 41), &right, &error)) << error;
+  // Away from the triangles' columns (a tip thinner than a pixel covers no pixel centre, so the
+  // columns, not the pixels, are kept clear), view (1, 0) at x is the centre view at x - 2.
+  std::vector<bool> column(128, false);
+  for (int32_t y = 0; y < 128; ++y)
+    for (int32_t x = 0; x < 128; ++x) column[x] = column[x] || truth.data[size_t(y) * 128 + x] > 0;
+  int32_t compared = 0;
+  for (int32_t y = 0; y < 128; ++y)
+    for (int32_t x = 4; x < 120; ++x) {
+      bool plane = true;
+      for (int32_t dx = -4; dx <= 4; ++dx) plane = plane && !column[x + dx];
+      if (!plane) continue;
+      ++compared;
+      for (int32_t c = 0; c < 3; ++c)
+        ASSERT_EQ(centre.data[(size_t(y) * 128 + x - 2) * 3 + c], right.data[(size_t(y) * 128 + x) * 3 + c])
+            << x << "," << y;
+    }
+  EXPECT_GT(compared, 128 * 60);
+  r = run(args_for(dir, {"--no-depth", "--settle", "2", "--max-aperture", "1"}));
+  EXPECT_EQ(0, r.code) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("pair disparity")) << r.out;
+
+  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--near", "1", "--far", "1"}, 30).code);
+  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--side", "63"}, 30).code);
+  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--side", "64"}, 30).code);
+  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--what"}, 30).code);
+  // A file where the folder should be.
+  const std::string blocked = work_dir() + "/blocked";
+  { std::ofstream(blocked) << "x"; }
+  r = tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", blocked + "/lf", "--side", "64"}, 30);
+  EXPECT_EQ(5, r.code);
+  EXPECT_NE(std::string::npos, r.err.find("blocked")) << r.err;
+}
