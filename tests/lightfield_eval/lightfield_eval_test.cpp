@@ -300,7 +300,7 @@ TEST(LightfieldScene, WritesALightFieldTheEvaluatorReadsWithItsOwnGeometry) {
   EXPECT_NE(std::string::npos, r.out.find("pair disparity")) << r.out;
 
   EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--near", "1", "--far", "1"}, 30).code);
-  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--side", "63"}, 30).code);
+  EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--side", "1025"}, 30).code);
   EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--side", "64"}, 30).code);
   EXPECT_EQ(2, tool_run(work_dir(), VM_LIGHTFIELD_SCENE, {"--out", dir, "--what"}, 30).code);
   // A file where the folder should be.

@@ -97,7 +97,7 @@ void usage(FILE* f) {
           "textured triangles pointing up (bases 1.2%% .. 2.7%% of the side) at disparity NEAR before a\n"
           "textured plane at FAR.\n"
           "  --out DIR    made when missing\n"
-          "  --side N     views N x N, 64..2048 (default 512)\n"
+          "  --side N     views N x N, 64..1024 (default 512)\n"
           "  --near D     the triangles' disparity, -4..4 view steps (default 0.5)\n"
           "  --far D      the plane's, -4..4 (default -1); the two must differ\n"
           "  --seed N     texture seed, 0..65535 (default 1)\n"
@@ -113,7 +113,7 @@ bool parse(int argc, char** argv, Options* o, bool* help) {
     } else if (args.is("--out")) {
       if (!args.string_value(&o->out)) break;
     } else if (args.is("--side")) {
-      if (!args.int_value(64, 2048, &o->side)) break;
+      if (!args.int_value(64, 1024, &o->side)) break;
     } else if (args.is("--near")) {
       if (!args.double_value(-4, 4, &o->nearD)) break;
     } else if (args.is("--far")) {
