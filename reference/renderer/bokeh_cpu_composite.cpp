@@ -29,6 +29,12 @@ void lerp_rows(const float* plane, int32_t gw, int32_t gy0, int32_t gy1, float f
 // the radii around), with a margin for rounding.
 constexpr float kFullBlurRadius = kBlendStartCells + kBlendWidthCells + 0.01f;
 
+// Whether the radii around (their least lo, their largest hi) make an edge of the map the guide
+// must resolve: they differ by more than kGuideMinStep and some lies inside the blend ramp.
+inline bool guided(float lo, float hi) {
+  return hi - lo > kGuideMinStep && lo < kFullBlurRadius;
+}
+
 struct RowInputs {
   const float* cv;  // padded, interpolated grid rows: radius, background, fg alpha, fg premultiplied
   const float* bv;
@@ -61,7 +67,7 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
     const float hi = in.cmax[g0] > in.cmax[g1] ? in.cmax[g0] : in.cmax[g1];
     const bool front = in.front && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f);
     const float lo = in.cmin[g0] < in.cmin[g1] ? in.cmin[g0] : in.cmin[g1];
-    if (k0 == 0 && k1 == F && !in.front && (tGiven != nullptr || hi - lo <= kGuideMinStep || lo >= kFullBlurRadius)) {
+    if (k0 == 0 && k1 == F && !in.front && (tGiven != nullptr || !guided(lo, hi))) {
       // The common block: F samples, plain interpolation (constant trip counts so that it
       // compiles to vector code).
       const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
@@ -85,7 +91,7 @@ void prepare_block(int32_t b, int32_t count, int32_t gw, const RowInputs& in, co
     } else if (hi <= kBlendStartCells && !front) {
       for (int32_t k = k0; k < k1; ++k) t[k] = 0.0f;
     } else {
-      if (hi - lo > kGuideMinStep && lo < kFullBlurRadius) {
+      if (guided(lo, hi)) {
         const size_t i00 = static_cast<size_t>(gy0) * gw + g0, i01 = static_cast<size_t>(gy0) * gw + g1;
         const size_t i10 = static_cast<size_t>(gy1) * gw + g0, i11 = static_cast<size_t>(gy1) * gw + g1;
         const int32_t y00 = static_cast<int32_t>(colour[i00]), y01 = static_cast<int32_t>(colour[i01]);
@@ -171,7 +177,7 @@ void prepare_luma_line(int32_t count, int32_t gw, const RowInputs& in, const uin
     if (b >= 0 && b <= last && !(kFront && (in.av[b] > 0.0f || in.av[b + 1] > 0.0f))) {
       const float hi = in.cmax[b] > in.cmax[b + 1] ? in.cmax[b] : in.cmax[b + 1];
       const float lo = in.cmin[b] < in.cmin[b + 1] ? in.cmin[b] : in.cmin[b + 1];
-      if (hi - lo <= kGuideMinStep || lo >= kFullBlurRadius) {
+      if (!guided(lo, hi)) {
         const float c0 = in.cv[b], dc = in.cv[b + 1] - in.cv[b];
         const float b0 = in.bv[b], db = in.bv[b + 1] - in.bv[b];
         if (plain) {
@@ -238,12 +244,12 @@ int32_t line_spans(int32_t count, int32_t gw, const float* cmin, const float* cm
     const int32_t g0 = b < 0 ? 0 : b, g1 = b + 1 < gw ? b + 1 : gw - 1;
     const float hi = cmax[g0] > cmax[g1] ? cmax[g0] : cmax[g1];
     const float lo = cmin[g0] < cmin[g1] ? cmin[g0] : cmin[g1];
-    // Fully blurred before edge: where every radius is past the ramp, any choice among them
-    // gives t = 1, so the guide has nothing to decide (large blurs of steep map slopes).
-    const int32_t kind = hi <= kBlendStartCells    ? SPAN_SHARP
-                         : lo >= kFullBlurRadius   ? SPAN_FULL
-                         : hi - lo > kGuideMinStep ? SPAN_EDGE + b + 1
-                                                   : SPAN_PLAIN;
+    // Where every radius is past the ramp any choice among them gives t = 1: fully blurred,
+    // however steep the map (large blurs of a sloping surface are not an edge).
+    const int32_t kind = hi <= kBlendStartCells  ? SPAN_SHARP
+                         : lo >= kFullBlurRadius ? SPAN_FULL
+                         : guided(lo, hi)        ? SPAN_EDGE + b + 1
+                                                 : SPAN_PLAIN;
     if (kind < SPAN_EDGE && n > 0 && spans[3 * n - 1] == kind && spans[3 * n - 2] == from) {
       spans[3 * n - 2] = to;  // extends the previous run
       continue;
