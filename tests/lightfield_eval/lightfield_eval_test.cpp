@@ -113,9 +113,20 @@ TEST(LightfieldEval, MeasuresASyntheticLightFieldWithItsOwnGeometry) {
     EXPECT_EQ(im.width, 4 * kSide);
     EXPECT_EQ(im.height, kSide);
   }
-  // Both engine modes scored.
+  // Both engine modes scored, and drawn beside the truth: input | mode 1 | mode 2 | truth |
+  // errors, the near square brighter than the background in the truth and in both modes.
   EXPECT_NE(r.out.find("  mode 1 "), std::string::npos);
   EXPECT_NE(r.out.find("  mode 2 "), std::string::npos);
+  Image8 depth;
+  std::string e;
+  ASSERT_TRUE(image_read8(out + "/scene_depth.png", &depth, &e)) << e;
+  ASSERT_EQ(depth.width, 5 * kSide);
+  ASSERT_EQ(depth.height, kSide);
+  const auto grey = [&](int32_t panel, int32_t x, int32_t y) {
+    return int(depth.data[(size_t(y) * size_t(depth.width) + size_t(panel * kSide + x)) * size_t(depth.channels)]);
+  };
+  for (int32_t panel = 1; panel <= 3; ++panel) EXPECT_GT(grey(panel, 32, 32), grey(panel, 6, 6) + 20) << panel;
+  EXPECT_EQ(grey(4, 32, 32), 0);  // mode 1 within a pixel in the square's middle
 }
 
 TEST(LightfieldEval, ALensAtF4MatchesHalfTheAperture) {

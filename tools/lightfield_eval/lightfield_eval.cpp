@@ -621,23 +621,52 @@ int lf_set_up(const Options& o, Lf* lf) {
   return kToolExitDone;
 }
 
-// Depth: the engine on the full-resolution pair in both modes.
-void lf_depth_scores(const Lf& lf, ToolReport* report) {
+// A disparity as grey over the truth's range, 0 where there is no estimate.
+std::vector<uint8_t> disparity_grey(const std::vector<float>& d, float maxD) {
+  std::vector<uint8_t> g(d.size(), 0);
+  const float k = maxD > 0 ? 254.0f / maxD : 0.0f;
+  for (size_t i = 0; i < d.size(); ++i)
+    if (isfinite(d[i])) g[i] = uint8_t(1.0f + std::min(254.0f, std::max(0.0f, d[i] * k)));
+  return g;
+}
+
+// Depth: the engine on the full-resolution pair in both modes. With --out, a picture per scene:
+// input | mode 1 | mode 2 | truth | mode 1's errors (grey over 1 px, white over 2 px, black in
+// between the others).
+void lf_depth_scores(const Options& o, const Lf& lf, ToolReport* report) {
   std::string error;
   printf("\ndepth (pair pixels)  %8s %8s %8s | %9s %9s %9s | %9s | %8s\n", "bad 1.0", "bad 2.0", "MAE", "band b1.0",
          "band b2.0", "band MAE", "obj b1.0", "ms");
+  std::vector<std::vector<uint8_t>> greys(2);
+  std::vector<uint8_t> errors(lf.n, 0);
+  bool complete = true;
   for (int32_t q = 1; q <= 2; ++q) {
     ImageF est;
     double ms = 0;
     if (!run_engine(lf.centre, lf.rightShifted, 0.0f, lf.maxD, q, &est, &ms, &error)) {
       report->skip(lf.scene + " depth mode " + std::to_string(q), error);
+      complete = false;
       continue;
     }
     const DepthScore ds = depth_score(est, lf.D, lf.band, 1.0f);
     printf("  mode %d             %7.2f%% %7.2f%% %8.3f | %8.2f%% %8.2f%% %9.3f | %8.2f%% | %8.1f\n", q, ds.bad1,
            ds.bad2, ds.mae, ds.bandBad1, ds.bandBad2, ds.bandMae, ds.objBad1, ms);
     report->processed++;
+    greys[size_t(q - 1)] = disparity_grey(est.data, lf.maxD);
+    if (q == 1)
+      for (size_t i = 0; i < lf.n; ++i) {
+        if (!isfinite(lf.D[i])) continue;
+        const float e = isfinite(est.data[i]) ? fabsf(est.data[i] - lf.D[i]) : INFINITY;
+        errors[i] = e > 2.0f ? 255 : e > 1.0f ? 128 : 0;
+      }
   }
+  if (o.out.empty() || !complete) return;
+  const std::vector<uint8_t> truth = disparity_grey(lf.D, lf.maxD);
+  const std::vector<float> luma = luma_of(lf.centre);
+  std::vector<uint8_t> input(lf.n);
+  for (size_t i = 0; i < lf.n; ++i) input[i] = clamp8(luma[i]);
+  write_strip(o.out + "/" + lf.scene + "_depth.png", {&input, &greys[0], &greys[1], &truth, &errors}, lf.w, lf.h,
+              report);
 }
 
 // The system's inputs for the pair held still: the two frames in NV21 and the calibration.
@@ -776,15 +805,15 @@ int lightfield(const Options& o, ToolReport* report) {
   Lf lf;
   const int setUp = lf_set_up(o, &lf);
   if (setUp != kToolExitDone) return setUp;
-  if (o.depthScores) lf_depth_scores(lf, report);
-  // Bokeh: the whole system on the pair held still, against the shift-and-add refocus.
-  if (!lf_system_inputs(o, &lf)) return kToolExitRefused;
-  lf_match_lens(o, &lf);
   std::string error;
   if (!o.out.empty() && !tool_make_dirs(o.out, &error)) {
     report->write_failed(o.out, error);
     return report->finish();
   }
+  if (o.depthScores) lf_depth_scores(o, lf, report);
+  // Bokeh: the whole system on the pair held still, against the shift-and-add refocus.
+  if (!lf_system_inputs(o, &lf)) return kToolExitRefused;
+  lf_match_lens(o, &lf);
   for (const Focus& f : lf.points) lf_focus_point(o, lf, f, report);
   return report->finish();
 }
@@ -1123,7 +1152,8 @@ void usage(FILE* f) {
           "  --sequence DIR    left/NNNN.png, right/NNNN.png, disp_left/NNNN.pfm: per-frame error and flicker\n"
           "                    of the depth the system publishes, stereo and chip depth, filter on and off\n"
           "  --focus X,Y       a focus point in frame pixels (repeatable, up to 16; default the centre)\n"
-          "  --out DIR         pictures input | system | oracle | 4 x error per focus point (PNG)\n"
+          "  --out DIR         pictures input | system | oracle | 4 x error per focus point, and\n"
+          "                    input | mode 1 | mode 2 | truth | mode 1's errors for the depth (PNG)\n"
           "  --apart N         views between the pair's cameras, 1..4 (default 4)\n"
           "  --depth-size WxH  the system's depth map, 16..4096 a side (default 256x256)\n"
           "  --fnumber F       0.95..32 (default 2)\n"
