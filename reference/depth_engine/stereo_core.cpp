@@ -30,6 +30,13 @@ size_t padded_bytes(int32_t w, int32_t h) {
   return padded_stride(w) * size_t(h + 2 * kPadY);
 }
 
+// Regions of at least planeMinSize pixels, so at most n / planeMinSize of them; none when off.
+int32_t plane_count(const StereoParams& p) {
+  if (p.planeMinSize <= 0) return 0;
+  const int32_t minSize = p.planeMinSize < 8 ? 8 : p.planeMinSize;
+  return int32_t(int64_t(p.width) * p.height / minSize);
+}
+
 // Margins of the reversed right row and of the right view's best-cost row (scratch for lanes
 // whose pixel is outside the image).
 size_t reversed_margin(const StereoParams& p) {
@@ -522,6 +529,12 @@ bool stereo_params_default(StereoParams* p, int32_t width, int32_t height, int32
   p->p2Halving = p->quality == 2 ? 24 : 3;
   p->uniqueness = 5;
   p->speckleSize = clampi(width * height / 800, 8, 400);
+  // Uniform regions (neighbours within 2 levels, the region within 2) of 48 pixels or more get
+  // a plane: inside them the paths only carry what the region's edges matched, as steps of
+  // constant disparity, where the surface is usually a slanted plane.
+  p->planeStep = 2;
+  p->planeRange = 2;
+  p->planeMinSize = 48;
   p->fill = true;
   // A 3 x 3 window in both modes (about 6% of the standard mode's time at 320 x 240); 5 x 5
   // gained a little more for far more time.
@@ -540,6 +553,7 @@ size_t stereo_bytes_needed(const StereoParams* p) {
   uint64_t rows = uint64_t(kMaxPaths) * (w + 2) * (nd + 2);
   uint64_t total = n * 8 * 2 + uint64_t(padded_bytes(p->width, p->height)) + scratch * 8 + w * nd * 2 * 4 + n * nd * 3 +
                    rows * 2 * 2 + uint64_t(kMaxPaths) * (w + 2) * 2 * 2 + scratch * 2 * 2 + n * 2 * 2 + n * 4 * 2 + n;
+  total += uint64_t(plane_count(*p)) * sizeof(StereoPlane);
   if (total > (uint64_t(1) << 31)) return 0;  // also keeps 32-bit builds' size_t safe
   return size_t(total);
 }
@@ -572,11 +586,14 @@ bool stereo_alloc(StereoBuffers* b, const StereoParams* p) {
   b->labels = static_cast<int32_t*>(malloc(n * 4));
   b->stack = static_cast<int32_t*>(malloc(n * 4));
   b->holeKind = static_cast<uint8_t*>(malloc(n));
+  b->maxPlanes = plane_count(*p);
+  b->planes =
+      b->maxPlanes > 0 ? static_cast<StereoPlane*>(malloc(size_t(b->maxPlanes) * sizeof(StereoPlane))) : nullptr;
   b->bytes = bytes;
   refine_weights(b);
   if (!b->censusL || !b->censusR || !b->padded || !b->reversed || !b->cost || !b->costs || !b->sum || !b->rowSum ||
       !b->pathPrev || !b->pathCur || !b->minPrev || !b->minCur || !b->rowMin || !b->rowDisp || !b->dispL || !b->dispR ||
-      !b->labels || !b->stack || !b->holeKind) {
+      !b->labels || !b->stack || !b->holeKind || (b->maxPlanes > 0 && !b->planes)) {
     stereo_free(b);
     return false;
   }
@@ -603,6 +620,7 @@ void stereo_free(StereoBuffers* b) {
   free(b->labels);
   free(b->stack);
   free(b->holeKind);
+  free(b->planes);
   memset(b, 0, sizeof(*b));
 }
 
@@ -686,6 +704,163 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
     if (parent[i] >= 0 && size_t(size[parent[i]]) < size_t(maxSize)) disp[i] = STEREO_INVALID;
 }
 
+namespace {
+
+// Root of i with path halving (every link points to a lower index).
+inline int32_t find_root(int32_t* parent, int32_t i) {
+  while (parent[i] != i) {
+    parent[i] = parent[parent[i]];
+    i = parent[i];
+  }
+  return i;
+}
+
+// Uniform regions by union-find over the left and upper neighbours: a neighbour within `step`
+// levels joins when the joined region's luma stays within `range` (a bound on the region, not
+// only on the steps, so that a slow ramp of shading does not chain into one region). Roots are
+// each region's first pixel in scan order; lohi holds a root's luma bounds. On return every
+// pixel points at its root and `size` holds each root's pixel count.
+void uniform_regions(const uint8_t* img, int32_t stride, int32_t w, int32_t h, int32_t step, int32_t range,
+                     int32_t* parent, uint8_t* lohi, int32_t* size) {
+  for (int32_t y = 0, i = 0; y < h; ++y) {
+    const uint8_t* row = img + size_t(y) * size_t(stride);
+    const uint8_t* up = y > 0 ? row - stride : row;
+    int32_t leftRoot = i;            // the left pixel's root: nothing merges it away before this pixel
+    int32_t leftLo = 0, leftHi = 0;  // and its luma bounds, kept here rather than re-read
+    for (int32_t x = 0; x < w; ++x, ++i) {
+      const int32_t v = row[x];
+      parent[i] = i;
+      const int32_t lo1 = v < leftLo ? v : leftLo, hi1 = v > leftHi ? v : leftHi;
+      const bool joinL = x > 0 && absi(v - row[x - 1]) <= step && hi1 - lo1 <= range;
+      int32_t root = joinL ? leftRoot : i;
+      int32_t lo = joinL ? lo1 : v, hi = joinL ? hi1 : v;
+      if (y > 0 && absi(v - up[x]) <= step) {
+        int32_t u = parent[i - w];
+        while (parent[u] != u) u = parent[u] = parent[parent[u]];
+        const int32_t ulo = lohi[2 * u], uhi = lohi[2 * u + 1];
+        const int32_t mlo = ulo < lo ? ulo : lo, mhi = uhi > hi ? uhi : hi;
+        if (u != root && mhi - mlo <= range) {
+          const int32_t keep = u < root ? u : root, drop = u < root ? root : u;
+          parent[drop] = keep;
+          root = keep, lo = mlo, hi = mhi;
+        }
+      }
+      lohi[2 * root] = uint8_t(lo), lohi[2 * root + 1] = uint8_t(hi);
+      parent[i] = root;
+      leftRoot = root, leftLo = lo, leftHi = hi;
+    }
+  }
+  // Every link points to a lower index, so in scan order one step reaches the root. Sizes are
+  // counted per pixel: on texture the runs of one root are short and random, and a branch per
+  // run costs more than the increments.
+  const int32_t n = w * h;
+  for (int32_t i = 0; i < n; ++i) parent[i] = parent[parent[i]];
+  for (int32_t i = 0; i < n; ++i) size[i] = 0;
+  for (int32_t i = 0; i < n; ++i) ++size[parent[i]];
+}
+
+// Least squares over the sums (a small ridge on the slopes keeps one-row regions solvable, with
+// no slope across the rows); the plane in 1/2^16 of a disparity step. False when degenerate or
+// steeper than a pixel of disparity per pixel.
+bool solve_plane(StereoPlane* q) {
+  if (q->n < 6) return false;
+  const double n = double(q->n), mx = double(q->sx) / n, my = double(q->sy) / n, md = double(q->sd) / n;
+  const double cxx = double(q->sxx) / n - mx * mx + 0.05, cyy = double(q->syy) / n - my * my + 0.05;
+  const double cxy = double(q->sxy) / n - mx * my;
+  const double cxd = double(q->sxd) / n - mx * md, cyd = double(q->syd) / n - my * md;
+  const double det = cxx * cyy - cxy * cxy;
+  if (!(det > 1e-9)) return false;
+  const double a = (cxd * cyy - cyd * cxy) / det, b = (cyd * cxx - cxd * cxy) / det;
+  if (fabs(a) > STEREO_SUBPIXEL || fabs(b) > STEREO_SUBPIXEL) return false;
+  const double c = md - a * mx - b * my;
+  if (fabs(c) > 1e9) return false;
+  q->a = llround(a * 65536.0), q->b = llround(b * 65536.0), q->c = llround(c * 65536.0);
+  return true;
+}
+
+}  // namespace
+
+void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
+  const StereoParams& p = b->params;
+  const int32_t w = p.width, h = p.height, n = w * h;
+  if (b->planes == nullptr || b->maxPlanes <= 0 || p.planeMinSize <= 0) return;
+  int32_t* region = b->labels;  // each pixel's root, then its plane or -1
+  int32_t* size = b->stack;     // by root: the region's size, then its plane or -1
+  uniform_regions(img, stride, w, h, p.planeStep, p.planeRange, region, reinterpret_cast<uint8_t*>(b->dispR), size);
+  // Roots come first in their regions, so one scan numbers the planes and labels the pixels
+  // (selections again; size[] of a pixel that is not a root is never read).
+  int32_t planes = 0;
+  for (int32_t i = 0; i < n; ++i) {
+    const int32_t r = region[i];
+    const bool isRoot = r == i;
+    const bool take = isRoot && size[i] >= p.planeMinSize && planes < b->maxPlanes;
+    if (take) {
+      memset(&b->planes[planes], 0, sizeof(StereoPlane));
+      b->planes[planes].ok = 1;
+      b->planes[planes].size = size[i];
+    }
+    size[i] = isRoot ? (take ? planes : -1) : size[i];
+    planes += take ? 1 : 0;
+    region[i] = size[r];
+  }
+  if (planes == 0) return;
+  const int16_t* d = b->dispL;
+  // Three fits: every matched pixel, then those within 3 and within 1 pixel of the fit before
+  // (mismatches and the neighbour's surface at the region's edges drop out).
+  const int64_t reach[3] = {INT64_MAX, int64_t(3 * STEREO_SUBPIXEL) << 16, int64_t(STEREO_SUBPIXEL) << 16};
+  for (int32_t round = 0; round < 3; ++round) {
+    for (int32_t s = 0; s < planes; ++s) {
+      StereoPlane& q = b->planes[s];
+      q.n = q.sx = q.sy = q.sxx = q.sxy = q.syy = q.sd = q.sxd = q.syd = 0;
+      if (round == 0) q.matched = 0;
+    }
+    for (int32_t y = 0, i = 0; y < h; ++y)
+      for (int32_t x = 0; x < w; ++x, ++i) {
+        const int32_t s = region[i];
+        if (s < 0 || d[i] == STEREO_INVALID) continue;
+        StereoPlane& q = b->planes[s];
+        if (!q.ok) continue;
+        if (round == 0) {
+          ++q.matched;
+        } else {
+          const int64_t r = q.a * x + q.b * y + q.c - (int64_t(d[i]) << 16);
+          if (r > reach[round] || -r > reach[round]) continue;
+        }
+        const int64_t v = d[i];
+        q.n += 1, q.sx += x, q.sy += y, q.sxx += int64_t(x) * x, q.sxy += int64_t(x) * y, q.syy += int64_t(y) * y;
+        q.sd += v, q.sxd += v * x, q.syd += v * y;
+      }
+    for (int32_t s = 0; s < planes; ++s) {
+      StereoPlane& q = b->planes[s];
+      if (q.ok) q.ok = solve_plane(&q) ? 1 : 0;
+    }
+  }
+  // A plane holds when at least half the region's matched pixels lie within a pixel of it and at
+  // least a fifth of the region was matched.
+  for (int32_t s = 0; s < planes; ++s) {
+    StereoPlane& q = b->planes[s];
+    if (q.ok && (2 * q.n < q.matched || 5 * int64_t(q.matched) < q.size)) q.ok = 0;
+  }
+  const int64_t lo = int64_t(p.minDisparity) * STEREO_SUBPIXEL;
+  const int64_t hi = int64_t(p.minDisparity + p.disparities - 1) * STEREO_SUBPIXEL;
+  const int64_t near = int64_t(3 * STEREO_SUBPIXEL) << 16;
+  int16_t* out = b->dispL;
+  for (int32_t y = 0, i = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x, ++i) {
+      const int32_t s = region[i];
+      if (s < 0 || !b->planes[s].ok) continue;
+      const StereoPlane& q = b->planes[s];
+      const int64_t v = q.a * x + q.b * y + q.c;
+      if (out[i] == STEREO_INVALID ? b->holeKind[i] == 1
+                                   : (v - (int64_t(out[i]) << 16) > near || (int64_t(out[i]) << 16) - v > near))
+        continue;
+      int64_t r = (v + 32768) >> 16;
+      r = r < lo ? lo : r > hi ? hi : r;
+      out[i] = int16_t(r);
+      b->holeKind[i] = 0;
+    }
+}
+
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,
                 int16_t* disparity) {
   const StereoParams& p = b->params;
@@ -701,6 +876,7 @@ void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const
   const size_t n = size_t(w) * size_t(h);
   for (size_t i = 0; i < n; ++i)
     if (b->dispL[i] == STEREO_INVALID && b->holeKind[i] == 0) b->holeKind[i] = 2;
+  stereo_fit_planes(b, left, leftStride);
   if (p.fill) {
     fill_holes(b, left, leftStride);
     stereo_refine_edges(b, left, leftStride);

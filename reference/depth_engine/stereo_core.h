@@ -27,10 +27,23 @@ struct StereoParams {
   int32_t p2Halving;     // luma step (levels) between neighbours at which P2 is halved (0 = 24)
   int32_t uniqueness;    // percent
   int32_t speckleSize;   // components smaller than this (pixels) are removed; 0 = by image size
+  int32_t planeStep;     // plane fitting over uniform regions: largest luma step between neighbours
+  int32_t planeRange;    // and across a region (levels); planeMinSize 0 turns it off
+  int32_t planeMinSize;  // regions smaller than this (pixels) keep the matcher's values
   bool fill;             // fill holes so that the output is dense
   int32_t refineRadius;  // edge refinement after filling: window radius 0 (off) .. STEREO_MAX_REFINE_RADIUS
   bool simd;             // the fastest kernels this processor runs; false: the plain reference
   bool bytePaths;        // path costs in bytes where that is exact (same results, faster)
+};
+
+// One uniform region's plane: sums over the pixels of the current fit, then d = (a x + b y + c)
+// / 2^16 in 1/STEREO_SUBPIXEL pixels.
+struct StereoPlane {
+  int64_t n, sx, sy, sxx, sxy, syy, sd, sxd, syd;
+  int64_t a, b, c;
+  int32_t size;     // the region's pixels
+  int32_t matched;  // and how many of them were matched
+  int32_t ok;       // the fit holds so far
 };
 
 struct StereoBuffers {
@@ -56,7 +69,9 @@ struct StereoBuffers {
   int16_t* dispR;    // integer pixels of the right view (for the left-right check)
   int32_t* labels;
   int32_t* stack;
-  uint8_t* holeKind;        // 0 valid, 1 mismatch / occlusion, 2 other
+  uint8_t* holeKind;    // 0 valid, 1 mismatch / occlusion, 2 other
+  StereoPlane* planes;  // n / planeMinSize of them (null when plane fitting is off)
+  int32_t maxPlanes;
   int32_t refineLuma[256];  // edge refinement weights (1/256) by luma difference and by offset
   int32_t refineSpace[2 * STEREO_MAX_REFINE_RADIUS + 1][2 * STEREO_MAX_REFINE_RADIUS + 1];
 };
@@ -86,6 +101,11 @@ int32_t stereo_census_bits(int32_t quality);
 // Dense hole filling of b->dispL guided by the main luma (b->holeKind says which holes are
 // left-right failures). Fills in place; uses labels and stack as scratch; allocates nothing.
 void stereo_fill_holes(StereoBuffers* b, const uint8_t* img, int32_t stride);
+// Planes over the uniform regions of the main image (regions of planeMinSize or more pixels whose
+// luma stays within planeRange): where one plane explains at least half of a region's matched
+// pixels to within a pixel, the region's values near it and its holes other than occlusions take
+// the plane. Uses labels, stack and dispR as scratch; allocates nothing.
+void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride);
 // Edge refinement of the filled map in b->dispL: where the window of radius params.refineRadius
 // holds a jump of more than one pixel, each pixel takes the weighted median of its window (weights from luma
 // similarity to the centre and from distance), so depth edges follow the main image's edges.

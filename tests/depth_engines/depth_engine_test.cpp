@@ -299,6 +299,69 @@ TEST(StereoCore, EdgeRefinementFollowsLumaAndKeepsThinStructures) {
   stereo_free(&b);
 }
 
+// A uniform rectangle on texture, slanted in depth, as the matcher leaves it: whole-pixel steps,
+// half of it a pixel off either way, a patch of another surface, holes. The plane comes back to within a
+// quarter pixel everywhere in it except the other surface and the occlusion holes; the texture
+// around it, and a uniform region whose values no plane explains, keep their values.
+TEST(StereoCore, UniformRegionsTakeThePlaneTheirMatchesFit) {
+  const int32_t w = 64, h = 40, x0 = 16, x1 = 48, y0 = 8, y1 = 32;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 1));
+  ASSERT_GT(p.planeMinSize, 0);
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h);
+  std::vector<int16_t> in(img.size());
+  std::vector<uint8_t> kind(img.size(), 0);
+  const auto truth = [&](int32_t x, int32_t y) {
+    return (10.0 + 0.25 * (x - x0) + 0.125 * (y - y0)) * STEREO_SUBPIXEL;
+  };
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      const bool inside = x >= x0 && x < x1 && y >= y0 && y < y1;
+      img[i] = inside ? 120 : ((x + y) & 1) != 0 ? 60 : 180;  // a checkerboard outside: no uniform region
+      in[i] = int16_t(5 * STEREO_SUBPIXEL);
+      if (!inside) continue;
+      in[i] = int16_t(lround(truth(x, y) / STEREO_SUBPIXEL) * STEREO_SUBPIXEL);
+      if ((x + 2 * y) % 4 == 0) in[i] = int16_t(in[i] + STEREO_SUBPIXEL);
+      if ((x + 2 * y) % 4 == 2) in[i] = int16_t(in[i] - STEREO_SUBPIXEL);
+      if (x >= 40 && y >= 26) in[i] = int16_t(28 * STEREO_SUBPIXEL);  // another surface
+      if (y == 12 && x < 30) in[i] = STEREO_INVALID, kind[i] = 2;     // a hole
+      if (y == 20 && x < 24) in[i] = STEREO_INVALID, kind[i] = 1;     // an occlusion
+    }
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  memcpy(b.holeKind, kind.data(), kind.size());
+  stereo_fit_planes(&b, img.data(), w);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      const bool inside = x >= x0 && x < x1 && y >= y0 && y < y1;
+      if (!inside || (x >= 40 && y >= 26) || kind[i] == 1) {
+        EXPECT_EQ(in[i], b.dispL[i]) << x << "," << y;
+        continue;
+      }
+      EXPECT_NEAR(truth(x, y), b.dispL[i], STEREO_SUBPIXEL / 4) << x << "," << y;
+      EXPECT_EQ(0, b.holeKind[i]) << x << "," << y;
+    }
+  // Values no plane explains: the region keeps them.
+  for (int32_t y = y0; y < y1; ++y)
+    for (int32_t x = x0; x < x1; ++x)
+      in[size_t(y) * w + size_t(x)] = int16_t(((x * 7 + y * 13) % 29) * STEREO_SUBPIXEL);
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  stereo_fit_planes(&b, img.data(), w);
+  EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
+  stereo_free(&b);
+  // Turned off, the step allocates nothing and changes nothing.
+  p.planeMinSize = 0;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  EXPECT_EQ(nullptr, b.planes);
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  stereo_fit_planes(&b, img.data(), w);
+  EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
+  stereo_free(&b);
+}
+
 // Hole filling on flat luma, so that only the rule decides. Left-right failures take the farther
 // surface, except in the strip left of the search range's reach, where a near candidate that would
 // match left of the sub view explains the failure: a near surface at the left border continues into
