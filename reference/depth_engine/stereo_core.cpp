@@ -706,15 +706,6 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
 
 namespace {
 
-// Root of i with path halving (every link points to a lower index).
-inline int32_t find_root(int32_t* parent, int32_t i) {
-  while (parent[i] != i) {
-    parent[i] = parent[parent[i]];
-    i = parent[i];
-  }
-  return i;
-}
-
 // Uniform regions by union-find over the left and upper neighbours: a neighbour within `step`
 // levels joins when the joined region's luma stays within `range` (a bound on the region, not
 // only on the steps, so that a slow ramp of shading does not chain into one region). Roots are
