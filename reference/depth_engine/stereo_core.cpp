@@ -779,7 +779,7 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   int32_t* size = b->stack;     // by root: the region's size, then its plane or -1
   uniform_regions(img, stride, w, h, p.planeStep, p.planeRange, region, reinterpret_cast<uint8_t*>(b->dispR), size);
   // Roots come first in their regions, so one scan numbers the planes and labels the pixels
-  // (selections again; size[] of a pixel that is not a root is never read).
+  // (size[] of a pixel that is not a root is never read).
   int32_t planes = 0;
   for (int32_t i = 0; i < n; ++i) {
     const int32_t r = region[i];
