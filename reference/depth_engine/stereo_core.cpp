@@ -706,26 +706,63 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
 
 namespace {
 
-// Uniform regions by union-find over the left and upper neighbours: a neighbour within `step`
-// levels joins when the joined region's luma stays within `range` (a bound on the region, not
-// only on the steps, so that a slow ramp of shading does not chain into one region). Roots are
-// each region's first pixel in scan order; lohi holds a root's luma bounds. On return every
-// pixel points at its root and `size` holds each root's pixel count.
+// Pixels that lie in a 2x2 block within `range` levels: a region of uniform luma covers whole
+// blocks, while texture, where neighbours join and split at random, has almost none. Only these
+// pixels enter the regions, which keeps the union-find's unpredictable branches off texture.
+// `in` is w x h bytes; `rows` 2 x (w + 1) bytes of scratch: two rows of block flags, each with a
+// clear flag in front so that every pixel reads the blocks at x - 1 and x alike.
+void uniform_mask(const uint8_t* img, int32_t stride, int32_t w, int32_t h, int32_t range, uint8_t* in, uint8_t* rows) {
+  uint8_t* above = rows;
+  uint8_t* below = rows + w + 1;
+  memset(rows, 0, 2 * (size_t(w) + 1));  // no blocks above the first row
+  for (int32_t y = 0; y < h; ++y) {
+    if (y + 1 < h) {
+      const uint8_t* a = img + size_t(y) * size_t(stride);
+      const uint8_t* c = a + stride;
+      for (int32_t x = 0; x + 1 < w; ++x) {
+        const uint8_t a0 = a[x], a1 = a[x + 1], c0 = c[x], c1 = c[x + 1];
+        const uint8_t l0 = a0 < a1 ? a0 : a1, l1 = c0 < c1 ? c0 : c1;
+        const uint8_t h0 = a0 > a1 ? a0 : a1, h1 = c0 > c1 ? c0 : c1;
+        const uint8_t lo = l0 < l1 ? l0 : l1, hi = h0 > h1 ? h0 : h1;
+        below[x + 1] = uint8_t(hi - lo) <= range ? 1 : 0;
+      }
+      below[w] = 0;
+    } else {
+      memset(below, 0, size_t(w) + 1);  // no blocks below the last row
+    }
+    uint8_t* o = in + size_t(y) * size_t(w);
+    for (int32_t x = 0; x < w; ++x) o[x] = above[x] | above[x + 1] | below[x] | below[x + 1];
+    uint8_t* t = above;
+    above = below, below = t;
+  }
+}
+
+// Uniform regions by union-find over the left and upper neighbours, among the pixels `in`
+// marks: a neighbour within `step` levels joins when the joined region's luma stays within
+// `range` (a bound on the region, not only on the steps, so that a slow ramp of shading does
+// not chain into one region). Roots are each region's first pixel in scan order; lohi holds a
+// root's luma bounds. On return every marked pixel points at its root, the others hold -1, and
+// `size` holds each root's pixel count.
 void uniform_regions(const uint8_t* img, int32_t stride, int32_t w, int32_t h, int32_t step, int32_t range,
-                     int32_t* parent, uint8_t* lohi, int32_t* size) {
+                     const uint8_t* in, int32_t* parent, uint8_t* lohi, int32_t* size) {
   for (int32_t y = 0, i = 0; y < h; ++y) {
     const uint8_t* row = img + size_t(y) * size_t(stride);
     const uint8_t* up = y > 0 ? row - stride : row;
-    int32_t leftRoot = i;            // the left pixel's root: nothing merges it away before this pixel
+    int32_t leftRoot = -1;           // the left pixel's root: nothing merges it away before this pixel
     int32_t leftLo = 0, leftHi = 0;  // and its luma bounds, kept here rather than re-read
     for (int32_t x = 0; x < w; ++x, ++i) {
+      if (!in[i]) {
+        parent[i] = -1;
+        leftRoot = -1;
+        continue;
+      }
       const int32_t v = row[x];
       parent[i] = i;
       const int32_t lo1 = v < leftLo ? v : leftLo, hi1 = v > leftHi ? v : leftHi;
-      const bool joinL = x > 0 && absi(v - row[x - 1]) <= step && hi1 - lo1 <= range;
+      const bool joinL = leftRoot >= 0 && absi(v - row[x - 1]) <= step && hi1 - lo1 <= range;
       int32_t root = joinL ? leftRoot : i;
       int32_t lo = joinL ? lo1 : v, hi = joinL ? hi1 : v;
-      if (y > 0 && absi(v - up[x]) <= step) {
+      if (y > 0 && in[i - w] && absi(v - up[x]) <= step) {
         int32_t u = parent[i - w];
         while (parent[u] != u) u = parent[u] = parent[parent[u]];
         const int32_t ulo = lohi[2 * u], uhi = lohi[2 * u + 1];
@@ -741,13 +778,16 @@ void uniform_regions(const uint8_t* img, int32_t stride, int32_t w, int32_t h, i
       leftRoot = root, leftLo = lo, leftHi = hi;
     }
   }
-  // Every link points to a lower index, so in scan order one step reaches the root. Sizes are
-  // counted per pixel: on texture the runs of one root are short and random, and a branch per
-  // run costs more than the increments.
+  // Every link points to a lower index, so in scan order one step reaches the root.
   const int32_t n = w * h;
-  for (int32_t i = 0; i < n; ++i) parent[i] = parent[parent[i]];
-  for (int32_t i = 0; i < n; ++i) size[i] = 0;
-  for (int32_t i = 0; i < n; ++i) ++size[parent[i]];
+  for (int32_t i = 0; i < n; ++i) {
+    const int32_t r = parent[i];
+    if (r < 0) continue;
+    const int32_t root = parent[r];
+    parent[i] = root;
+    size[i] = 0;
+    ++size[root];
+  }
 }
 
 // Least squares over the sums (a small ridge on the slopes keeps one-row regions solvable, with
@@ -777,12 +817,15 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   if (b->planes == nullptr || b->maxPlanes <= 0 || p.planeMinSize <= 0) return;
   int32_t* region = b->labels;  // each pixel's root, then its plane or -1
   int32_t* size = b->stack;     // by root: the region's size, then its plane or -1
-  uniform_regions(img, stride, w, h, p.planeStep, p.planeRange, region, reinterpret_cast<uint8_t*>(b->dispR), size);
+  uint8_t* in = b->padded;      // free once the census is taken; it holds w x h + 2 x (w + 1) bytes
+  uniform_mask(img, stride, w, h, p.planeRange, in, in + size_t(n));
+  uniform_regions(img, stride, w, h, p.planeStep, p.planeRange, in, region, reinterpret_cast<uint8_t*>(b->dispR), size);
   // Roots come first in their regions, so one scan numbers the planes and labels the pixels
   // (size[] of a pixel that is not a root is never read).
   int32_t planes = 0;
   for (int32_t i = 0; i < n; ++i) {
     const int32_t r = region[i];
+    if (r < 0) continue;
     const bool isRoot = r == i;
     const bool take = isRoot && size[i] >= p.planeMinSize && planes < b->maxPlanes;
     if (take) {
