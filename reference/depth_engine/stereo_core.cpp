@@ -706,6 +706,24 @@ void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_
 
 namespace {
 
+// The first marked byte of in[x .. end), or end: eight bytes at a time, since on texture the
+// marks are few and far apart.
+inline int32_t next_marked(const uint8_t* in, int32_t x, int32_t end) {
+  for (; x + 8 <= end; x += 8) {
+    uint64_t v;
+    memcpy(&v, in + x, sizeof(v));
+    if (v != 0) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+      return x + (__builtin_ctzll(v) >> 3);
+#else
+      break;
+#endif
+    }
+  }
+  while (x < end && in[x] == 0) ++x;
+  return x;
+}
+
 // Pixels that lie in a 2x2 block within `range` levels: a region of uniform luma covers whole
 // blocks, while texture, where neighbours join and split at random, has almost none. Only these
 // pixels enter the regions, which keeps the union-find's unpredictable branches off texture.
@@ -741,21 +759,23 @@ void uniform_mask(const uint8_t* img, int32_t stride, int32_t w, int32_t h, int3
 // marks: a neighbour within `step` levels joins when the joined region's luma stays within
 // `range` (a bound on the region, not only on the steps, so that a slow ramp of shading does
 // not chain into one region). Roots are each region's first pixel in scan order; lohi holds a
-// root's luma bounds. On return every marked pixel points at its root, the others hold -1, and
-// `size` holds each root's pixel count.
+// root's luma bounds. On return every marked pixel points at its root and `size` holds each
+// root's pixel count; nothing is written for the other pixels.
 void uniform_regions(const uint8_t* img, int32_t stride, int32_t w, int32_t h, int32_t step, int32_t range,
                      const uint8_t* in, int32_t* parent, uint8_t* lohi, int32_t* size) {
-  for (int32_t y = 0, i = 0; y < h; ++y) {
+  for (int32_t y = 0; y < h; ++y) {
     const uint8_t* row = img + size_t(y) * size_t(stride);
     const uint8_t* up = y > 0 ? row - stride : row;
+    const uint8_t* rowIn = in + size_t(y) * size_t(w);
     int32_t leftRoot = -1;           // the left pixel's root: nothing merges it away before this pixel
     int32_t leftLo = 0, leftHi = 0;  // and its luma bounds, kept here rather than re-read
-    for (int32_t x = 0; x < w; ++x, ++i) {
-      if (!in[i]) {
-        parent[i] = -1;
+    for (int32_t x = next_marked(rowIn, 0, w); x < w; ++x) {
+      if (!rowIn[x]) {
         leftRoot = -1;
+        x = next_marked(rowIn, x, w) - 1;
         continue;
       }
+      const int32_t i = y * w + x;
       const int32_t v = row[x];
       parent[i] = i;
       const int32_t lo1 = v < leftLo ? v : leftLo, hi1 = v > leftHi ? v : leftHi;
@@ -780,10 +800,8 @@ void uniform_regions(const uint8_t* img, int32_t stride, int32_t w, int32_t h, i
   }
   // Every link points to a lower index, so in scan order one step reaches the root.
   const int32_t n = w * h;
-  for (int32_t i = 0; i < n; ++i) {
-    const int32_t r = parent[i];
-    if (r < 0) continue;
-    const int32_t root = parent[r];
+  for (int32_t i = next_marked(in, 0, n); i < n; i = next_marked(in, i + 1, n)) {
+    const int32_t root = parent[parent[i]];
     parent[i] = root;
     size[i] = 0;
     ++size[root];
@@ -815,27 +833,35 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const StereoParams& p = b->params;
   const int32_t w = p.width, h = p.height, n = w * h;
   if (b->planes == nullptr || b->maxPlanes <= 0 || p.planeMinSize <= 0) return;
-  int32_t* region = b->labels;  // each pixel's root, then its plane or -1
+  int32_t* region = b->labels;  // each marked pixel's root
   int32_t* size = b->stack;     // by root: the region's size, then its plane or -1
   uint8_t* in = b->padded;      // free once the census is taken; it holds w x h + 2 x (w + 1) bytes
   uniform_mask(img, stride, w, h, p.planeRange, in, in + size_t(n));
   uniform_regions(img, stride, w, h, p.planeStep, p.planeRange, in, region, reinterpret_cast<uint8_t*>(b->dispR), size);
-  // Roots come first in their regions, so one scan numbers the planes and labels the pixels
-  // (size[] of a pixel that is not a root is never read).
-  int32_t planes = 0;
-  for (int32_t i = 0; i < n; ++i) {
-    const int32_t r = region[i];
-    if (r < 0) continue;
-    const bool isRoot = r == i;
-    const bool take = isRoot && size[i] >= p.planeMinSize && planes < b->maxPlanes;
-    if (take) {
-      memset(&b->planes[planes], 0, sizeof(StereoPlane));
-      b->planes[planes].ok = 1;
-      b->planes[planes].size = size[i];
+  // Roots come first in their regions, so one scan numbers the planes and lists the pixels of
+  // the regions that get one (size[] of a pixel that is not a root is never read). The list
+  // (x and y packed, then the plane) goes where the census was, free once the costs are taken;
+  // it has room for two words per pixel.
+  uint32_t* list = reinterpret_cast<uint32_t*>(b->censusL);
+  int32_t planes = 0, listed = 0;
+  for (int32_t y = 0; y < h; ++y) {
+    const uint8_t* rowIn = in + size_t(y) * size_t(w);
+    for (int32_t x = next_marked(rowIn, 0, w); x < w; x = next_marked(rowIn, x + 1, w)) {
+      const int32_t i = y * w + x, r = region[i];
+      const bool isRoot = r == i;
+      const bool take = isRoot && size[i] >= p.planeMinSize && planes < b->maxPlanes;
+      if (take) {
+        memset(&b->planes[planes], 0, sizeof(StereoPlane));
+        b->planes[planes].ok = 1;
+        b->planes[planes].size = size[i];
+      }
+      size[i] = isRoot ? (take ? planes : -1) : size[i];
+      planes += take ? 1 : 0;
+      const int32_t plane = size[r];
+      list[2 * listed] = uint32_t(y) << 16 | uint32_t(x);
+      list[2 * listed + 1] = uint32_t(plane);
+      listed += plane >= 0 ? 1 : 0;
     }
-    size[i] = isRoot ? (take ? planes : -1) : size[i];
-    planes += take ? 1 : 0;
-    region[i] = size[r];
   }
   if (planes == 0) return;
   const int16_t* d = b->dispL;
@@ -848,22 +874,22 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
       q.n = q.sx = q.sy = q.sxx = q.sxy = q.syy = q.sd = q.sxd = q.syd = 0;
       if (round == 0) q.matched = 0;
     }
-    for (int32_t y = 0, i = 0; y < h; ++y)
-      for (int32_t x = 0; x < w; ++x, ++i) {
-        const int32_t s = region[i];
-        if (s < 0 || d[i] == STEREO_INVALID) continue;
-        StereoPlane& q = b->planes[s];
-        if (!q.ok) continue;
-        if (round == 0) {
-          ++q.matched;
-        } else {
-          const int64_t r = q.a * x + q.b * y + q.c - (int64_t(d[i]) << 16);
-          if (r > reach[round] || -r > reach[round]) continue;
-        }
-        const int64_t v = d[i];
-        q.n += 1, q.sx += x, q.sy += y, q.sxx += int64_t(x) * x, q.sxy += int64_t(x) * y, q.syy += int64_t(y) * y;
-        q.sd += v, q.sxd += v * x, q.syd += v * y;
+    for (int32_t k = 0; k < listed; ++k) {
+      const int32_t x = int32_t(list[2 * k] & 0xFFFF), y = int32_t(list[2 * k] >> 16);
+      const int32_t i = y * w + x;
+      if (d[i] == STEREO_INVALID) continue;
+      StereoPlane& q = b->planes[list[2 * k + 1]];
+      if (!q.ok) continue;
+      if (round == 0) {
+        ++q.matched;
+      } else {
+        const int64_t r = q.a * x + q.b * y + q.c - (int64_t(d[i]) << 16);
+        if (r > reach[round] || -r > reach[round]) continue;
       }
+      const int64_t v = d[i];
+      q.n += 1, q.sx += x, q.sy += y, q.sxx += int64_t(x) * x, q.sxy += int64_t(x) * y, q.syy += int64_t(y) * y;
+      q.sd += v, q.sxd += v * x, q.syd += v * y;
+    }
     for (int32_t s = 0; s < planes; ++s) {
       StereoPlane& q = b->planes[s];
       if (q.ok) q.ok = solve_plane(&q) ? 1 : 0;
@@ -879,20 +905,20 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
   const int64_t hi = int64_t(p.minDisparity + p.disparities - 1) * STEREO_SUBPIXEL;
   const int64_t near = int64_t(3 * STEREO_SUBPIXEL) << 16;
   int16_t* out = b->dispL;
-  for (int32_t y = 0, i = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x, ++i) {
-      const int32_t s = region[i];
-      if (s < 0 || !b->planes[s].ok) continue;
-      const StereoPlane& q = b->planes[s];
-      const int64_t v = q.a * x + q.b * y + q.c;
-      if (out[i] == STEREO_INVALID ? b->holeKind[i] == 1
-                                   : (v - (int64_t(out[i]) << 16) > near || (int64_t(out[i]) << 16) - v > near))
-        continue;
-      int64_t r = (v + 32768) >> 16;
-      r = r < lo ? lo : r > hi ? hi : r;
-      out[i] = int16_t(r);
-      b->holeKind[i] = 0;
-    }
+  for (int32_t k = 0; k < listed; ++k) {
+    const StereoPlane& q = b->planes[list[2 * k + 1]];
+    if (!q.ok) continue;
+    const int32_t x = int32_t(list[2 * k] & 0xFFFF), y = int32_t(list[2 * k] >> 16);
+    const int32_t i = y * w + x;
+    const int64_t v = q.a * x + q.b * y + q.c;
+    if (out[i] == STEREO_INVALID ? b->holeKind[i] == 1
+                                 : (v - (int64_t(out[i]) << 16) > near || (int64_t(out[i]) << 16) - v > near))
+      continue;
+    int64_t r = (v + 32768) >> 16;
+    r = r < lo ? lo : r > hi ? hi : r;
+    out[i] = int16_t(r);
+    b->holeKind[i] = 0;
+  }
 }
 
 void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right, int32_t rightStride,

@@ -262,6 +262,20 @@ inline VU16 min16(VU16 a, VU16 b) {
 #endif
 }
 
+// Lanes of a where the mask (all ones or all zeros per lane) is set, of b elsewhere: one
+// instruction where the target has a blend, and / and-not / or otherwise.
+inline VU16 blend16(VU16 mask, VU16 a, VU16 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU16(_mm256_blendv_epi8(__m256i(b), __m256i(a), __m256i(mask)));
+#elif defined(VM_STEREO_X86) && defined(__SSE4_1__)
+  return VU16(_mm_blendv_epi8(__m128i(b), __m128i(a), __m128i(mask)));
+#elif defined(VM_STEREO_NEON)
+  return VU16(vbslq_u16(uint16x8_t(mask), uint16x8_t(a), uint16x8_t(b)));
+#else
+  return (a & mask) | (b & ~mask);
+#endif
+}
+
 inline VU16 adds16(VU16 a, VU16 b) {
 #if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
   return VU16(_mm256_adds_epu16(__m256i(a), __m256i(b)));
@@ -643,9 +657,9 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
       } else {
         // Unsigned "less than" as "the minimum moved": min and equality are single instructions.
         const VU16 lower = min16(m, v), kept = VU16(lower == m);
-        second = (min16(second, v) & kept) | (m & ~kept);
+        second = blend16(kept, min16(second, v), m);
         m = lower;
-        at = (at & kept) | ((iota + uint16_t(k)) & ~kept);
+        at = blend16(kept, at, iota + uint16_t(k));
       }
       // The right view's best costs: lanes reversed because j falls as k rises; lanes outside the
       // image land in the scratch ends.
@@ -653,7 +667,7 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
       const VU16 vr = reverse16(v), rm = loadv<VU16>(rowMin + base), rd = loadv<VU16>(rowDisp + base);
       const VU16 best = min16(rm, vr), same = VU16(best == rm);
       storev(rowMin + base, best);
-      storev(rowDisp + base, (rd & same) | ((reversedIota + uint16_t(k)) & ~same));
+      storev(rowDisp + base, blend16(same, rd, reversedIota + uint16_t(k)));
     }
     const uint16_t bestCost = hmin16(m);
     const int32_t best = hmin16(at | ~VU16(m == (VU16{} + bestCost)));
@@ -662,7 +676,7 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
     // its other entries instead.
     const VU16 near = at - uint16_t(best - 1);  // 0..2 for best - 1 .. best + 1
     const VU16 excluded = VU16(min16(near, VU16{} + uint16_t(2)) == near);
-    const VU16 o = (second & excluded) | (m & ~excluded);
+    const VU16 o = blend16(excluded, second, m);
     const uint16_t other = hmin16(o);
     if (uint32_t(other) * uint32_t(100 - uniqueness) < uint32_t(bestCost) * 100u) {
       dl[x] = STEREO_INVALID;
