@@ -128,7 +128,7 @@ void costs_of_row(const StereoKernels* k, StereoBuffers* b, int32_t y, uint8_t* 
 
 // Winner-take-all of row y from b->rowSum, the right view's disparities, then the left-right
 // check.
-void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, const uint16_t* sum) {
+void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, const uint16_t* sum, bool small) {
   const StereoParams& p = b->params;
   const int32_t w = p.width;
   const size_t margin = reversed_margin(p), scratch = size_t(w) + 2 * margin;
@@ -136,21 +136,22 @@ void select_row_and_check(const StereoKernels* k, StereoBuffers* b, int32_t y, c
   int16_t* dr = b->dispR + size_t(y) * size_t(w);
   uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
   for (size_t i = 0; i < scratch; ++i) b->rowMin[i] = 0xFFFF, b->rowDisp[i] = STEREO_INVALID;
-  k->select_row(sum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind, b->rowMin + margin, b->rowDisp + margin);
+  (small ? k->select_row_small : k->select_row)(sum, w, p.disparities, p.minDisparity, p.uniqueness, dl, kind,
+                                                b->rowMin + margin, b->rowDisp + margin);
   memcpy(dr, b->rowDisp + margin, size_t(w) * sizeof(int16_t));
   for (int32_t x = 0; x < w; ++x) {
-    if (dl[x] == STEREO_INVALID) continue;
-    int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
-    int32_t xr = x - p.minDisparity - d;
+    const int32_t d = (dl[x] + STEREO_SUBPIXEL / 2) / STEREO_SUBPIXEL - p.minDisparity;
+    const int32_t xr = x - p.minDisparity - d;
     // The right view disagrees or the match is right of it: filled from neighbours later. A
     // match left of the sub view stays: the sub camera never saw that strip, so there is no
     // check to make, and the aggregation (the right-to-left path above all, the outside
     // disparities costing the pixel's mean) carried the surface that continues into the frame;
-    // the hole filler would take the farther surface as for an occlusion.
-    if (xr >= 0 && (xr >= w || dr[xr] == STEREO_INVALID || abs(dr[xr] - d) > 1)) {
-      dl[x] = STEREO_INVALID;
-      kind[x] = 1;
-    }
+    // the hole filler would take the farther surface as for an occlusion. Selections rather
+    // than branches: on texture the outcome is close to random.
+    const int32_t r = dr[clampi(xr, 0, w - 1)];
+    const bool bad = dl[x] != STEREO_INVALID && xr >= 0 && (xr >= w || r == STEREO_INVALID || absi(r - d) > 1);
+    dl[x] = bad ? int16_t(STEREO_INVALID) : dl[x];
+    kind[x] = bad ? uint8_t(1) : kind[x];
   }
 }
 
@@ -196,6 +197,8 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
   const int32_t passes = p.passes == 1 ? 1 : 2;
   const bool bytes = p.bytePaths && (paths == 2 || passes == 1) && p.p1 >= 0 && p.p2 >= 0 &&
                      2 * (stereo_census_bits(p.quality) + p2Max) <= 255 && nd % k->byteLanes == 0;
+  // Byte paths never reach 128, and at most four of them are summed: the sums stay below 1023.
+  const bool small = bytes && nd <= 64;
   if (passes == 1) {
     if (bytes) {
       reset_rows8(b->pathPrev, b->minPrev, 5, w, nd);
@@ -230,7 +233,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
         b->minPrev = b->minCur;
         b->minCur = t;
       }
-      for (int32_t r = 0; r < rows; ++r) select_row_and_check(k, b, y + r, b->rowSum + size_t(r) * cells);
+      for (int32_t r = 0; r < rows; ++r) select_row_and_check(k, b, y + r, b->rowSum + size_t(r) * cells, small);
       y += rows;
     }
     return;
@@ -283,7 +286,7 @@ void aggregate_and_select(const StereoKernels* k, StereoBuffers* b, const uint8_
       t = b->minPrev;
       b->minPrev = b->minCur;
       b->minCur = t;
-      if (!forward) select_row_and_check(k, b, y, b->rowSum);
+      if (!forward) select_row_and_check(k, b, y, b->rowSum, small);
     }
   }
 }
@@ -935,7 +938,7 @@ void stereo_run(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const
   stereo_remove_speckles(b->dispL, w, h, p.speckleSize, STEREO_SUBPIXEL, b->labels, b->stack);
   const size_t n = size_t(w) * size_t(h);
   for (size_t i = 0; i < n; ++i)
-    if (b->dispL[i] == STEREO_INVALID && b->holeKind[i] == 0) b->holeKind[i] = 2;
+    b->holeKind[i] = b->dispL[i] == STEREO_INVALID && b->holeKind[i] == 0 ? uint8_t(2) : b->holeKind[i];
   stereo_fit_planes(b, left, leftStride);
   if (p.fill) {
     fill_holes(b, left, leftStride);

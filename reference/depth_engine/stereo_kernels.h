@@ -80,6 +80,9 @@ struct StereoKernels {
   StereoAggregateRowFn aggregate_one_pass16;
   StereoAggregateRowFn aggregate_one_pass8;
   StereoSelectRowFn select_row;
+  // select_row's results where every sum is below 1023 and nd <= 64 (the byte path forms): the
+  // same disp, kind and real rowMin / rowDisp entries, by a shorter route.
+  StereoSelectRowFn select_row_small;
 };
 
 // The plain reference, the portable 128-bit set, and the best set this processor runs for a

@@ -224,6 +224,12 @@ void sum3(const T* a, const T* b, const T* c, uint16_t* out, int32_t nd) {
   for (int32_t k = 0; k < nd; ++k) out[k] = sat_add16(sat_add16(a[k], b[k]), c[k]);
 }
 
+// The reference has no faster way for small sums: the same selection.
+void select_row_small(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
+                      uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
+  select_row(sum, w, nd, dmin, uniqueness, dl, kind, rowMin, rowDisp);
+}
+
 #else
 
 // ---- vectors of VM_STEREO_VB bytes ----
@@ -259,6 +265,20 @@ inline VU16 min16(VU16 a, VU16 b) {
   return VU16(vminq_u16(uint16x8_t(a), uint16x8_t(b)));
 #else
   return a < b ? a : b;
+#endif
+}
+
+inline VU16 max16(VU16 a, VU16 b) {
+#if defined(VM_STEREO_X86) && VM_STEREO_VB == 32
+  return VU16(_mm256_max_epu16(__m256i(a), __m256i(b)));
+#elif defined(VM_STEREO_X86) && defined(__SSE4_1__)
+  return VU16(_mm_max_epu16(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_X86)
+  return b + VU16(_mm_subs_epu16(__m128i(a), __m128i(b)));
+#elif defined(VM_STEREO_NEON)
+  return VU16(vmaxq_u16(uint16x8_t(a), uint16x8_t(b)));
+#else
+  return a > b ? a : b;
 #endif
 }
 
@@ -688,6 +708,47 @@ void select_row(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_
   }
 }
 
+// The same selection for sums below 1023 and nd <= 64 (the byte path forms): each sum and its
+// index packed in one 16-bit key, cost << 6 | k, so one minimum finds both the best cost and
+// its first index, for the main view and, along the reversed keys, for the right one. rowMin
+// holds keys during the row; its real entries are unpacked at the end.
+void select_row_small(const uint16_t* sum, int32_t w, int32_t nd, int32_t dmin, int32_t uniqueness, int16_t* dl,
+                      uint8_t* kind, uint16_t* rowMin, int16_t* rowDisp) {
+  const VU16 iota = iota16(), ones = VU16{} + uint16_t(0xFFFF), index = VU16{} + uint16_t(63);
+  for (int32_t x = 0; x < w; ++x) {
+    const uint16_t* s = sum + size_t(x) * size_t(nd);
+    // Per lane: the smallest key and the smallest of the lane's other keys.
+    VU16 m = ones, second = ones;
+    for (int32_t k = 0; k < nd; k += kLanes) {
+      const VU16 key = (loadv<VU16>(s + k) << 6) | (iota + uint16_t(k));
+      second = min16(second, max16(m, key));
+      m = min16(m, key);
+      const int32_t base = x - dmin - k - (kLanes - 1);
+      storev(rowMin + base, min16(loadv<VU16>(rowMin + base), reverse16(key)));
+    }
+    const uint16_t bestKey = hmin16(m);
+    const int32_t best = bestKey & 63;
+    // Uniqueness as in select_row: a lane whose first key is best - 1 .. best + 1 offers its
+    // other keys instead.
+    const VU16 near = (m & index) - uint16_t(best - 1);
+    const VU16 excluded = VU16(min16(near, VU16{} + uint16_t(2)) == near);
+    const uint16_t otherKey = hmin16(blend16(excluded, second, m));
+    const uint32_t other = otherKey == 0xFFFF ? 0xFFFFu : uint32_t(otherKey >> 6);
+    if (other * uint32_t(100 - uniqueness) < uint32_t(bestKey >> 6) * 100u) {
+      dl[x] = STEREO_INVALID;
+      kind[x] = 2;
+      continue;
+    }
+    dl[x] = refine(s, best, nd, dmin);
+    kind[x] = 0;
+  }
+  for (int32_t j = 0; j < w; ++j) {
+    const uint16_t key = rowMin[j];
+    rowDisp[j] = key == 0xFFFF ? int16_t(STEREO_INVALID) : int16_t(key & 63);
+    rowMin[j] = key == 0xFFFF ? uint16_t(0xFFFF) : uint16_t(key >> 6);
+  }
+}
+
 template <typename T>
 struct Lanes;
 template <>
@@ -919,8 +980,9 @@ void aggregate_one_pass8(const StereoAggregateRow* a) {
     aggregate_one_pass<uint8_t, 1>(a, a->cost8);
 }
 
-const StereoKernels kTable = {VM_STEREO_NAME, kLanes,         kByteLanes,           census_row,          cost_row,
-                              aggregate_row,  aggregate_row8, aggregate_one_pass16, aggregate_one_pass8, select_row};
+const StereoKernels kTable = {VM_STEREO_NAME,  kLanes,         kByteLanes,           census_row,          cost_row,
+                              aggregate_row,   aggregate_row8, aggregate_one_pass16, aggregate_one_pass8, select_row,
+                              select_row_small};
 
 }  // namespace
 

@@ -93,15 +93,15 @@ struct Selected {
 };
 
 Selected select(const StereoKernels* k, const std::vector<uint16_t>& sum, int32_t w, int32_t nd, int32_t dmin,
-                int32_t uniqueness) {
+                int32_t uniqueness, bool small = false) {
   const int32_t margin = nd + (dmin < 0 ? -dmin : dmin) + 32;
   Selected s;
   s.disp.assign(size_t(w), 0);
   s.kind.assign(size_t(w), 9);
   s.rowMin.assign(size_t(w + 2 * margin), 0xFFFF);
   s.rowDisp.assign(size_t(w + 2 * margin), STEREO_INVALID);
-  k->select_row(sum.data(), w, nd, dmin, uniqueness, s.disp.data(), s.kind.data(), s.rowMin.data() + margin,
-                s.rowDisp.data() + margin);
+  (small ? k->select_row_small : k->select_row)(sum.data(), w, nd, dmin, uniqueness, s.disp.data(), s.kind.data(),
+                                                s.rowMin.data() + margin, s.rowDisp.data() + margin);
   // Only the right view's real pixels count; the margins are scratch.
   s.rowMin = std::vector<uint16_t>(s.rowMin.begin() + margin, s.rowMin.begin() + margin + w);
   s.rowDisp = std::vector<int16_t>(s.rowDisp.begin() + margin, s.rowDisp.begin() + margin + w);
@@ -111,23 +111,27 @@ Selected select(const StereoKernels* k, const std::vector<uint16_t>& sum, int32_
 TEST(StereoKernels, SelectionMatchesTheReferenceWithTies) {
   Rng r{13};
   for (const StereoKernels* k : vector_sets()) {
-    for (int32_t nd : {16, 48}) {
+    for (int32_t nd : {16, 48, 64}) {
       if (nd % k->lanes != 0) continue;
       for (int32_t dmin : {-3, 0, 4}) {
         // A small range makes ties common; range 0: saturated sums (0xFFFF, a few 0xFFFE), so
-        // that whole pixels have no smaller value.
-        for (uint32_t range : {4u, 3000u, 65536u, 0u}) {
+        // that whole pixels have no smaller value. Sums below 1023 also go the packed-key way.
+        for (uint32_t range : {4u, 1023u, 3000u, 65536u, 0u}) {
           const int32_t w = 45;
           std::vector<uint16_t> sum(size_t(w) * size_t(nd));
           for (uint16_t& v : sum)
             v = range > 0 ? uint16_t(r.next() % range) : uint16_t(r.next() % 50 ? 0xFFFF : 0xFFFE);
-          for (int32_t uniqueness : {5, 0}) {
+          for (int32_t uniqueness : {5, 0, 60}) {
             Selected a = select(stereo_kernels_plain(), sum, w, nd, dmin, uniqueness);
-            Selected b = select(k, sum, w, nd, dmin, uniqueness);
-            EXPECT_EQ(a.disp, b.disp) << k->name << " nd " << nd << " dmin " << dmin << " range " << range;
-            EXPECT_EQ(a.kind, b.kind) << k->name;
-            EXPECT_EQ(a.rowMin, b.rowMin) << k->name;
-            EXPECT_EQ(a.rowDisp, b.rowDisp) << k->name;
+            for (bool small : {false, true}) {
+              if (small && (range == 0 || range > 1023 || nd > 64)) continue;
+              Selected b = select(k, sum, w, nd, dmin, uniqueness, small);
+              EXPECT_EQ(a.disp, b.disp) << k->name << " nd " << nd << " dmin " << dmin << " range " << range
+                                        << " small " << small;
+              EXPECT_EQ(a.kind, b.kind) << k->name << " small " << small;
+              EXPECT_EQ(a.rowMin, b.rowMin) << k->name << " small " << small;
+              EXPECT_EQ(a.rowDisp, b.rowDisp) << k->name << " small " << small;
+            }
           }
         }
       }
