@@ -351,6 +351,17 @@ TEST(StereoCore, UniformRegionsTakeThePlaneTheirMatchesFit) {
   memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
   stereo_fit_planes(&b, img.data(), w);
   EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
+  // A uniform line one pixel high through the texture has no uniform 2x2 block, so it is no
+  // region, however long: its steps stay.
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      img[i] = y == 4 ? 120 : ((x + y) & 1) != 0 ? 60 : 180;
+      in[i] = int16_t((y == 4 ? 10 + x / 8 + (x % 3 == 0 ? 1 : 0) : 5) * STEREO_SUBPIXEL);
+    }
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  stereo_fit_planes(&b, img.data(), w);
+  EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
   stereo_free(&b);
   // Turned off, the step allocates nothing and changes nothing.
   p.planeMinSize = 0;
