@@ -886,7 +886,7 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
       if (round == 0) {
         ++q.matched;
       } else {
-        const int64_t r = q.a * x + q.b * y + q.c - (int64_t(d[i]) << 16);
+        const int64_t r = q.a * x + q.b * y + q.c - int64_t(d[i]) * 65536;  // d may be negative: no shift
         if (r > reach[round] || -r > reach[round]) continue;
       }
       const int64_t v = d[i];
@@ -914,9 +914,8 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride) {
     const int32_t x = int32_t(list[2 * k] & 0xFFFF), y = int32_t(list[2 * k] >> 16);
     const int32_t i = y * w + x;
     const int64_t v = q.a * x + q.b * y + q.c;
-    if (out[i] == STEREO_INVALID ? b->holeKind[i] == 1
-                                 : (v - (int64_t(out[i]) << 16) > near || (int64_t(out[i]) << 16) - v > near))
-      continue;
+    const int64_t o = int64_t(out[i]) * 65536;
+    if (out[i] == STEREO_INVALID ? b->holeKind[i] == 1 : (v - o > near || o - v > near)) continue;
     int64_t r = (v + 32768) >> 16;
     r = r < lo ? lo : r > hi ? hi : r;
     out[i] = int16_t(r);
