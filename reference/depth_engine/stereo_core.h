@@ -32,6 +32,7 @@ struct StereoParams {
   int32_t planeMinSize;  // regions smaller than this (pixels) keep the matcher's values
   bool fill;             // fill holes so that the output is dense
   int32_t refineRadius;  // edge refinement after filling: window radius 0 (off) .. STEREO_MAX_REFINE_RADIUS
+  int32_t sideSupport;   // before it, the side of each jump from the right view: support radius 0 (off) .. 4
   bool simd;             // the fastest kernels this processor runs; false: the plain reference
   bool bytePaths;        // path costs in bytes where that is exact (same results, faster)
 };
@@ -111,6 +112,12 @@ void stereo_fit_planes(StereoBuffers* b, const uint8_t* img, int32_t stride);
 // similarity to the centre and from distance), so depth edges follow the main image's edges.
 // Uses dispR and labels as scratch; allocates nothing.
 void stereo_refine_edges(StereoBuffers* b, const uint8_t* img, int32_t stride);
+// Before it: a pixel more than two pixels nearer than a neighbour takes the neighbour's value
+// where the right view says the far surface matches its support (params.sideSupport) better, so
+// that the nearer surface does not spread over its neighbour. Occlusions (holeKind 1) are left
+// alone. Uses dispR and labels as scratch; allocates nothing.
+void stereo_pick_sides(StereoBuffers* b, const uint8_t* left, int32_t leftStride, const uint8_t* right,
+                       int32_t rightStride);
 void stereo_remove_speckles(int16_t* disp, int32_t width, int32_t height, int32_t maxSize, int32_t maxDiff,
                             int32_t* labels, int32_t* stack);
 

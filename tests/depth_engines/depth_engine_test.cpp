@@ -299,6 +299,48 @@ TEST(StereoCore, EdgeRefinementFollowsLumaAndKeepsThinStructures) {
   stereo_free(&b);
 }
 
+// A textured square at 12 px before a textured background at 4 px, the map a pixel too wide on
+// the square's right: that pixel gives way to the background, which the right view shows there;
+// the square's true edge stays (the background is hidden there), and so does a pixel marked as
+// an occlusion. Nothing else moves, and support 0 turns the step off.
+TEST(StereoCore, NearSideGivesWayWhereTheRightViewShowsTheFarSurface) {
+  const int32_t w = 56, h = 16, near = 12 * STEREO_SUBPIXEL, far = 4 * STEREO_SUBPIXEL;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 1));
+  EXPECT_EQ(2, p.sideSupport);
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  uint32_t seed = 7;
+  auto texture = [&seed]() { return uint8_t((seed = seed * 1664525u + 1013904223u) >> 24); };
+  std::vector<uint8_t> bg(size_t(w + 16) * h), obj(size_t(w) * h), left(size_t(w) * h), right(size_t(w) * h);
+  for (uint8_t& v : bg) v = uint8_t(texture() / 4);  // the surfaces differ in luma, as the weights assume
+  for (uint8_t& v : obj) v = uint8_t(150 + texture() / 4);
+  const auto inSquare = [](int32_t x) { return x >= 24 && x < 36; };
+  std::vector<int16_t> in(size_t(w) * h);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      left[i] = inSquare(x) ? obj[i] : bg[size_t(y) * (w + 16) + size_t(x)];
+      right[i] = inSquare(x + 12) ? obj[i + 12] : bg[size_t(y) * (w + 16) + size_t(x + 4)];
+      in[i] = int16_t(inSquare(x) || x == 36 ? near : far);
+    }
+  memset(b.holeKind, 0, size_t(w) * h);
+  b.holeKind[size_t(5) * w + 36] = 1;
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  stereo_pick_sides(&b, left.data(), w, right.data(), w);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      const int16_t want = x == 36 && y != 5 ? int16_t(far) : in[i];
+      EXPECT_EQ(want, b.dispL[i]) << x << "," << y;
+    }
+  memcpy(b.dispL, in.data(), in.size() * sizeof(int16_t));
+  b.params.sideSupport = 0;
+  stereo_pick_sides(&b, left.data(), w, right.data(), w);
+  EXPECT_EQ(0, memcmp(b.dispL, in.data(), in.size() * sizeof(int16_t)));
+  stereo_free(&b);
+}
+
 // A uniform rectangle on texture, slanted in depth, as the matcher leaves it: whole-pixel steps,
 // half of it a pixel off either way, a patch of another surface, holes. The plane comes back to within a
 // quarter pixel everywhere in it except the other surface and the occlusion holes; the texture
