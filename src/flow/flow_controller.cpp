@@ -31,9 +31,10 @@ void releaseOtp(SessionContext* ctx) {
 // Heap blocks live when the running session began: tear-down must bring the count back.
 int64_t g_blocksBeforeSession = 0;
 
-// Bytes of a w x h slot of bpp bytes a pixel, both buffers, fit 32 bits.
+// Bytes of a w x h slot of bpp bytes a pixel, both buffers, fit 32 bits. Sizes are not negative
+// here, so w x h fits 62 bits; comparing it against the quotient keeps the rest from overflowing.
 bool slotFits(int32_t w, int32_t h, int32_t bpp) {
-  return static_cast<int64_t>(w) * h * bpp * 2 + 64 <= INT32_MAX;
+  return static_cast<int64_t>(w) * h <= (INT32_MAX - 64) / (2 * static_cast<int64_t>(bpp));
 }
 
 // Everything is taken as given except what would make the library itself compute a buffer

@@ -126,6 +126,8 @@ TEST_F(Session, InitRefusesOnlySizesTheLibraryCannotHold) {
       {"previewSubWidth", "overflow 32 bits",
        [](InitData& d) { d.previewSubWidth = 40000, d.previewSubHeight = 40000; }},
       {"depthWidth", "overflow 32 bits", [](InitData& d) { d.depthWidth = 20000, d.depthHeight = 20000; }},
+      // The largest sizes: the size check itself must not overflow 64 bits.
+      {"depthWidth", "overflow 32 bits", [](InitData& d) { d.depthWidth = INT32_MAX, d.depthHeight = INT32_MAX; }},
       {"otpSize", "negative size", [](InitData& d) { d.otpSize = -1; }},
   };
   for (const Case& c : cases) {
