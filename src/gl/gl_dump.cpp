@@ -53,7 +53,7 @@ void dropAlpha(const uint8_t* rgba, uint8_t* rgb, int64_t pixels) {
 }  // namespace
 
 uint32_t OpenGLDumpGPUOutputResult(int32_t width, int32_t height, const char* suffix) {
-  if (width <= 0 || height <= 0 || static_cast<int64_t>(width) * height * 4 > kMaxDumpBytes) {
+  if (width <= 0 || height <= 0 || static_cast<int64_t>(width) * height > kMaxDumpBytes / 4) {  // no overflow
     VM_LOG_IF(kLogGl, "dump size %dx%d invalid\n", width, height);
     return kGlErrArgument;
   }

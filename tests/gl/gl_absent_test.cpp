@@ -49,6 +49,7 @@ TEST_F(GlAbsent, InitFailsWithTheNoDisplayLinesAndEverythingAfterIsRefused) {
   std::vector<uint8_t> nv21(8 * 8 * 3 / 2, 100), rgba(8 * 8 * 4);
   EXPECT_EQ(gl_pipeline_nv21_to_rgba(nv21.data(), 8, 8, rgba.data()), kGlErrNotCreated);
   EXPECT_EQ(OpenGLDumpGPUOutputResult(8, 8, "_x"), kGlErrNotCreated);
+  EXPECT_EQ(OpenGLDumpGPUOutputResult(INT32_MAX, INT32_MAX, "_x"), kGlErrArgument);  // the check must not overflow
   EXPECT_EQ(OpenGLInitTexturesInputConfig(0, 8, 8, GL_LUMINANCE, nullptr), kGlErrIndex);
   EXPECT_EQ(OpenGLInitNativeTexturesBuffersConfig(0, 8, 8, GL_RGBA, nullptr), kGlErrIndex);
 
