@@ -343,8 +343,8 @@ __attribute__((noinline)) void fill_holes(StereoBuffers* b, const uint8_t* img, 
       int32_t vmin = 0x7FFF;
       for (int s = 0; s < 4; ++s)
         if (c[2 * s] != kNone && c[2 * s] < vmin) vmin = c[2 * s];
-      if (vmin == 0x7FFF) continue;  // nothing valid in any direction
-      const int32_t xSub = (x - p.minDisparity) * STEREO_SUBPIXEL;
+      if (vmin == 0x7FFF) continue;              // nothing valid in any direction
+      const int32_t xSub = x * STEREO_SUBPIXEL;  // values are disparities, not search indices
       bool unseen = false;
       for (int s = 0; s < 4; ++s) unseen |= c[2 * s] != kNone && c[2 * s] > xSub;
       const int32_t pix = imgRow[x];

@@ -444,6 +444,31 @@ TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) 
   stereo_free(&b);
 }
 
+// The same with a search range that does not start at 0: where the near surface's match would lie
+// inside the sub view, the holes left of it are an occlusion and take the background (the strip is
+// bounded by the disparity itself, not by its index in the range).
+TEST(StereoCore, HoleFillingBoundsTheUnseenStripByTheDisparity) {
+  const int32_t w = 96, h = 48, top = 14, bottom = 34;
+  const int16_t nearD = 20 * STEREO_SUBPIXEL, farD = 12 * STEREO_SUBPIXEL;
+  StereoParams p;
+  ASSERT_TRUE(stereo_params_default(&p, w, h, 8, 32, 1));
+  StereoBuffers b;
+  ASSERT_TRUE(stereo_alloc(&b, &p));
+  std::vector<uint8_t> img(size_t(w) * h, 100);
+  for (int32_t y = 0; y < h; ++y)
+    for (int32_t x = 0; x < w; ++x) {
+      const size_t i = size_t(y) * w + size_t(x);
+      const bool nearRows = y >= top && y < bottom;
+      b.dispL[i] = nearRows && x >= 30 && x < 60 ? nearD : farD;
+      b.holeKind[i] = 0;
+      if (nearRows && x >= 22 && x < 30) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 1;
+    }
+  stereo_fill_holes(&b, img.data(), w);
+  for (int32_t y = top + 3; y < bottom - 3; ++y)
+    for (int32_t x = 22; x < 30; ++x) EXPECT_EQ(farD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
+  stereo_free(&b);
+}
+
 // Filled values never act as candidates: across a block of holes (flat luma, no occlusion) each
 // pixel takes the nearer of its original neighbours, so the block splits in the middle rather than
 // the left value running through it.
