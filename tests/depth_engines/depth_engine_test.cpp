@@ -4,6 +4,7 @@
 #include <math.h>
 #include <string.h>
 
+#include <functional>
 #include <vector>
 
 #include "calib_block.h"
@@ -415,58 +416,53 @@ TEST(StereoCore, UniformRegionsTakeThePlaneTheirMatchesFit) {
   stereo_free(&b);
 }
 
-// Hole filling on flat luma, so that only the rule decides. Left-right failures take the farther
-// surface, except in the strip left of the search range's reach, where a near candidate that would
-// match left of the sub view explains the failure: a near surface at the left border continues into
-// the strip instead of taking the background above and below it.
-TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) {
-  const int32_t w = 96, h = 48, top = 14, bottom = 34;
-  const int16_t nearD = 20 * STEREO_SUBPIXEL, farD = 4 * STEREO_SUBPIXEL;
+// Hole filling on flat luma, so that only the rule decides: a near surface (rows 14..33, from
+// nearX on) before a far one, with left-right failures (holeKind 1) in the columns `holes` marks.
+std::vector<int16_t> fill_occlusions(int32_t minDisparity, int16_t nearD, int16_t farD, int32_t nearX0, int32_t nearX1,
+                                     const std::function<bool(int32_t)>& holes) {
+  const int32_t w = 96, h = 48;
   StereoParams p;
-  ASSERT_TRUE(stereo_params_default(&p, w, h, 0, 32, 1));
+  EXPECT_TRUE(stereo_params_default(&p, w, h, minDisparity, 32, 1));
   StereoBuffers b;
-  ASSERT_TRUE(stereo_alloc(&b, &p));
+  if (!stereo_alloc(&b, &p)) return {};
   std::vector<uint8_t> img(size_t(w) * h, 100);
   for (int32_t y = 0; y < h; ++y)
     for (int32_t x = 0; x < w; ++x) {
       const size_t i = size_t(y) * w + size_t(x);
-      const bool nearRows = y >= top && y < bottom;
-      b.dispL[i] = nearRows && x >= 20 && x < 50 ? nearD : farD;
+      const bool nearRows = y >= 14 && y < 34;
+      b.dispL[i] = nearRows && x >= nearX0 && x < nearX1 ? nearD : farD;
       b.holeKind[i] = 0;
-      // Failures: the unseen strip left of the near surface, and an occlusion right of it.
-      if (nearRows && (x < 20 || (x >= 60 && x < 66))) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 1;
+      if (nearRows && holes(x)) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 1;
     }
   stereo_fill_holes(&b, img.data(), w);
-  for (int32_t y = top + 3; y < bottom - 3; ++y) {
-    for (int32_t x = 10; x < 20; ++x) EXPECT_EQ(nearD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
-    for (int32_t x = 60; x < 66; ++x) EXPECT_EQ(farD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
-  }
+  std::vector<int16_t> out(b.dispL, b.dispL + size_t(w) * h);
   stereo_free(&b);
+  return out;
 }
 
-// The same with a search range that does not start at 0: where the near surface's match would lie
-// inside the sub view, the holes left of it are an occlusion and take the background (the strip is
-// bounded by the disparity itself, not by its index in the range).
-TEST(StereoCore, HoleFillingBoundsTheUnseenStripByTheDisparity) {
-  const int32_t w = 96, h = 48, top = 14, bottom = 34;
-  const int16_t nearD = 20 * STEREO_SUBPIXEL, farD = 12 * STEREO_SUBPIXEL;
-  StereoParams p;
-  ASSERT_TRUE(stereo_params_default(&p, w, h, 8, 32, 1));
-  StereoBuffers b;
-  ASSERT_TRUE(stereo_alloc(&b, &p));
-  std::vector<uint8_t> img(size_t(w) * h, 100);
-  for (int32_t y = 0; y < h; ++y)
-    for (int32_t x = 0; x < w; ++x) {
-      const size_t i = size_t(y) * w + size_t(x);
-      const bool nearRows = y >= top && y < bottom;
-      b.dispL[i] = nearRows && x >= 30 && x < 60 ? nearD : farD;
-      b.holeKind[i] = 0;
-      if (nearRows && x >= 22 && x < 30) b.dispL[i] = STEREO_INVALID, b.holeKind[i] = 1;
-    }
-  stereo_fill_holes(&b, img.data(), w);
-  for (int32_t y = top + 3; y < bottom - 3; ++y)
-    for (int32_t x = 22; x < 30; ++x) EXPECT_EQ(farD, b.dispL[size_t(y) * w + size_t(x)]) << x << "," << y;
-  stereo_free(&b);
+// Left-right failures take the farther surface, except in the strip left of the search range's
+// reach, where a near candidate that would match left of the sub view explains the failure: a near
+// surface at the left border continues into the strip instead of taking the background above and
+// below it. The strip is bounded by the disparity itself, not by its index in a range that does
+// not start at 0: there the holes left of a near surface whose match lies inside the sub view are
+// an occlusion.
+TEST(StereoCore, HoleFillingTakesBackgroundForOcclusionsButNotInTheUnseenStrip) {
+  const int32_t w = 96;
+  const int16_t nearD = 20 * STEREO_SUBPIXEL;
+  const auto border =
+      fill_occlusions(0, nearD, 4 * STEREO_SUBPIXEL, 20, 50, [](int32_t x) { return x < 20 || (x >= 60 && x < 66); });
+  ASSERT_FALSE(border.empty());
+  for (int32_t y = 17; y < 31; ++y) {
+    for (int32_t x = 10; x < 20; ++x) EXPECT_EQ(nearD, border[size_t(y) * w + size_t(x)]) << x << "," << y;
+    for (int32_t x = 60; x < 66; ++x)
+      EXPECT_EQ(4 * STEREO_SUBPIXEL, border[size_t(y) * w + size_t(x)]) << x << "," << y;
+  }
+  const auto shifted =
+      fill_occlusions(8, nearD, 12 * STEREO_SUBPIXEL, 30, 60, [](int32_t x) { return x >= 22 && x < 30; });
+  ASSERT_FALSE(shifted.empty());
+  for (int32_t y = 17; y < 31; ++y)
+    for (int32_t x = 22; x < 30; ++x)
+      EXPECT_EQ(12 * STEREO_SUBPIXEL, shifted[size_t(y) * w + size_t(x)]) << x << "," << y;
 }
 
 // Filled values never act as candidates: across a block of holes (flat luma, no occlusion) each
