@@ -408,6 +408,13 @@ inline int32_t next_marked(const uint8_t* in, int32_t x, int32_t end) {
   return x;
 }
 
+// A disparity in 1/STEREO_SUBPIXEL pixels rounded to whole pixels; negative ones round the same
+// way (floor of the value plus a half), as the shift does.
+inline int32_t whole_pixels(int32_t v) {
+  static_assert(STEREO_SUBPIXEL == 16, "the shift below is log2(STEREO_SUBPIXEL)");
+  return (v + STEREO_SUBPIXEL / 2) >> 4;
+}
+
 // Near a depth jump the census window holds both surfaces, and the nearer one's edge usually
 // wins the match: that surface spreads over its neighbour by up to half the window. A pixel more
 // than two pixels nearer than one of its four neighbours takes that neighbour's value when the
@@ -432,18 +439,15 @@ void pick_sides(StereoBuffers* b, const uint8_t* img, int32_t stride, const uint
     const int16_t* up = y > 0 ? (upKept != nullptr ? upKept : mapRow - w) : row;
     const int16_t* down = y + 1 < h ? mapRow + w : row;
     const uint8_t* kind = b->holeKind + size_t(y) * size_t(w);
-    // Candidates in plain loops the compiler vectorises; most rows have none.
-    for (int32_t x = 1; x + 1 < w; ++x) {
-      const int32_t l = row[x - 1], r = row[x + 1];
+    // Candidates in a plain loop the compiler vectorises (the two ends use themselves as their
+    // missing neighbour); most rows have none.
+    auto candidate = [&](int32_t x, int32_t l, int32_t r) {
       const int32_t lr = l < r ? l : r, ud = up[x] < down[x] ? up[x] : down[x];
-      flag[x] = uint8_t(int(row[x] - (lr < ud ? lr : ud) > kGap) & int(kind[x] != 1));
-    }
-    const int32_t ends[2] = {0, w - 1};
-    for (const int32_t x : ends) {
-      const int32_t l = row[x > 0 ? x - 1 : x], r = row[x + 1 < w ? x + 1 : x];
-      const int32_t lr = l < r ? l : r, ud = up[x] < down[x] ? up[x] : down[x];
-      flag[x] = uint8_t(int(row[x] - (lr < ud ? lr : ud) > kGap) & int(kind[x] != 1));
-    }
+      return uint8_t(int(row[x] - (lr < ud ? lr : ud) > kGap) & int(kind[x] != 1));
+    };
+    for (int32_t x = 1; x + 1 < w; ++x) flag[x] = candidate(x, row[x - 1], row[x + 1]);
+    flag[0] = candidate(0, row[0], row[1]);
+    flag[w - 1] = candidate(w - 1, row[w - 2], row[w - 1]);
     upKept = nullptr;
     for (int32_t x = next_marked(flag, 0, w); x < w; x = next_marked(flag, x + 1, w)) {
       const int32_t c = row[x];
@@ -458,7 +462,7 @@ void pick_sides(StereoBuffers* b, const uint8_t* img, int32_t stride, const uint
       if (far == STEREO_INVALID) continue;
       // Support columns whose matches lie inside the right view at both disparities (which
       // may be negative); a centre seen at only one of them is left as it is.
-      const int32_t sn = (c + STEREO_SUBPIXEL / 2) >> 4, sf = (far + STEREO_SUBPIXEL / 2) >> 4;
+      const int32_t sn = whole_pixels(c), sf = whole_pixels(far);
       const int32_t sMax = sn > sf ? sn : sf, sMin = sn < sf ? sn : sf;
       const int32_t xa = std::max(std::max(x - sr, 0), sMax), xb = std::min(std::min(x + sr, w - 1), w - 1 + sMin);
       if (xa > x || xb < x) continue;
